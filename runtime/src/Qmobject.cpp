@@ -1,0 +1,3 @@
+#include "Qmobject.h"
+
+Qmobject::~Qmobject() = default;

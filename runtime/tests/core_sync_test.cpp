@@ -1,0 +1,126 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "QmconCriticalSection.h"
+#include "QmconEvent.h"
+#include "QmconLock.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long ElapsedMs(Clock::time_point since) {
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
+}
+
+TEST(QmconEventTest, AutoResetConsumesOneSignal) {
+  QmconEvent event;
+  EXPECT_EQ(event.Wait(0), QmconEvent::TIMEDOUT);
+  event.Broadcast();
+  EXPECT_EQ(event.Wait(0), QmconEvent::SIGNALLED);
+  EXPECT_EQ(event.Wait(0), QmconEvent::TIMEDOUT);
+}
+
+TEST(QmconEventTest, ManualResetStaysSignalledUntilReset) {
+  QmconEvent event(true);
+  event.Broadcast();
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(event.Wait(0), QmconEvent::SIGNALLED);
+  event.Reset();
+  EXPECT_EQ(event.Wait(0), QmconEvent::TIMEDOUT);
+}
+
+TEST(QmconEventTest, SubSecondPartOfTimeoutCountsAsMicroseconds) {
+  QmconEvent event;
+  auto start = Clock::now();
+  EXPECT_EQ(event.Wait(1500), QmconEvent::TIMEDOUT);
+  const long elapsed = ElapsedMs(start);
+  // About 1.0015 s, not 1.5 s.
+  EXPECT_GE(elapsed, 950);
+  EXPECT_LT(elapsed, 1400);
+
+  start = Clock::now();
+  EXPECT_EQ(event.Wait(500), QmconEvent::TIMEDOUT);
+  EXPECT_LT(ElapsedMs(start), 300);
+}
+
+TEST(QmconEventTest, BroadcastWakesWaiterBlockedWithoutLimit) {
+  QmconEvent event;
+  std::atomic<int> result{0};
+  std::thread waiter([&] { result = event.Wait(-1); });
+  event.Broadcast();
+  waiter.join();
+  EXPECT_EQ(result.load(), QmconEvent::SIGNALLED);
+}
+
+TEST(QmconEventTest, DestructionReleasesAllWaiters) {
+  for (bool manual : {false, true}) {
+    auto* event = new QmconEvent(manual);
+    std::atomic<int> entered{0};
+    std::vector<std::thread> waiters;
+    std::vector<int> results(4, 0);
+    for (size_t i = 0; i < results.size(); ++i) {
+      waiters.emplace_back([&, i] {
+        ++entered;
+        results[i] = event->Wait(-1);
+      });
+    }
+    while (entered < 4) std::this_thread::yield();
+    // No observable state tells that a thread has blocked inside Wait; give
+    // the waiters a moment to get there.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    delete event;
+    for (auto& t : waiters) t.join();
+    for (int r : results) EXPECT_EQ(r, QmconEvent::SIGNALLED) << "manual=" << manual;
+  }
+}
+
+TEST(QmconLockTest, RecursiveForOwnerBusyForOthers) {
+  QmconLock lock;
+  ASSERT_EQ(lock.Lock(), 0);
+  EXPECT_EQ(lock.TryLock(), 0);  // the owner may take it again
+  int fromOther = -1;
+  std::thread([&] { fromOther = lock.TryLock(); }).join();
+  EXPECT_EQ(fromOther, 1);
+  EXPECT_EQ(lock.Unlock(), 0);
+  EXPECT_EQ(lock.Unlock(), 0);
+  std::thread([&] {
+    fromOther = lock.TryLock();
+    if (fromOther == 0) lock.Unlock();
+  }).join();
+  EXPECT_EQ(fromOther, 0);
+}
+
+TEST(QmconCriticalSectionTest, ScopedGuardSerialisesThreads) {
+  QmconLock lock;
+  long counter = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 10000; ++i) {
+        QmconCriticalSection guard(&lock, true, true, false);
+        ++counter;
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(counter, 40000);
+  EXPECT_EQ(lock.TryLock(), 0);
+  lock.Unlock();
+}
+
+TEST(QmconCriticalSectionTest, OwnedLockEnterLeave) {
+  QmconCriticalSection section;
+  ASSERT_NE(section.GetLockObj(), nullptr);
+  EXPECT_TRUE(section.Enter());
+  int fromOther = -1;
+  std::thread([&] { fromOther = section.GetLockObj()->TryLock(); }).join();
+  EXPECT_EQ(fromOther, 1);
+  EXPECT_TRUE(section.Leave());
+}
+
+}  // namespace

@@ -1,0 +1,149 @@
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "QmconEvent.h"
+#include "QmconException.h"
+#include "QmconFunctions.h"
+#include "QmconThread.h"
+
+namespace {
+
+class ThreadTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { QmconThread::InitializeLibrary(); }
+};
+
+// Counts its runs and signals when done.
+class CountingWork : public QmconDelegate {
+ public:
+  void DoWork(void*) override {
+    ++runs;
+    done.Broadcast();
+  }
+  std::atomic<int> runs{0};
+  QmconEvent done{true};
+};
+
+// Spins until told to stop, counting iterations.
+class SpinningWork : public QmconDelegate {
+ public:
+  void DoWork(void*) override {
+    started.Broadcast();
+    while (!stop) {
+      ++ticks;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+  std::atomic<bool> stop{false};
+  std::atomic<long> ticks{0};
+  QmconEvent started{true};
+};
+
+// Deletes itself through auto-clean and reports it.
+class SelfDeletingWork : public QmconDelegate {
+ public:
+  explicit SelfDeletingWork(QmconEvent* deleted) : m_deleted(deleted) {}
+  ~SelfDeletingWork() override { m_deleted->Broadcast(); }
+  void DoWork(void*) override {}
+
+ private:
+  QmconEvent* m_deleted;
+};
+
+TEST_F(ThreadTest, RunsDelegateOnceAndBecomesIdle) {
+  QmconThread thread;
+  CountingWork work;
+  thread.Run(&work);
+  ASSERT_EQ(work.done.Wait(5000), QmconEvent::SIGNALLED);
+  thread.WaitForThreadObject(5000);
+  EXPECT_EQ(work.runs.load(), 1);
+  EXPECT_EQ(thread.GetThreadID(), QmconThread::kNoThread);
+}
+
+TEST_F(ThreadTest, RunOnRunningObjectStartsNothing) {
+  QmconThread thread;
+  SpinningWork first;
+  CountingWork second;
+  thread.Run(&first);
+  ASSERT_EQ(first.started.Wait(5000), QmconEvent::SIGNALLED);
+  thread.Run(&second);
+  EXPECT_EQ(second.done.Wait(0), QmconEvent::TIMEDOUT);
+  first.stop = true;
+  thread.WaitForThreadObject(5000);
+  EXPECT_EQ(second.runs.load(), 0);
+}
+
+TEST_F(ThreadTest, AutoCleanDeletesThreadAndDelegate) {
+  QmconEvent deleted(true);
+  auto* thread = new QmconThread();
+  thread->SetAutoClean(true);
+  thread->Run(new SelfDeletingWork(&deleted));
+  EXPECT_EQ(deleted.Wait(5000), QmconEvent::SIGNALLED);
+}
+
+TEST_F(ThreadTest, SuspendStopsProgressUntilSigusr2) {
+  QmconThread thread;
+  SpinningWork work;
+  thread.Run(&work);
+  ASSERT_EQ(work.started.Wait(5000), QmconEvent::SIGNALLED);
+  thread.Stop();
+  const long atSuspend = work.ticks.load();
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_LE(work.ticks.load(), atSuspend + 1);
+  ASSERT_EQ(pthread_kill(thread.GetThreadID(), SIGUSR2), 0);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (work.ticks.load() <= atSuspend + 1 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  EXPECT_GT(work.ticks.load(), atSuspend + 1);
+  work.stop = true;
+  thread.WaitForThreadObject(5000);
+}
+
+TEST_F(ThreadTest, KillEndsTheThreadNotTheProcess) {
+  QmconThread thread;
+  SpinningWork work;
+  thread.Run(&work);
+  ASSERT_EQ(work.started.Wait(5000), QmconEvent::SIGNALLED);
+  // Kill only once the thread is in its loop: a thread ended inside a call
+  // that must not throw (here, the event's broadcast) aborts the process.
+  while (work.ticks.load() < 2) std::this_thread::yield();
+  thread.Kill();
+  EXPECT_EQ(thread.GetThreadID(), QmconThread::kNoThread);
+  const long atKill = work.ticks.load();
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_LE(work.ticks.load(), atKill + 1);
+}
+
+TEST_F(ThreadTest, WaitForThreadObjectPollsUntilEndWhenCountIsNotAMultiple) {
+  QmconThread thread;
+  SpinningWork work;
+  thread.Run(&work);
+  ASSERT_EQ(work.started.Wait(5000), QmconEvent::SIGNALLED);
+  std::thread stopper([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    work.stop = true;
+  });
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(thread.WaitForThreadObject(100), 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+  EXPECT_FALSE(thread.IsRunning());
+  stopper.join();
+}
+
+TEST(QmconExceptionTest, ToStringCarriesThreadFileLineAndTexts) {
+  QmconException e(42, "../src/QmconEvent", 7, "Lock failed", "Invalid argument");
+  EXPECT_EQ(e.ToString(),
+            "Exception raised! ThreadID[42] File[../src/QmconEvent] Line[7] Msg[Lock failed] "
+            "SysMsg[Invalid argument]");
+  QmconException shortForm(1, "Thread Pool Is Stopping");
+  EXPECT_EQ(shortForm.GetFile(), "");
+  EXPECT_EQ(shortForm.GetMsg(), "Thread Pool Is Stopping");
+}
+
+}  // namespace

@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build needs, only those missing.
+# Source it and call qm_install_deps, or run it directly.
+
+QM_PACKAGES=(cmake make g++ clang pkg-config libexpat1-dev libpcre2-dev libsqlite3-dev
+  libgtest-dev libgmock-dev libbenchmark-dev python3)
+
+qm_install_deps() {
+  local missing=()
+  local pkg
+  for pkg in "${QM_PACKAGES[@]}"; do
+    dpkg -s "$pkg" >/dev/null 2>&1 || missing+=("$pkg")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "Installing missing packages: ${missing[*]}"
+  local sudo=""
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null 2>&1 || { echo "error: need root or sudo to install ${missing[*]}" >&2; return 1; }
+    sudo="sudo"
+  fi
+  $sudo apt-get update -qq || return 1
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null || return 1
+}
+
+if [ "${BASH_SOURCE[0]}" = "$0" ]; then
+  set -e
+  qm_install_deps
+fi
