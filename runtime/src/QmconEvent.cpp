@@ -71,11 +71,14 @@ int QmconEvent::Wait(int timeoutMs) {
   return rc == 0 ? SIGNALLED : FAILED;
 }
 
+// The condition is signalled while the mutex is held: a waiter that wakes
+// may destroy the event at once, and the destructor's lock then waits until
+// this call no longer touches it.
 void QmconEvent::Broadcast() {
   pthread_mutex_lock(&m_mutex);
   m_signalled = true;
-  pthread_mutex_unlock(&m_mutex);
   const int rc = m_manualReset ? pthread_cond_broadcast(&m_cond) : pthread_cond_signal(&m_cond);
+  pthread_mutex_unlock(&m_mutex);
   if (rc != 0) QMCON_THROW("Broadcast Event Failed");
 }
 

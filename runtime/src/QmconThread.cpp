@@ -29,11 +29,13 @@ struct StartRecord {
 
 // SIGUSR1: sleep inside the handler until SIGUSR2 arrives.
 void StopSingleHandler(int) {
+  const int savedErrno = errno;
   sigset_t set;
   sigfillset(&set);
   sigdelset(&set, SIGUSR2);
   is_Suspend = true;
   sigsuspend(&set);
+  errno = savedErrno;
 }
 
 // SIGUSR2: exists only so that the signal interrupts the suspension.
@@ -48,6 +50,16 @@ void InstallHandler(int signo, void (*handler)(int)) {
   sigemptyset(&action.sa_mask);
   action.sa_flags = 0;
   if (sigaction(signo, &action, nullptr) != 0) QMCON_THROW("Initialize Thread Lib Failed");
+}
+
+// The C library loads its unwinder on the first pthread_exit. Doing that
+// inside a signal handler would allocate there, so one short-lived thread
+// exits once at start-up.
+void PreloadThreadExitSupport() {
+  pthread_t id;
+  if (pthread_create(&id, nullptr, [](void*) -> void* { pthread_exit(nullptr); }, nullptr) == 0) {
+    pthread_join(id, nullptr);
+  }
 }
 
 std::string CreateErrorText(int rc) {
@@ -69,6 +81,7 @@ QmconThread::~QmconThread() = default;
 
 void QmconThread::InitializeLibrary() {
   if (pthread_mutex_init(&the_ThreadGuard, nullptr) != 0) QMCON_THROW("Create Lock Failed");
+  PreloadThreadExitSupport();
   InstallHandler(SIGUSR1, StopSingleHandler);
   InstallHandler(SIGUSR2, StartSingleHandler);
   InstallHandler(SIGQUIT, EndThreadHandler);
@@ -110,8 +123,11 @@ void* QmconThread::ThreadWork(void* arg) {
   delete record;
 
   if (work != nullptr) work->DoWork(work->GetUserData());
+  // Once the id is reset the owner may destroy the thread object, so read
+  // the flag first and touch nothing of it afterwards.
+  const bool autoClean = thread->m_autoClean;
   thread->m_threadId = kNoThread;
-  if (thread->m_autoClean) {
+  if (autoClean) {
     delete thread;
     delete work;
   }
