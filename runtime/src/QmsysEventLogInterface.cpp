@@ -1,0 +1,591 @@
+#include "QmsysEventLogInterface.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <functional>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "QmIniReaderWriterEx.h"
+#include "QmString.h"
+#include "QmconFunctions.h"
+#include "QmsysEventLogMultiThreaded.h"
+#include "QmsysEventLogSingleThreaded.h"
+#include "QmsysSystemLog.h"
+
+namespace {
+
+const int kLoadAttempts = 25;
+const char* const kMainHead = "[main]";
+const char* const kCommonHead = "[common]";
+const char* const kCommonLogger = "common";
+const char* const kCommonLogFile = "common_logs";
+
+// The process-wide table of named loggers, in registration order. Never
+// destroyed, so loggers a process does not release stay reachable.
+struct Registry {
+  std::mutex mutex;
+  std::vector<std::pair<std::string, std::unique_ptr<QmsysEventLogInterface>>> loggers;
+
+  QmsysEventLogInterface* find(const std::string& name) const {
+    for (const auto& entry : loggers) {
+      if (entry.first == name) return entry.second.get();
+    }
+    return nullptr;
+  }
+
+  // Replaces a logger of the same name; fails when the table is full.
+  bool add(const std::string& name, std::unique_ptr<QmsysEventLogInterface> logger) {
+    for (auto& entry : loggers) {
+      if (entry.first == name) {
+        entry.second = std::move(logger);
+        return true;
+      }
+    }
+    if (loggers.size() >= static_cast<size_t>(QmsysEventLogInterface::kMaxLoggers)) return false;
+    loggers.emplace_back(name, std::move(logger));
+    return true;
+  }
+};
+
+Registry& TheRegistry() {
+  static Registry* registry = new Registry;
+  return *registry;
+}
+
+std::string FormatArgs(const char* format, va_list args) {
+  va_list copy;
+  va_copy(copy, args);
+  const int needed = vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  if (needed <= 0) return std::string();
+  std::vector<char> buffer(static_cast<size_t>(needed) + 1);
+  vsnprintf(buffer.data(), buffer.size(), format, args);
+  return std::string(buffer.data(), static_cast<size_t>(needed));
+}
+
+bool FileExists(const std::string& path) {
+  struct stat info {};
+  return stat(path.c_str(), &info) == 0;
+}
+
+// Creates the directory and any missing parents.
+void MakeDirectories(const std::string& directory) {
+  for (size_t slash = directory.find('/', 1); slash != std::string::npos;
+       slash = directory.find('/', slash + 1)) {
+    mkdir(directory.substr(0, slash).c_str(), 0775);
+  }
+  mkdir(directory.c_str(), 0775);
+}
+
+std::string DirectoryOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string SectionOf(const std::string& loggerName) {
+  return "[" + loggerName + "]";
+}
+
+// The logger that configures the module: its "[main]" entry, else "common"
+// when that section names a writer; empty when there is none.
+std::string LoggerNameFor(const IniReaderWriter& ini, const std::string& moduleName) {
+  const std::string name = ini.getKeyValue(kMainHead, moduleName);
+  if (!name.empty()) return name;
+  return ini.isKeyPresent(kCommonHead, "writer") ? kCommonLogger : std::string();
+}
+
+void SetMissingKey(IniReaderWriter& ini, const std::string& head, const std::string& key,
+                   const std::string& value) {
+  if (ini.getKeyValue(head, key).empty()) ini.setKeyValue(head, key, value);
+}
+
+// Writes the default keys of a file logger section where they are missing,
+// optionally enters the module in "[main]", and creates the log file.
+void CreateDefaultLogger(IniReaderWriter& ini, const std::string& configPath,
+                         const std::string& moduleName, const std::string& loggerName,
+                         const std::string& logFileName, bool addToMain) {
+  const std::string head = SectionOf(loggerName);
+  std::string logPath = ini.getKeyValue(head, "filePath");
+  if (logPath.empty()) logPath = QmsysEventLogInterface::getLogDirPath(configPath, logFileName);
+  SetMissingKey(ini, head, "writer", "file");
+  SetMissingKey(ini, head, "level", "info");
+  SetMissingKey(ini, head, "filePath", logPath);
+  SetMissingKey(ini, head, "bytesPerFiles", "204800");
+  SetMissingKey(ini, head, "numFiles", "20");
+  SetMissingKey(ini, head, "autoAppend", "1");
+  SetMissingKey(ini, head, "perProcessFile", "0");
+  if (addToMain) ini.setKeyValue(kMainHead, moduleName, loggerName);
+  MakeDirectories(DirectoryOf(logPath));
+  if (!FileExists(logPath)) {
+    FILE* file = fopen(logPath.c_str(), "w");
+    if (file != nullptr) fclose(file);
+  }
+}
+
+bool IsLoggerNameTaken(const IniReaderWriter& ini, const std::string& moduleName,
+                       const std::string& loggerName) {
+  return ini.isHeadPresent(SectionOf(loggerName)) &&
+         ini.getKeyValue(kMainHead, moduleName) != loggerName;
+}
+
+// Adds a logger of the module's own ("<module>_logger", or with the first
+// free counter when another module has that name) and enters it in "[main]".
+void CreateLogger(IniReaderWriter& ini, const std::string& configPath,
+                  const std::string& moduleName) {
+  std::string name = moduleName + "_logger";
+  for (int counter = 1; IsLoggerNameTaken(ini, moduleName, name) && counter < 100; ++counter) {
+    name = QmstringFormat("%s(%02d)_logger", moduleName.c_str(), counter);
+  }
+  CreateDefaultLogger(ini, configPath, moduleName, name, name, true);
+}
+
+// Makes sure the module's logger section exists and names a writer, and
+// that an SQLite logger names its database.
+bool RepairModuleLogger(IniReaderWriter& ini, const std::string& configPath,
+                        const std::string& moduleName) {
+  const std::string name = LoggerNameFor(ini, moduleName);
+  if (name.empty()) {
+    CreateLogger(ini, configPath, moduleName);
+    return true;
+  }
+  const std::string head = SectionOf(name);
+  const std::string writer = ini.getKeyValue(head, "writer");
+  if (writer.empty()) {
+    CreateDefaultLogger(ini, configPath, moduleName, name, name, false);
+    return true;
+  }
+  if (QmstringEqualsNoCase(writer, "sqlite") && ini.getKeyValue(head, "dbfilename").empty() &&
+      ini.getKeyValue(head, "filename").empty()) {
+    const std::string logPath = QmsysEventLogInterface::getLogDirPath(configPath, name);
+    ini.setKeyValue(head, "dbfilename", logPath.substr(0, logPath.size() - 4) + ".db");
+    return true;
+  }
+  return false;
+}
+
+// The module's registered logger, or a new one of `type`, set up by
+// `configure` and registered; null when the registry is full.
+QmsysEventLogInterface* FindOrRegister(
+    const std::string& moduleName, QmsysEventLogInterface::LoggerType type,
+    const std::function<void(QmsysEventLogInterface&)>& configure) {
+  Registry& registry = TheRegistry();
+  std::lock_guard<std::mutex> lock(registry.mutex);
+  if (QmsysEventLogInterface* found = registry.find(moduleName)) return found;
+  if (registry.loggers.size() >= static_cast<size_t>(QmsysEventLogInterface::kMaxLoggers)) {
+    QmsysSystemLog::Write("QmsysEventLogInterface::CreateInstance", QmsysSystemLog::CATEGORY_ERROR,
+                          "Unable to register logger for module [%s]: registry is full.",
+                          moduleName.c_str());
+    return nullptr;
+  }
+  std::unique_ptr<QmsysEventLogInterface> logger;
+  if (type == QmsysEventLogInterface::MULTI_THREADED) {
+    logger = std::make_unique<QmsysEventLogMultiThreaded>(moduleName);
+  } else {
+    logger = std::make_unique<QmsysEventLogSingleThreaded>(moduleName);
+  }
+  configure(*logger);
+  QmsysEventLogInterface* created = logger.get();
+  registry.add(moduleName, std::move(logger));
+  return created;
+}
+
+void ReportConfigFault(const char* function, const std::string& path) {
+  QmsysSystemLog::Write(function, QmsysSystemLog::CATEGORY_ERROR, "Unable to open %s: %s",
+                        path.c_str(), QmgetLastError().c_str());
+}
+
+}  // namespace
+
+// ---- registry --------------------------------------------------------------
+
+QmsysEventLogInterface* QmsysEventLogInterface::CreateInstance(const std::string& moduleName,
+                                                               LoggerType type,
+                                                               const std::string& configDirectory,
+                                                               const std::string& processName) {
+  checkAndRepairConfigFile(configDirectory, moduleName);
+  return FindOrRegister(moduleName, type, [&](QmsysEventLogInterface& logger) {
+    logger.initialize(configDirectory, processName);
+  });
+}
+
+QmsysEventLogInterface* QmsysEventLogInterface::CreateInstance(
+    const std::string& moduleName, LoggerType type,
+    QmsysEventLogWriterInterface::WriterTypes writerType, const std::string& processName) {
+  return FindOrRegister(moduleName, type, [&](QmsysEventLogInterface& logger) {
+    logger.m_processName = processName;
+    logger.setWriter(QmsysEventLogWriterInterface::CreateInstance(writerType));
+  });
+}
+
+QmsysEventLogInterface* QmsysEventLogInterface::GetInstance(const std::string& moduleName, int line,
+                                                            const char* file) {
+  {
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    if (QmsysEventLogInterface* found = registry.find(moduleName)) return found;
+  }
+  static thread_local std::string text;
+  if (line == 0 && file == nullptr) {
+    text =
+        QmstringFormat("QmsysEventLogInterface object for module [%s] is called before creation.",
+                       moduleName.c_str());
+  } else {
+    text = QmstringFormat(
+        "QmsysEventLogInterface object for module [%s] is called before creation @ line [%d] in "
+        "file [%s].",
+        moduleName.c_str(), line, file != nullptr ? file : "");
+  }
+  QmsysSystemLog::Write("QmsysEventLogInterface::GetInstance()", QmsysSystemLog::CATEGORY_ERROR,
+                        "%s", text.c_str());
+  throw text.c_str();
+}
+
+QmsysEventLogInterface* QmsysEventLogInterface::GetInstance(int line, const char* file) {
+  {
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    if (!registry.loggers.empty()) return registry.loggers.front().second.get();
+  }
+  static thread_local std::string text;
+  text = QmstringFormat(
+      "QmsysEventLogInterface object is called before creation @ line [%d] in file [%s].", line,
+      file != nullptr ? file : "");
+  QmsysSystemLog::Write("QmsysEventLogInterface::GetInstance()", QmsysSystemLog::CATEGORY_ERROR,
+                        "%s", text.c_str());
+  throw text.c_str();
+}
+
+bool QmsysEventLogInterface::IsInstanceAvailable(const std::string& moduleName) {
+  Registry& registry = TheRegistry();
+  std::lock_guard<std::mutex> lock(registry.mutex);
+  return registry.find(moduleName) != nullptr;
+}
+
+void QmsysEventLogInterface::ReleaseAll() {
+  std::vector<std::pair<std::string, std::unique_ptr<QmsysEventLogInterface>>> released;
+  {
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    released.swap(registry.loggers);
+  }
+  for (auto& entry : released) entry.second->Stop();
+}
+
+// ---- configuration file ----------------------------------------------------
+
+std::string QmsysEventLogInterface::getConfigFileName(const std::string& directory) {
+  std::string path;
+  for (size_t i = 0; i < directory.size(); ++i) {
+    path += directory[i];
+    if (directory[i] != '\\') continue;
+    if (i + 1 < directory.size() && directory[i + 1] == '\\') {
+      path += directory[++i];
+    } else {
+      path += '\\';
+    }
+  }
+  if (path.empty() || path.back() != '/') path += "/";
+  return path + "qmlogs.ini";
+}
+
+std::string QmsysEventLogInterface::getLogDirPath(const std::string& configPath,
+                                                  const std::string& fileName,
+                                                  const std::string& directory) {
+  const std::string name = QmstringReplaceAll(fileName, " ", "_");
+  if (!directory.empty()) return directory + "/" + name + "_log.txt";
+  const size_t config = configPath.rfind("/config");
+  const std::string base =
+      config != std::string::npos ? configPath.substr(0, config) : DirectoryOf(configPath);
+  const std::string logDir = base + "/logs/";
+  std::string path = QmstringFormat("%s%s.txt", logDir.c_str(), name.c_str());
+  for (int index = 0; FileExists(path); ++index) {
+    path = QmstringFormat("%s%s.%d.txt", logDir.c_str(), name.c_str(), index);
+  }
+  return path;
+}
+
+bool QmsysEventLogInterface::generateConfigFile(const std::string& configPath,
+                                                const std::string& moduleName) {
+  MakeDirectories(DirectoryOf(configPath));
+  QmIniReaderWriterEx ini(configPath, true, true);
+  if (!ini.open(true)) {
+    ReportConfigFault("QmsysEventLogInterface::generateConfigFile", configPath);
+    return false;
+  }
+  ini.lock(false);
+  ini[kMainHead];
+  CreateLogger(ini, configPath, moduleName);
+  CreateDefaultLogger(ini, configPath, kCommonLogger, kCommonLogger, kCommonLogFile, false);
+  const bool written = ini.write();
+  ini.close();
+  return written;
+}
+
+bool QmsysEventLogInterface::checkAndRepairConfigFile(const std::string& configDirectory,
+                                                      const std::string& moduleName) {
+  const std::string configPath = getConfigFileName(configDirectory);
+  if (!FileExists(configPath)) return generateConfigFile(configPath, moduleName);
+
+  QmIniReaderWriterEx ini(configPath, true, true);
+  if (!ini.open(false) || !ini.lock(false) || !ini.read()) {
+    ReportConfigFault("QmsysEventLogInterface::checkAndRepairConfigFile", configPath);
+    return false;
+  }
+  bool changed = false;
+  if (!ini.isHeadPresent(kMainHead)) {
+    ini[kMainHead];
+    changed = true;
+  }
+  if (!ini.isHeadPresent(kCommonHead)) {
+    CreateDefaultLogger(ini, configPath, kCommonLogger, kCommonLogger, kCommonLogFile, false);
+    changed = true;
+  }
+  changed = RepairModuleLogger(ini, configPath, moduleName) || changed;
+  const bool written = !changed || ini.write();
+  ini.close();
+  return written;
+}
+
+std::string QmsysEventLogInterface::getModuleAttributeValues(const std::string& configDirectory,
+                                                             const std::string& moduleName,
+                                                             const std::string& attribute) {
+  QmIniReaderWriterEx ini(getConfigFileName(configDirectory), true, true);
+  if (!ini.open(false) || !ini.lock(true) || !ini.read()) return std::string();
+  const std::string name = LoggerNameFor(ini, moduleName);
+  const std::string value =
+      name.empty() ? std::string() : ini.getKeyValue(SectionOf(name), attribute);
+  ini.close();
+  return value;
+}
+
+bool QmsysEventLogInterface::DeleteLoggerFiles(const std::string& directory,
+                                               const std::string& moduleName) {
+  DIR* dir = opendir(directory.c_str());
+  if (dir == nullptr) return false;
+  std::vector<std::string> doomed;
+  while (dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    const bool lockFile = name.size() > 5 && name.compare(name.size() - 5, 5, ".lock") == 0;
+    const bool logFile = !moduleName.empty() &&
+                         name.compare(0, moduleName.size(), moduleName) == 0 &&
+                         name.find(".txt") != std::string::npos;
+    if (lockFile || logFile) doomed.push_back(directory + "/" + name);
+  }
+  closedir(dir);
+  bool deleted = true;
+  for (const std::string& path : doomed) deleted = (unlink(path.c_str()) == 0) && deleted;
+  return deleted;
+}
+
+// ---- one logger ------------------------------------------------------------
+
+QmsysEventLogInterface::QmsysEventLogInterface(const std::string& moduleName)
+    : m_loggerName(moduleName) {}
+
+QmsysEventLogInterface::~QmsysEventLogInterface() = default;
+
+bool QmsysEventLogInterface::initialize(const std::string& configDirectory,
+                                        const std::string& processName) {
+  m_configPath = getConfigFileName(configDirectory);
+  m_processName = processName;
+  return loadWriterConfig(kLoadAttempts);
+}
+
+bool QmsysEventLogInterface::loadWriterConfig(int attempts) {
+  for (int attempt = 0; attempt < attempts && !m_writer; ++attempt) loadWriterConfigOnce();
+  return m_writer != nullptr;
+}
+
+bool QmsysEventLogInterface::loadWriterConfigOnce() {
+  QmIniReaderWriterEx ini(m_configPath, true, true);
+  if (!ini.open(false) || !ini.lock(true) || !ini.read()) {
+    QmsysSystemLog::Write("QmsysEventLogInterface::loadWriterConfig",
+                          QmsysSystemLog::CATEGORY_ERROR,
+                          "Unable to load/read config/qmlogs.ini file.");
+    return false;
+  }
+  const std::string name = LoggerNameFor(ini, m_loggerName);
+  return !name.empty() && configureWriter(ini, SectionOf(name));
+}
+
+bool QmsysEventLogInterface::configureWriter(IniReaderWriter& ini, const std::string& section) {
+  const std::string writerName = ini.getKeyValue(section, "writer");
+  QmsysEventLogWriterInterface::WriterTypes type;
+  if (QmstringEqualsNoCase(writerName, "sqlite")) {
+    type = QmsysEventLogWriterInterface::SQLITE_WRITER;
+  } else if (QmstringEqualsNoCase(writerName, "file")) {
+    type = QmsysEventLogWriterInterface::FILE_WRITER;
+  } else if (QmstringEqualsNoCase(writerName, "qtdebug")) {
+    type = QmsysEventLogWriterInterface::QTDEBUG_WRITER;
+  } else {
+    return false;
+  }
+  std::unique_ptr<QmsysEventLogWriterInterface> writer =
+      QmsysEventLogWriterInterface::CreateInstance(type);
+  if (!writer) {
+    QmsysSystemLog::Write("QmsysEventLogInterface::loadWriterConfig",
+                          QmsysSystemLog::CATEGORY_ERROR,
+                          "Error occurred while creating log writer.");
+    return false;
+  }
+  setLogLevel(QmsysEventLogWriterInterface::getLogLevel(ini.getKeyValue(section, "level"), false));
+  for (int index = 0;; ++index) {
+    const std::string key = ini.getKey(section, index);
+    if (key.empty()) break;
+    if (QmstringEqualsNoCase(key, "writer") || QmstringEqualsNoCase(key, "level")) continue;
+    writer->setParameter(key, ini.getKeyValue(section, index));
+  }
+  if (!writer->isInitialized()) {
+    QmsysSystemLog::Write("QmsysEventLogInterface::loadWriterConfig",
+                          QmsysSystemLog::CATEGORY_ERROR,
+                          "Log writer initialization failed. Check qmlogs.ini");
+  }
+  setWriter(std::move(writer));
+  return true;
+}
+
+void QmsysEventLogInterface::setWriter(std::unique_ptr<QmsysEventLogWriterInterface> writer) {
+  m_writer = std::move(writer);
+}
+
+QmsysEventLogWriterInterface* QmsysEventLogInterface::GetWriter() {
+  return m_writer.get();
+}
+
+bool QmsysEventLogInterface::Start() {
+  m_alive = m_writer && m_writer->isInitialized();
+  return m_alive;
+}
+
+bool QmsysEventLogInterface::Stop() {
+  m_alive = false;
+  return true;
+}
+
+bool QmsysEventLogInterface::IsAlive() {
+  return m_alive;
+}
+
+void QmsysEventLogInterface::setLogLevel(QmsysEventLogWriterInterface::LogLevel level) {
+  m_level = level;
+}
+
+void QmsysEventLogInterface::SetLogLevel(QmLogInterface::LogLevel level) {
+  m_level = QmsysEventLogWriterInterface::getLogLevel(static_cast<int>(level));
+}
+
+QmLogInterface::LogLevel QmsysEventLogInterface::GetLogLevel() {
+  return static_cast<QmLogInterface::LogLevel>(m_level.load());
+}
+
+std::string QmsysEventLogInterface::GetLoggerName() {
+  return m_loggerName;
+}
+
+void QmsysEventLogInterface::EnableThreadIdPrefix(bool enable) {
+  m_threadIdPrefix = enable;
+}
+
+// ---- writing ---------------------------------------------------------------
+
+bool QmsysEventLogInterface::writeAt(QmsysEventLogWriterInterface::LogLevel level,
+                                     const std::string& msg, int line, const char* file) {
+  if (!m_alive) return false;
+  if (level != QmsysEventLogWriterInterface::LEVEL_FATAL && m_level > level) return false;
+  if (!m_threadIdPrefix) return Print(level, msg, line, file);
+  return Print(level, "[TID:" + std::to_string(GetMyThreadID()) + "] " + msg, line, file);
+}
+
+bool QmsysEventLogInterface::WriteTrace(const std::string& msg, int line, const char* file) {
+  return writeAt(QmsysEventLogWriterInterface::LEVEL_TRACE, msg, line, file);
+}
+
+bool QmsysEventLogInterface::WriteDebug(const std::string& msg, int line, const char* file) {
+  return writeAt(QmsysEventLogWriterInterface::LEVEL_DEBUG, msg, line, file);
+}
+
+bool QmsysEventLogInterface::WriteInfo(const std::string& msg, int line, const char* file) {
+  return writeAt(QmsysEventLogWriterInterface::LEVEL_INFO, msg, line, file);
+}
+
+bool QmsysEventLogInterface::WriteWarn(const std::string& msg, int line, const char* file) {
+  return writeAt(QmsysEventLogWriterInterface::LEVEL_WARN, msg, line, file);
+}
+
+bool QmsysEventLogInterface::WriteError(const std::string& msg, int line, const char* file) {
+  return writeAt(QmsysEventLogWriterInterface::LEVEL_ERROR, msg, line, file);
+}
+
+bool QmsysEventLogInterface::WriteCritical(const std::string& msg, int line, const char* file) {
+  return writeAt(QmsysEventLogWriterInterface::LEVEL_CRITICAL, msg, line, file);
+}
+
+bool QmsysEventLogInterface::WriteFatal(const std::string& msg, int line, const char* file) {
+  return writeAt(QmsysEventLogWriterInterface::LEVEL_FATAL, msg, line, file);
+}
+
+// ---- older printf-style entry points ----------------------------------------
+
+bool QmsysEventLogInterface::writeLegacy(QmsysEventLogWriterInterface::LogLevel level,
+                                         const std::string& text) {
+  return writeAt(level, text, 0, "");
+}
+
+bool QmsysEventLogInterface::Print(const char* tag, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const std::string text = FormatArgs(format, args);
+  va_end(args);
+  return writeLegacy(QmsysEventLogWriterInterface::LEVEL_INFO,
+                     QmstringFormat("%s %s", tag != nullptr ? tag : "", text.c_str()));
+}
+
+bool QmsysEventLogInterface::WriteInfo(const char* tag, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const std::string text = FormatArgs(format, args);
+  va_end(args);
+  return writeLegacy(QmsysEventLogWriterInterface::LEVEL_INFO,
+                     QmstringFormat("%s %s", tag != nullptr ? tag : "", text.c_str()));
+}
+
+bool QmsysEventLogInterface::WriteError(Severity severity, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const std::string text = FormatArgs(format, args);
+  va_end(args);
+  QmsysEventLogWriterInterface::LogLevel level = QmsysEventLogWriterInterface::LEVEL_ERROR;
+  if (severity == SEVERITY_CRITICAL) level = QmsysEventLogWriterInterface::LEVEL_CRITICAL;
+  if (severity == SEVERITY_FATAL) level = QmsysEventLogWriterInterface::LEVEL_FATAL;
+  return writeLegacy(level, text);
+}
+
+bool QmsysEventLogInterface::WriteTrace(TraceLevel traceLevel, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const std::string text = FormatArgs(format, args);
+  va_end(args);
+  QmsysEventLogWriterInterface::LogLevel level = QmsysEventLogWriterInterface::LEVEL_TRACE;
+  if (traceLevel == TRACE_DEBUG) level = QmsysEventLogWriterInterface::LEVEL_DEBUG;
+  if (traceLevel == TRACE_INFO) level = QmsysEventLogWriterInterface::LEVEL_INFO;
+  return writeLegacy(level, text);
+}
+
+bool QmsysEventLogInterface::WriteSystemError(const char* tag, const char* format, ...) {
+  const std::string systemError = QmgetLastError();
+  va_list args;
+  va_start(args, format);
+  const std::string text = FormatArgs(format, args);
+  va_end(args);
+  return writeLegacy(QmsysEventLogWriterInterface::LEVEL_ERROR,
+                     QmstringFormat("%s %s", tag != nullptr ? tag : "", text.c_str()) +
+                         " [System Library Error] " + systemError);
+}
