@@ -36,8 +36,8 @@ class QmLogInterface {
 
 // Writes through `logger` when one is attached; `level` is Trace, Debug,
 // Info, Warn, Error, Critical or Fatal and `file` the source name to record.
-#define QM_LOG(logger, level, file, msg)                  \
-  do {                                                    \
+#define QM_LOG(logger, level, file, msg)                                      \
+  do {                                                                        \
     if ((logger) != nullptr) (logger)->Write##level((msg), __LINE__, (file)); \
   } while (0)
 
