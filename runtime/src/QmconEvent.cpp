@@ -38,10 +38,37 @@ void QmconEvent::Initialize() {
   if (pthread_cond_init(&m_cond, nullptr) != 0) QMCON_THROW("Create condition event failed");
 }
 
+namespace {
+
+// Leaves an event's Wait: counts the waiter out and releases the mutex, also
+// when the thread is ended by a signal inside the wait and unwinds.
+class WaitScope {
+ public:
+  WaitScope(pthread_mutex_t* mutex, int* waiters) : m_mutex(mutex), m_waiters(waiters) {
+    ++*m_waiters;
+  }
+  ~WaitScope() {
+    if (m_mutex != nullptr) Leave();
+  }
+  // The normal way out; false when the mutex could not be released.
+  bool Leave() {
+    --*m_waiters;
+    pthread_mutex_t* mutex = m_mutex;
+    m_mutex = nullptr;
+    return pthread_mutex_unlock(mutex) == 0;
+  }
+
+ private:
+  pthread_mutex_t* m_mutex;
+  int* m_waiters;
+};
+
+}  // namespace
+
 int QmconEvent::Wait(int timeoutMs) {
   if (pthread_mutex_lock(&m_mutex) != 0) QMCON_THROW("Lock failed");
+  WaitScope scope(&m_mutex, &m_waiters);
 
-  ++m_waiters;
   int rc = 0;
   if (m_signalled) {
     if (!m_manualReset) m_signalled = false;
@@ -65,8 +92,7 @@ int QmconEvent::Wait(int timeoutMs) {
     if (rc == 0 && !m_manualReset) m_signalled = false;
   }
 
-  --m_waiters;
-  if (pthread_mutex_unlock(&m_mutex) != 0) QMCON_THROW("Unlock failed");
+  if (!scope.Leave()) QMCON_THROW("Unlock failed");
   if (rc == ETIMEDOUT) return TIMEDOUT;
   return rc == 0 ? SIGNALLED : FAILED;
 }

@@ -1,0 +1,43 @@
+#ifndef QM_RUNTIME_QMIOSERVERSOCKET_H
+#define QM_RUNTIME_QMIOSERVERSOCKET_H
+
+#include <atomic>
+#include <string>
+
+#include "Qmobject.h"
+
+class QmioAcceptedSocket;
+class QmioSocketEventHandler;
+
+// A listening TCP socket. Accept hands out new QmioAcceptedSocket objects
+// that the caller owns; the event handler is not owned. Shutdown may be
+// called from another thread to release one blocked in Accept.
+class QmioServerSocket : public Qmobject {
+ public:
+  QmioServerSocket() = default;
+  ~QmioServerSocket() override;  // closes the descriptor unless shut down
+  QmioServerSocket(const QmioServerSocket&) = delete;
+  QmioServerSocket& operator=(const QmioServerSocket&) = delete;
+
+  // An empty host listens on every interface and is recorded as "localhost".
+  // Port 0 takes an ephemeral port (see GetPort).
+  void Listen(const std::string& host, int port, bool noDelay);
+  // -1 blocks; otherwise null after the time-out or an interrupted wait.
+  QmioAcceptedSocket* Accept(int timeoutMs);
+  bool Shutdown();
+  void SetEventHandler(QmioSocketEventHandler* handler) { m_handler = handler; }
+
+  std::string GetHostName() const { return m_hostName; }
+  int GetSocket() const { return m_socket.load(); }
+  // The bound local port, or -1 when not listening.
+  int GetPort() const;
+
+ private:
+  QmioAcceptedSocket* DoAccept(int descriptor);
+
+  std::atomic<int> m_socket{-1};
+  std::string m_hostName;
+  QmioSocketEventHandler* m_handler = nullptr;
+};
+
+#endif

@@ -1,0 +1,49 @@
+#ifndef QM_RUNTIME_QMIOSOCKETLISTENER_H
+#define QM_RUNTIME_QMIOSOCKETLISTENER_H
+
+#include <memory>
+#include <string>
+
+#include "QmThreadModule.h"
+
+class QmioServerSocket;
+class QmioSocket;
+class QmioSocketEventHandler;
+class QmioSocketPool;
+
+// A TCP server as a thread module: its thread accepts connections (polling
+// once a second), asks the derived class whether to take each one and which
+// handler to give it, and hands it to a socket pool whose workers run the
+// handlers. Owns the listening socket and the pool.
+class QmioSocketListener : public QmThreadModule {
+ public:
+  QmioSocketListener(int socketLimit, int threadCount);
+  ~QmioSocketListener() override;
+
+  // Makes the listening socket and the pool and starts the pool.
+  bool InitializeSpecial() override;
+  // Shuts the listening socket and stops the pool (2000 ms).
+  bool FinalizeSpecial() override;
+  // Binds (port 0 takes an ephemeral port), listens and starts the thread.
+  bool Listen(int port, const std::string& host);
+  void DoThreadWork() override;
+
+  // Whether to take the accepted connection.
+  virtual bool OnConnection(QmioSocket* accepted) = 0;
+  // A new handler for a taken connection; the socket will own it.
+  virtual QmioSocketEventHandler* GetHandler() = 0;
+
+  // The bound port, or -1 before Listen.
+  int GetListeningPort() const;
+
+ private:
+  bool AcceptOnce();
+  void TakeConnection(QmioSocket* socket);
+
+  int m_threadCount;
+  int m_socketLimit;
+  std::unique_ptr<QmioServerSocket> m_serverSocket;
+  std::unique_ptr<QmioSocketPool> m_pool;
+};
+
+#endif

@@ -1,0 +1,3 @@
+#include "QmioSocketEventHandler.h"
+
+QmioSocketEventHandler::~QmioSocketEventHandler() = default;

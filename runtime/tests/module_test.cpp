@@ -1,0 +1,130 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include "QmThreadModule.h"
+#include "QmconException.h"
+#include "QmioException.h"
+#include "QmsysEventLogInterface.h"
+#include "net_test_support.h"
+
+namespace {
+
+class PlainModule : public QmPlainModule {
+ public:
+  std::string GetRunningModuleName() override { return "NetModuleTest"; }
+  bool InitializeSpecial() override { return ++initialised, initResult; }
+  bool FinalizeSpecial() override { return ++finalised, false; }  // Finalize still says true
+  bool IsLoggerRequired() override { return loggerRequired; }
+
+  int initialised = 0, finalised = 0;
+  bool initResult = true, loggerRequired = true;
+};
+
+// A thread module whose work loop is given by the test.
+class LoopModule : public QmThreadModule {
+ public:
+  explicit LoopModule(std::function<void(LoopModule&)> loop) : m_loop(std::move(loop)) {}
+  std::string GetRunningModuleName() override { return "Loop Module"; }
+  void DoThreadWork() override { m_loop(*this); }
+  bool FinalizeSpecial() override { return ++finalised, true; }
+
+  std::atomic<int> finalised{0};
+
+ private:
+  std::function<void(LoopModule&)> m_loop;
+};
+
+TEST(PlainModuleTest, LoggerRules) {
+  RecordingLogger log;
+  PlainModule without;
+  EXPECT_TRUE(without.Initialize(nullptr, ""));
+  EXPECT_EQ(nullptr, without.GetLogger());
+  EXPECT_EQ(1, without.initialised);
+
+  PlainModule given;
+  given.initResult = false;
+  EXPECT_FALSE(given.Initialize(&log, "/nonexistent"));
+  EXPECT_EQ(&log, given.GetLogger());
+  EXPECT_TRUE(given.Finalize());
+  EXPECT_EQ(1, given.finalised);
+
+  PlainModule optional;  // needs none: keeps the one it has when passed none
+  optional.loggerRequired = false;
+  optional.Initialize(&log, "");
+  optional.Initialize(nullptr, "/tmp");
+  EXPECT_EQ(&log, optional.GetLogger());
+}
+
+TEST(PlainModuleTest, CreatesAndStopsItsOwnLogger) {
+  char dir[] = "/tmp/qm_module_XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(dir));
+  PlainModule module;
+  EXPECT_TRUE(module.Initialize(nullptr, dir));
+  auto* created = dynamic_cast<QmsysEventLogInterface*>(module.GetLogger());
+  ASSERT_NE(nullptr, created);
+  EXPECT_TRUE(created->IsAlive());
+  EXPECT_TRUE(module.Finalize());
+  EXPECT_FALSE(created->IsAlive());
+  QmsysEventLogInterface::ReleaseAll();
+  EXPECT_EQ(0, system((std::string("rm -rf ") + dir).c_str()));
+}
+
+TEST(ThreadModuleTest, WaitAndPacingBeforeAndAfterStop) {
+  RecordingLogger log;  // outlives the module's thread
+  QmconEvent started(true);
+  LoopModule module([&](LoopModule& self) {
+    started.Broadcast();
+    while (self.KeepContinueMyself(20, true)) {
+    }
+  });
+  EXPECT_FALSE(module.WaitForThreadStop(0));  // not started
+  module.Initialize(&log, "");
+  EXPECT_TRUE(module.StartAsThread());
+  EXPECT_EQ(QmconEvent::SIGNALLED, started.Wait(5000));
+  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_INFO, "Starting 'Loop Module' thread, pid:"));
+  EXPECT_TRUE(module.KeepContinueMyself(10, true));  // times out: go on
+  EXPECT_FALSE(module.KeepContinueMyself(10, false));
+  EXPECT_FALSE(module.WaitForThreadStop(50));
+
+  EXPECT_TRUE(module.StopThread());
+  EXPECT_TRUE(module.WaitForThreadStop(5000));
+  EXPECT_EQ(1, module.finalised.load());
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(module.KeepContinueMyself(5000, true));  // the stop stays set
+  EXPECT_LT(ElapsedMs(start), 1000);
+  EXPECT_TRUE(module.KeepContinueMyself(0, true));
+  EXPECT_TRUE(WaitUntil(  // the last trace follows the stopped event
+      [&] { return log.Count(QmLogInterface::LEVEL_TRACE, "Leaving QmThreadModule::DoWork()"); },
+      5000));
+}
+
+// Runs a module whose loop throws and checks the one line it logged.
+template <typename Thrower>
+void ExpectLoggedOnce(Thrower thrower, const std::string& text) {
+  RecordingLogger log;
+  LoopModule module([&](LoopModule&) { thrower(); });
+  module.Initialize(&log, "");
+  module.StartAsThread();
+  ASSERT_TRUE(module.WaitForThreadStop(5000)) << text;
+  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_CRITICAL, text)) << text;
+  EXPECT_EQ(1, module.finalised.load());
+}
+
+TEST(ThreadModuleTest, EachKindOfExceptionIsLoggedAndTheModuleStillEnds) {
+  ExpectLoggedOnce([] { throw QmioException("peer:1", "I/O went wrong"); },
+                   "I/O exception occurred: Exception raised! IO path[peer:1]");
+  ExpectLoggedOnce([] { throw QmconException(7, "lock went wrong"); },
+                   "Concurrency exception occurred: Exception raised! ThreadID[7]");
+  ExpectLoggedOnce([] { throw QmException("plain fault"); },
+                   "General exception occurred: plain fault");
+  ExpectLoggedOnce([] { throw std::runtime_error("std fault"); },
+                   "General exception occurred: std fault");
+  ExpectLoggedOnce([] { throw 42; }, "Unknown exception occurred.");
+}
+
+}  // namespace

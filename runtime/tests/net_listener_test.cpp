@@ -1,0 +1,209 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "QmioSocket.h"
+#include "QmioSocketAdvHandler.h"
+#include "QmioSocketListener.h"
+#include "net_test_support.h"
+
+namespace {
+
+// What the handlers of one listener saw.
+struct Traffic {
+  std::mutex mutex;
+  std::vector<std::string> connections;  // all data of each finished connection
+  std::atomic<int> calls{0}, handlers{0}, destroyed{0};
+};
+
+// Acknowledges each piece with "k"; "bye" ends the connection, "hang" blocks
+// inside the handler until the thread is killed.
+class AckHandler : public QmioSocketAdvHandler {
+ public:
+  AckHandler(Traffic* traffic, QmLogInterface* logger)
+      : QmioSocketAdvHandler("", 100), m_traffic(traffic) {
+    SetLogger(logger);
+    ++m_traffic->handlers;
+  }
+  ~AckHandler() override {
+    {
+      std::lock_guard<std::mutex> lock(m_traffic->mutex);
+      m_traffic->connections.push_back(m_seen);
+    }
+    ++m_traffic->destroyed;  // last touch of the shared record
+  }
+  bool OnData(const std::string& data) override {
+    ++m_traffic->calls;
+    m_seen += data;
+    if (data == "bye") return false;
+    while (data == "hang") pause();
+    SendData("k");
+    return true;
+  }
+
+ private:
+  Traffic* m_traffic;
+  std::string m_seen;
+};
+
+class TestListener : public QmioSocketListener {
+ public:
+  TestListener(int limit, int threads, Traffic* traffic)
+      : QmioSocketListener(limit, threads), m_traffic(traffic) {}
+  std::string GetRunningModuleName() override { return "Test Listener"; }
+  bool OnConnection(QmioSocket*) override { return accept; }
+  QmioSocketEventHandler* GetHandler() override { return new AckHandler(m_traffic, m_logger); }
+
+  std::atomic<bool> accept{true};
+
+ private:
+  Traffic* m_traffic;
+};
+
+class ListenerTest : public ::testing::Test {
+ protected:
+  void Start(int limit, int threads) {
+    listener.reset(new TestListener(limit, threads, &traffic));
+    ASSERT_TRUE(listener->Initialize(&log, ""));
+    ASSERT_TRUE(listener->Listen(0, "127.0.0.1"));
+    port = listener->GetListeningPort();
+  }
+  // The owner's stop sequence; returns how long it took.
+  long StopListener() {
+    const auto start = std::chrono::steady_clock::now();
+    listener->StopThread();
+    EXPECT_TRUE(listener->WaitForThreadStop(-1));
+    return ElapsedMs(start);
+  }
+  bool Logged(QmLogInterface::LogLevel level, const std::string& text, int times = 1) {
+    return WaitUntil([&] { return log.Count(level, text) == times; }, 5000);
+  }
+
+  RecordingLogger log;
+  Traffic traffic;
+  std::unique_ptr<TestListener> listener;
+  int port = 0;
+};
+
+TEST_F(ListenerTest, ServesFiftyConcurrentClientsPieceByPiece) {
+  Start(64, 10);
+  const int clients = 50, pieces = 4;
+  std::atomic<int> acked{0};
+  std::vector<std::thread> threads;
+  for (int c = 0; c < clients; ++c) {
+    threads.emplace_back([&, c] {
+      RawClient client(port);
+      for (int p = 0; p < pieces; ++p) {  // the ack keeps pieces from coalescing
+        client.Send("c" + std::to_string(c) + "p" + std::to_string(p) + ";");
+        if (client.Receive(1, 20000) == "k") ++acked;
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(clients * pieces, acked.load());
+  ASSERT_TRUE(WaitUntil([&] { return traffic.destroyed == clients; }, 20000));
+  EXPECT_EQ(clients * pieces, traffic.calls.load());
+
+  // Every piece reached one handler exactly once, in order per connection.
+  std::map<std::string, int> seen;
+  for (const std::string& data : traffic.connections) {
+    std::istringstream in(data);
+    std::string piece, client;
+    for (int index = 0; std::getline(in, piece, ';'); ++index) {
+      if (index == 0) client = piece.substr(0, piece.find('p'));
+      EXPECT_EQ(client + "p" + std::to_string(index), piece);
+      ++seen[piece];
+    }
+  }
+  EXPECT_EQ(static_cast<size_t>(clients * pieces), seen.size());
+  for (const auto& entry : seen) EXPECT_EQ(1, entry.second) << entry.first;
+  EXPECT_EQ(clients, log.Count(QmLogInterface::LEVEL_INFO,
+                               "Connection with client [IP address '127.0.0.1'] accepted."));
+  EXPECT_LT(StopListener(), 6000);
+}
+
+TEST_F(ListenerTest, RefusalHandlerEndAndPeerCloseAreLogged) {
+  Start(8, 2);
+  listener->accept = false;
+  RawClient refused(port);
+  EXPECT_TRUE(refused.SeesClose(5000));
+  EXPECT_TRUE(Logged(QmLogInterface::LEVEL_ERROR,
+                     "Connection with client [IP address '127.0.0.1'] closed."));
+  EXPECT_EQ(0, traffic.handlers.load());
+
+  listener->accept = true;
+  RawClient leaving(port);
+  leaving.Send("bye");
+  EXPECT_TRUE(leaving.SeesClose(5000));
+  EXPECT_TRUE(Logged(QmLogInterface::LEVEL_INFO,
+                     "Adv Socket Handler <127.0.0.1>: Data handler signals close of socket"));
+  RawClient hangingUp(port);
+  hangingUp.Send("x");
+  EXPECT_EQ("k", hangingUp.Receive(1, 5000));
+  hangingUp.Close();
+  EXPECT_TRUE(Logged(QmLogInterface::LEVEL_ERROR,
+                     "Adv Socket Handler <127.0.0.1>: Exception occurred [Exception raised!"));
+  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_ERROR, "Msg[Socket is closed]"));
+
+  TestListener clash(4, 1, &traffic);  // the port is taken: logged, false
+  ASSERT_TRUE(clash.Initialize(&log, ""));
+  EXPECT_FALSE(clash.Listen(port, "127.0.0.1"));
+  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_ERROR, "Msg[Socket Bind Failed]"));
+  clash.Finalize();
+  StopListener();
+  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_DEBUG, "SocketListener: Do not continue any more"));
+}
+
+TEST_F(ListenerTest, StopsPromptlyWhileConnectionsAreOpen) {
+  Start(8, 2);
+  RawClient reading(port);  // its worker sits in the read loop
+  reading.Send("hello");
+  EXPECT_EQ("k", reading.Receive(1, 5000));
+  RawClient silent(port);  // stays with the select thread
+  ASSERT_TRUE(WaitUntil([&] { return traffic.handlers == 2; }, 5000));
+
+  EXPECT_LT(StopListener(), 4000);
+  EXPECT_TRUE(reading.SeesClose(3000));
+  EXPECT_TRUE(silent.SeesClose(3000));
+  EXPECT_TRUE(WaitUntil([&] { return traffic.destroyed == 2; }, 3000));
+  EXPECT_FALSE(RawClient(port).Connected());
+}
+
+TEST_F(ListenerTest, StopEndsAWorkerStuckInsideItsHandler) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "ends a thread inside a signal handler, which the race checker reports";
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+  GTEST_SKIP() << "ends a thread inside a signal handler, which the race checker reports";
+#endif
+#endif
+  Start(8, 2);
+  RawClient stuck(port);
+  stuck.Send("hang");
+  ASSERT_TRUE(WaitUntil([&] { return traffic.calls == 1; }, 5000));
+  // The kill unwinds through the handler's catch-all without stopping the
+  // process, and the connection goes with its handler.
+  EXPECT_LT(StopListener(), 8000);
+  EXPECT_TRUE(WaitUntil([&] { return traffic.destroyed == 1; }, 5000));
+  EXPECT_TRUE(stuck.SeesClose(3000));
+  EXPECT_EQ(0, log.Count(QmLogInterface::LEVEL_NONE, "Unknown exception occured"));
+}
+
+TEST_F(ListenerTest, FullPoolEndsTheAcceptLoop) {
+  Start(1, 1);
+  RawClient first(port);
+  ASSERT_TRUE(WaitUntil([&] { return traffic.handlers == 1; }, 5000));
+  RawClient second(port);
+  EXPECT_TRUE(second.SeesClose(5000));
+  EXPECT_TRUE(listener->WaitForThreadStop(5000));  // ended without a stop request
+  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_ERROR, "Msg[Too Many Sockets]"));
+  EXPECT_TRUE(first.SeesClose(3000));  // the module's end stopped the pool
+}
+
+}  // namespace

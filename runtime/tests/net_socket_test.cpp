@@ -1,0 +1,196 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "QmioAcceptedSocket.h"
+#include "QmioClientSocket.h"
+#include "QmioException.h"
+#include "QmioServerSocket.h"
+#include "QmioSocketEventHandler.h"
+#include "net_test_support.h"
+
+namespace {
+
+// Expects `call` to throw a QmioException with this message and path.
+template <typename Call>
+void ExpectIoError(Call call, const std::string& msg, const std::string& path) {
+  try {
+    call();
+    ADD_FAILURE() << "no exception, expected " << msg;
+  } catch (const QmioException& e) {
+    EXPECT_EQ(msg, e.GetMsg());
+    EXPECT_EQ(path, e.GetPath());
+  }
+}
+
+// A connected loopback pair: `client` made by Connect, `accepted` by Accept.
+class SocketPairTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    server.Listen("127.0.0.1", 0, true);
+    port = server.GetPort();
+    ASSERT_EQ(0, client.Connect("127.0.0.1", port, QmioSocket::SOCKET_TCP));
+    accepted.reset(server.Accept(2000));
+    ASSERT_NE(nullptr, accepted);
+  }
+  std::string ReadSome(int timeoutMs) {
+    unsigned char buffer[64];
+    const int got = accepted->Read(buffer, sizeof(buffer), timeoutMs, status, true);
+    return got > 0 ? std::string(reinterpret_cast<char*>(buffer), got) : "";
+  }
+
+  QmioServerSocket server;
+  int port = 0;
+  QmioClientSocket client;
+  std::unique_ptr<QmioAcceptedSocket> accepted;
+  QmioSocket::SocketStatus status = QmioSocket::SOCKET_DONE;
+};
+
+TEST_F(SocketPairTest, TimeOutsAreResultsNotErrors) {
+  unsigned char buffer[16];
+  EXPECT_EQ(-1, accepted->Read(buffer, sizeof(buffer), 0, status, false));
+  EXPECT_EQ(QmioSocket::SOCKET_TIMEOUT, status);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(255, accepted->ReadChar(200, status, false));
+  EXPECT_EQ(QmioSocket::SOCKET_TIMEOUT, status);
+  EXPECT_GE(ElapsedMs(start), 150);
+  EXPECT_EQ(QmioSocket::SOCKET_WRITE_READY, accepted->Wait(false, true, 0));
+  EXPECT_EQ(nullptr, server.Accept(0));
+}
+
+TEST_F(SocketPairTest, TrafficIsTracedUnlessQuiet) {
+  RecordingLogger log;
+  client.SetEventLog(&log);
+  accepted->SetEventLog(&log);
+  EXPECT_EQ(5, client.Write("hello"));
+  unsigned char buffer[16];
+  EXPECT_EQ(5, accepted->Read(buffer, sizeof(buffer), 2000, status, false));
+  EXPECT_EQ(QmioSocket::SOCKET_DONE, status);
+  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_TRACE, "<= hello"));
+  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_TRACE, "=> hello"));
+  EXPECT_EQ(7, client.WriteFormat("id=%04d", 42));
+  EXPECT_EQ("id=0042", ReadSome(2000));
+  EXPECT_EQ(0, log.Count(QmLogInterface::LEVEL_NONE, "=> id"));
+  EXPECT_EQ(0, client.WriteFormat(nullptr));
+}
+
+TEST_F(SocketPairTest, PeerCloseAndDeadPeerAreErrorsNamingTheRemoteEnd) {
+  client.Close();
+  unsigned char buffer[8];
+  ExpectIoError([&] { accepted->Read(buffer, sizeof(buffer), 2000, status, false); },
+                "Socket is closed", "127.0.0.1");
+  EXPECT_EQ(QmioSocket::SOCKET_FAILED, status);
+  ExpectIoError([&] { accepted->Read(buffer, sizeof(buffer), -1, status, false); },
+                "Socket is closed", "127.0.0.1");
+
+  QmioClientSocket writer;
+  writer.Connect("127.0.0.1", port, QmioSocket::SOCKET_TCP);
+  delete server.Accept(2000);  // the peer goes away; writing must not raise SIGPIPE
+  const std::string block(64 * 1024, 'x');
+  ExpectIoError(
+      [&] {
+        for (int i = 0; i < 1000; ++i) writer.Write(block);
+      },
+      "Socket Write Error", "127.0.0.1:" + std::to_string(port));
+}
+
+TEST_F(SocketPairTest, ReadTillMatchesIncrementallyAndLeavesTheRest) {
+  std::thread writer([this] {
+    client.Write("ab\r");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    client.Write("\r\ncd");
+  });
+  unsigned char crlf[] = "\r\n";
+  EXPECT_EQ("ab\r\r\n", accepted->ReadTill(crlf, 2000, status));
+  writer.join();
+  EXPECT_EQ("cd", ReadSome(2000));
+  client.Write("zz\r");  // no terminator: the partial result and status 35
+  EXPECT_EQ("zz\r", accepted->ReadTill(crlf, 100, status));
+  EXPECT_EQ(QmioSocket::SOCKET_TIMEOUT, status);
+
+  const std::string body(3000, 'q');  // spans several internal chunks
+  client.Write(body + "END");
+  unsigned char end[] = "END";
+  EXPECT_EQ(body + "END", accepted->ReadTill(end, 2000, status));
+}
+
+TEST_F(SocketPairTest, ReadLineForms) {
+  client.Write("one\nab");
+  EXPECT_EQ("one\n", accepted->ReadLine(2000, status));
+  EXPECT_EQ("ab", accepted->ReadLine(100, status));  // the timed-out byte is not added
+  EXPECT_EQ(QmioSocket::SOCKET_TIMEOUT, status);
+
+  EXPECT_EQ("", accepted->ReadLine(status, 0));
+  EXPECT_EQ(QmioSocket::SOCKET_DONE, status);
+  client.Write(std::string("a\rb\0cdefghij\nrest", 17));  // grows past the reserved 2
+  EXPECT_EQ("abcdefghij", accepted->ReadLine(status, 2));
+  client.Write("tail");
+  client.Close();
+  EXPECT_EQ("resttail", accepted->ReadLine(status, 64));
+  EXPECT_EQ(QmioSocket::SOCKET_DONE, status);
+}
+
+TEST_F(SocketPairTest, ShutdownReleasesABlockedAccept) {
+  std::unique_ptr<QmioAcceptedSocket> result(new QmioAcceptedSocket(-1, "marker"));
+  std::thread waiter([&] { result.reset(server.Accept(-1)); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(server.Shutdown());
+  waiter.join();
+  EXPECT_LT(ElapsedMs(start), 2000);
+  EXPECT_EQ(nullptr, result);
+}
+
+TEST(SocketTest, ConnectAndListenFailures) {
+  QmioClientSocket unknown;
+  ExpectIoError([&] { unknown.Connect("no-such-host.invalid", 1234, QmioSocket::SOCKET_TCP); },
+                "Socket Unknown Remote Host", "no-such-host.invalid:1234");
+  QmioClientSocket badType;
+  ExpectIoError([&] { badType.Connect("127.0.0.1", 1, static_cast<QmioSocket::SocketType>(7)); },
+                "Socket Unknown Type", "127.0.0.1:1");
+
+  QmioServerSocket any;
+  any.Listen("", 0, true);
+  EXPECT_EQ("localhost", any.GetHostName());
+  QmioServerSocket second;
+  const std::string port = std::to_string(any.GetPort());
+  ExpectIoError([&] { second.Listen("127.0.0.1", any.GetPort(), true); }, "Socket Bind Failed",
+                "127.0.0.1");
+  QmioClientSocket client;  // the any-address listener is reachable through loopback
+  EXPECT_EQ(0, client.Connect("localhost", any.GetPort(), QmioSocket::SOCKET_TCP));
+  std::unique_ptr<QmioAcceptedSocket> accepted(any.Accept(2000));
+  ASSERT_NE(nullptr, accepted);
+  EXPECT_EQ("127.0.0.1", accepted->GetRemoteAddress());
+
+  any.Shutdown();
+  QmioClientSocket refused;
+  ExpectIoError([&] { refused.Connect("127.0.0.1", std::stoi(port), QmioSocket::SOCKET_TCP); },
+                "Socket Connecting Failed", "127.0.0.1:" + port);
+}
+
+class CountingHandler : public QmioSocketEventHandler {
+ public:
+  explicit CountingHandler(int* destroyed) : m_destroyed(destroyed) {}
+  ~CountingHandler() override { ++*m_destroyed; }
+  void OnSocketEvent(QmioSocket*, SocketEvent, void*) override {}
+
+ private:
+  int* m_destroyed;
+};
+
+TEST(SocketTest, FirstEventHandlerIsKeptAndOwned) {
+  int destroyed = 0;
+  {
+    QmioAcceptedSocket socket(-1, "10.0.0.1");
+    CountingHandler second(&destroyed);
+    auto* first = new CountingHandler(&destroyed);
+    EXPECT_TRUE(socket.SetEventHandler(first));
+    EXPECT_FALSE(socket.SetEventHandler(&second));
+    EXPECT_EQ(first, socket.GetEventHandler());
+  }
+  EXPECT_EQ(2, destroyed);
+}
+
+}  // namespace

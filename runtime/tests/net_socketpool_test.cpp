@@ -1,0 +1,117 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "QmioAcceptedSocket.h"
+#include "QmioException.h"
+#include "QmioServerSocket.h"
+#include "QmioSocketEventHandler.h"
+#include "QmioSocketPool.h"
+#include "net_test_support.h"
+
+namespace {
+
+struct HandlerLog {
+  std::atomic<int> events{0};
+  std::atomic<int> bytes{0};
+  std::atomic<int> destroyed{0};
+};
+
+// Reads whatever is there once and echoes its size back.
+class OneShotHandler : public QmioSocketEventHandler {
+ public:
+  explicit OneShotHandler(HandlerLog* log) : m_log(log) {}
+  ~OneShotHandler() override { ++m_log->destroyed; }
+  void OnSocketEvent(QmioSocket* socket, SocketEvent event, void*) override {
+    if (event != EVENT_DATA_READY) return;
+    ++m_log->events;
+    unsigned char buffer[256];
+    QmioSocket::SocketStatus status;
+    const int got = socket->Read(buffer, sizeof(buffer), 1000, status, true);
+    if (got > 0) {
+      m_log->bytes += got;
+      socket->Write(std::to_string(got));
+    }
+  }
+
+ private:
+  HandlerLog* m_log;
+};
+
+class SocketPoolTest : public ::testing::Test {
+ protected:
+  void SetUp() override { server.Listen("127.0.0.1", 0, true); }
+
+  // Connects a raw client and returns the accepted end with a handler.
+  QmioSocket* Connect() {
+    clients.emplace_back(new RawClient(server.GetPort()));
+    QmioSocket* socket = server.Accept(2000);
+    if (socket != nullptr) socket->SetEventHandler(new OneShotHandler(&log));
+    return socket;
+  }
+
+  QmioServerSocket server;
+  HandlerLog log;
+  std::vector<std::unique_ptr<RawClient>> clients;
+};
+
+TEST_F(SocketPoolTest, LimitRefusesTheSocketBeyondIt) {
+  QmioSocketPool pool;
+  pool.Initialize(2, 2);
+  EXPECT_EQ(0, pool.AddSocket(Connect()));
+  EXPECT_EQ(0, pool.AddSocket(Connect()));
+  EXPECT_TRUE(pool.HaveAvailableSpot());  // at the limit still counts as a spot
+  std::unique_ptr<QmioSocket> third(Connect());
+  try {
+    pool.AddSocket(third.get());
+    ADD_FAILURE() << "third socket accepted";
+  } catch (const QmioException& e) {
+    EXPECT_EQ("Too Many Sockets", e.GetMsg());
+    EXPECT_EQ("SocketPool", e.GetPath());
+  }
+  EXPECT_EQ(2u, pool.WaitingCount());
+  EXPECT_EQ(third.get(), pool.RemoveSocket(third.get()));
+  EXPECT_EQ(2u, pool.WaitingCount());
+  EXPECT_TRUE(pool.Stop(500));
+  EXPECT_EQ(0u, pool.WaitingCount());
+  EXPECT_EQ(2, log.destroyed.load());  // waiting sockets deleted with their handlers
+  EXPECT_EQ(0, log.events.load());
+}
+
+TEST_F(SocketPoolTest, SilentConnectionWaitsAndReadableOneIsServedOnce) {
+  QmioSocketPool pool;
+  pool.Initialize(10, 4);
+  ASSERT_EQ(0, pool.AddSocket(Connect()));  // stays silent
+  ASSERT_EQ(0, pool.AddSocket(Connect()));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_EQ(2u, pool.WaitingCount());
+  EXPECT_EQ(0, log.events.load());
+
+  ASSERT_TRUE(clients[1]->Send("12345"));
+  EXPECT_EQ("5", clients[1]->Receive(16, 3000));
+  ASSERT_TRUE(WaitUntil([&] { return log.destroyed == 1; }, 3000));
+  EXPECT_EQ(1, log.events.load());
+  EXPECT_EQ(5, log.bytes.load());
+  EXPECT_EQ(1u, pool.WaitingCount());
+  EXPECT_TRUE(clients[1]->SeesClose(2000));  // served socket deleted after its handler
+
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(pool.Stop(500));
+  EXPECT_LT(ElapsedMs(start), 2500);
+  EXPECT_EQ(2, log.destroyed.load());
+  EXPECT_TRUE(clients[0]->SeesClose(2000));
+}
+
+TEST_F(SocketPoolTest, DestroyingARunningPoolStopsIt) {
+  {
+    QmioSocketPool pool;
+    pool.Initialize(4, 1);
+    ASSERT_EQ(0, pool.AddSocket(Connect()));
+  }
+  EXPECT_EQ(1, log.destroyed.load());
+}
+
+}  // namespace

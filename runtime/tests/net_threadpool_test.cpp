@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "QmconDelegate.h"
+#include "QmconEvent.h"
+#include "QmconException.h"
+#include "QmconThreadPool.h"
+#include "net_test_support.h"
+
+namespace {
+
+// Shared record of what the work items did.
+struct Journal {
+  std::mutex mutex;
+  std::set<pthread_t> threads;
+  std::atomic<int> ran{0}, active{0}, maxActive{0}, destroyed{0}, stopCalls{0};
+};
+
+// Records its thread and overlap; holds for `holdMs`, until `release` is set
+// (StopWork sets it), or for ever in a system call when `holdMs` is negative.
+class RecordingWork : public QmconDelegate {
+ public:
+  RecordingWork(Journal* journal, int holdMs, QmconEvent* release = nullptr)
+      : m_journal(journal), m_holdMs(holdMs), m_release(release) {}
+  ~RecordingWork() override { ++m_journal->destroyed; }
+
+  void DoWork(void*) override {
+    const int now = ++m_journal->active;
+    for (int seen = m_journal->maxActive; now > seen;) {
+      m_journal->maxActive.compare_exchange_weak(seen, now);
+    }
+    {
+      std::lock_guard<std::mutex> lock(m_journal->mutex);
+      m_journal->threads.insert(pthread_self());
+    }
+    if (m_holdMs < 0) {
+      for (;;) pause();
+    }
+    if (m_release != nullptr) m_release->Wait(5000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(m_holdMs));
+    --m_journal->active;
+    ++m_journal->ran;
+  }
+  void StopWork() override {
+    ++m_journal->stopCalls;
+    if (m_release != nullptr) m_release->Broadcast();
+  }
+
+ private:
+  Journal* m_journal;
+  int m_holdMs;
+  QmconEvent* m_release;
+};
+
+TEST(ThreadPoolTest, OneWorkerRunsTwoItemsInTurn) {
+  Journal journal;
+  QmconThreadPool pool;
+  pool.Initialize(1);
+  unsigned long first = 0, second = 0;
+  pool.AddWork(new RecordingWork(&journal, 100), first);
+  pool.AddWork(new RecordingWork(&journal, 100), second);
+  EXPECT_NE(0UL, first);
+  EXPECT_EQ(0UL, second);  // no second worker beyond the maximum
+  ASSERT_TRUE(WaitUntil([&] { return journal.destroyed == 2; }, 5000));
+  EXPECT_EQ(2, journal.ran.load());
+  EXPECT_EQ(1, journal.maxActive.load());
+  EXPECT_EQ(1u, journal.threads.size());
+  EXPECT_TRUE(pool.IsThreadRunning(first));
+  pool.Stop(500);
+}
+
+TEST(ThreadPoolTest, AddWorkAfterStopIsRefused) {
+  Journal journal;
+  QmconThreadPool pool;
+  pool.Initialize(2);
+  pool.Stop(100);
+  RecordingWork late(&journal, 0);
+  try {
+    pool.AddWork(&late);
+    ADD_FAILURE() << "work accepted after Stop";
+  } catch (const QmconException& e) {
+    EXPECT_EQ("Thread Pool Is Stopping", e.GetMsg());
+  }
+  EXPECT_EQ(0u, pool.WorkerCount());
+  EXPECT_EQ(0, journal.ran.load());
+}
+
+TEST(ThreadPoolTest, IdleWorkersRetireAndNewOnesAreMade) {
+  Journal journal;
+  QmconThreadPool pool;
+  pool.Initialize(1);
+  pool.SetIdleTimeout(150);
+  unsigned long id = 0;
+  pool.AddWork(new RecordingWork(&journal, 0), id);
+  ASSERT_TRUE(WaitUntil([&] { return pool.WorkerCount() == 0; }, 5000));
+  EXPECT_EQ(1, journal.ran.load());
+  EXPECT_FALSE(pool.IsThreadRunning(id));
+  pool.AddWork(new RecordingWork(&journal, 0), id);
+  EXPECT_NE(0UL, id);
+  ASSERT_TRUE(WaitUntil([&] { return journal.ran == 2; }, 5000));
+  pool.Stop(500);
+}
+
+TEST(ThreadPoolTest, TaskControlAndDestructionWhileAWorkerFinishes) {
+  Journal journal;
+  QmconEvent release(true);
+  {
+    QmconThreadPool pool;
+    pool.Initialize(2);
+    pool.AddWork(new RecordingWork(&journal, 100, &release));
+    ASSERT_TRUE(WaitUntil([&] { return journal.active == 1; }, 5000));
+    EXPECT_EQ(1u, pool.RunningSize());
+    RecordingWork stranger(&journal, 0);
+    pool.StopTask(&stranger);  // not the pool's: left alone
+    EXPECT_EQ(0, journal.stopCalls.load());
+    pool.StopTasks();
+    EXPECT_EQ(1, journal.stopCalls.load());
+  }  // the item is still sleeping its 100 ms when the pool goes
+  ASSERT_TRUE(WaitUntil([&] { return journal.destroyed == 2; }, 5000));
+  EXPECT_EQ(1, journal.ran.load());
+}
+
+TEST(ThreadPoolTest, StopDropsQueuedItemsAndEndsAStuckWorker) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "ends a thread inside a signal handler, which the race checker reports";
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+  GTEST_SKIP() << "ends a thread inside a signal handler, which the race checker reports";
+#endif
+#endif
+  Journal journal;
+  QmconThreadPool pool;
+  pool.Initialize(1);
+  pool.AddWork(new RecordingWork(&journal, -1));
+  ASSERT_TRUE(WaitUntil([&] { return journal.active == 1; }, 5000));
+  auto* queued = new RecordingWork(&journal, 0);
+  pool.AddWork(queued);
+  pool.AddWork(new RecordingWork(&journal, 0));
+  EXPECT_TRUE(pool.DeleteTask(queued));
+  EXPECT_FALSE(pool.DeleteTask(queued));
+
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(pool.Stop(300));
+  EXPECT_LT(ElapsedMs(start), 3000);
+  // The stuck item goes with its worker's unwinding after the kill.
+  ASSERT_TRUE(WaitUntil([&] { return journal.destroyed == 3 && pool.WorkerCount() == 0; }, 5000));
+  EXPECT_EQ(0, journal.ran.load());
+  EXPECT_EQ(0u, pool.RunningSize());
+}
+
+}  // namespace
