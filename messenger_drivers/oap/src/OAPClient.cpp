@@ -1,0 +1,180 @@
+#include "OAPClient.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <exception>
+
+#include "MessageBody.h"
+#include "OAPBlock.h"
+#include "OAPDeviceController.h"
+#include "OAPDeviceRegistrar.h"
+#include "OAPListener.h"
+#include "QmException.h"
+#include "QmString.h"
+#include "QmioClientSocket.h"
+
+namespace {
+
+const char kSource[] = "messenger_drivers/oap/src/OAPClient";
+// One read of the server's answer: at most this many bytes, waiting at most
+// this long.
+const unsigned int kAnswerLimit = 2000;
+const int kAnswerTimeoutMs = 2000;
+
+const char* TrueFalse(bool value) {
+  return value ? "TRUE" : "FALSE";
+}
+
+// A multiple of 65536 from 65536 to 65535 * 65536.
+uint32_t RandomTrackingBase() {
+  srand(static_cast<unsigned>(time(nullptr)));
+  return static_cast<uint32_t>((rand() % 65535) + 1) << 16;
+}
+
+}  // namespace
+
+OAPClient::OAPClient(int port, const std::string& address)
+    : Port(port), Address(address), TrackingBase(RandomTrackingBase()) {}
+
+OAPClient::~OAPClient() {
+  // A listener still running would outlive the object its workers use.
+  if (Listener != nullptr) FinalizeSpecial();
+  OAPDeviceRegistrar::GetInstance()->DetachClient(this);
+}
+
+std::string OAPClient::GetRunningModuleName() {
+  return "Qm OAP Client";
+}
+
+bool OAPClient::InitializeSpecial() {
+  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::InitializeSpecial().");
+  // A second start replaces the listener: the running one is stopped first.
+  if (Listener != nullptr) FinalizeSpecial();
+  bool result = false;
+  try {
+    Listener = std::make_unique<OAPListener>();
+    if (!Listener->Initialize(m_logger, "")) QM_THROW("Failed to Initialize OAP Listener");
+    if (!Listener->Listen(Port, Address)) {
+      QM_THROW(QmstringFormat("Failed to Start OAP Listener on '%s:%d'", Address.c_str(), Port));
+    }
+    m_listenerStarted = true;
+    result = true;
+  } catch (const QmException& e) {
+    QM_LOG(m_logger, Error, kSource, QmstringFormat("%s", e.GetMsg().c_str()));
+  }
+  QM_LOG(m_logger, Trace, kSource,
+         QmstringFormat("Leaving OAPClient::InitializeSpecial() with %s.", TrueFalse(result)));
+  return result;
+}
+
+bool OAPClient::FinalizeSpecial() {
+  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::FinalizeSpecial().");
+  bool result = false;
+  try {
+    if (Listener != nullptr && m_listenerStarted) {
+      Listener->StopThread();
+      result = Listener->WaitForThreadStop(-1);
+    } else if (Listener != nullptr) {
+      // The thread never ran, so nobody else finalises the listener: release
+      // its pool here.
+      Listener->Finalize();
+    }
+  } catch (const QmException& e) {
+    QM_LOG(m_logger, Error, kSource, QmstringFormat("%s", e.GetMsg().c_str()));
+  }
+  Listener.reset();
+  m_listenerStarted = false;
+  QM_LOG(m_logger, Trace, kSource,
+         QmstringFormat("Leaving OAPClient::FinalizeSpecial() with %s.", TrueFalse(result)));
+  return result;
+}
+
+int OAPClient::GetListeningPort() const {
+  return Listener != nullptr ? Listener->GetListeningPort() : -1;
+}
+
+unsigned long OAPClient::SendAMessage(MessageBody* body) {
+  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::SendAMessage().");
+  unsigned long tracking = 0;
+  if (body != nullptr) {
+    OAPDeviceController* device = OAPDeviceRegistrar::GetInstance()->GetDevice(body->to, true);
+    device->SetClient(this);
+    tracking = device->SendAMessage(body);
+  }
+  QM_LOG(m_logger, Trace, kSource,
+         QmstringFormat("Leaving OAPClient::SendAMessage() with %s(%lu).",
+                        tracking != 0 ? "Success" : "Failure", tracking));
+  return tracking;
+}
+
+int OAPClient::GetStatus(const std::string& device, unsigned long tracking) {
+  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::GetStatus().");
+  OAPDeviceController::MsgStatus status;
+  OAPDeviceController* controller = OAPDeviceRegistrar::GetInstance()->GetDevice(device, false);
+  if (controller != nullptr) controller->GetStatus(static_cast<uint32_t>(tracking), status);
+  const int state = status.state;
+  QM_LOG(m_logger, Trace, kSource,
+         QmstringFormat("Leaving OAPClient::GetStatus() with %d.", state));
+  return state;
+}
+
+std::list<std::string> OAPClient::QueryResponse(const std::string& device, unsigned long tracking) {
+  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::QueryResponse().");
+  std::list<std::string> replies;
+  OAPDeviceController* controller = OAPDeviceRegistrar::GetInstance()->GetDevice(device, false);
+  if (controller != nullptr) {
+    replies = controller->QueryResponse(device, static_cast<uint32_t>(tracking));
+  }
+  QM_LOG(m_logger, Trace, kSource,
+         QmstringFormat("Leaving OAPClient::QueryResponse() with %lu.",
+                        static_cast<unsigned long>(replies.size())));
+  return replies;
+}
+
+void OAPClient::WipeOptions(unsigned long tracking) {
+  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::WipeOptions().");
+  OAPDeviceController* controller =
+      OAPDeviceRegistrar::GetInstance()->GetDeviceByTrackingID(static_cast<uint32_t>(tracking));
+  if (controller != nullptr) {
+    auto update = std::make_unique<MessageBody>();
+    update->version = "4.0";
+    update->updateOnlyExisting = true;
+    update->id = static_cast<uint32_t>(tracking);
+    controller->SetClient(this);
+    try {
+      controller->SendAMessage(update.release());
+    } catch (const std::exception& e) {
+      QM_LOG(m_logger, Error, kSource, QmstringFormat("Exception occurred [%s]", e.what()));
+    }
+  }
+  QM_LOG(m_logger, Trace, kSource, "Leaving OAPClient::WipeOptions().");
+}
+
+OAPBlock* OAPClient::DispatchPayLoad(const std::string& host, int port, OAPBlock* request) {
+  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::DispatchPayLoad().");
+  std::unique_ptr<OAPBlock> answer;
+  // A block without header or body cannot be written.
+  if (request != nullptr && request->header != nullptr && request->body != nullptr) {
+    QmioClientSocket socket;
+    socket.SetEventLog(m_logger);
+    socket.Connect(host, port, QmioSocket::SOCKET_TCP);
+    socket.Write(request->Serialize());
+
+    unsigned char buffer[kAnswerLimit];
+    memset(buffer, 0, sizeof buffer);
+    QmioSocket::SocketStatus status = QmioSocket::SOCKET_DONE;
+    const int received = socket.Read(buffer, kAnswerLimit, kAnswerTimeoutMs, status, false);
+    socket.Close();
+
+    // Only the bytes read count, up to the first NUL among them.
+    const char* text = reinterpret_cast<const char*>(buffer);
+    const size_t length = received > 0 ? strnlen(text, static_cast<size_t>(received)) : 0;
+    answer.reset(OAPBlock::Parse(std::string(text, length)));
+  }
+  // By design the leaving line reads TRUE when no block came back.
+  QM_LOG(m_logger, Trace, kSource,
+         QmstringFormat("Leaving OAPClient::DispatchPayLoad() with %s.",
+                        TrueFalse(answer == nullptr)));
+  return answer.release();
+}

@@ -1,0 +1,72 @@
+#ifndef QM_OAP_OAPCLIENT_H
+#define QM_OAP_OAPCLIENT_H
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "QmPlainModule.h"
+
+class MessageBody;
+class OAPBlock;
+class OAPListener;
+
+// The module the driver owns for its whole life: it starts and stops the
+// inbound listener, leads the driver's sends and queries to the device
+// registry, and performs the one outbound exchange with an OAP server
+// (DispatchPayLoad). It keeps the process's tracking-number counter.
+//
+// Owns the listener from InitializeSpecial to FinalizeSpecial. Sends,
+// queries and dispatches may run on many threads at once: each dispatch uses
+// a socket of its own and the counter is drawn atomically.
+class OAPClient : public QmPlainModule {
+ public:
+  // Stores the listener's port and address and draws a random tracking base.
+  OAPClient(int port, const std::string& address);
+  // Stops a listener that was not finalised, and detaches the client from
+  // the controllers that dispatch through it.
+  ~OAPClient() override;
+
+  bool InitializeSpecial() override;
+  bool FinalizeSpecial() override;
+  std::string GetRunningModuleName() override;
+
+  // Sends the message through the controller of the body's device address
+  // (created on first use). The body passes to the controller, which frees
+  // it unless it keeps it with the message's status: the caller must not use
+  // it afterwards. Returns the tracking number, 0 without a body. The
+  // controller's exceptions pass to the caller.
+  unsigned long SendAMessage(MessageBody* body);
+  // The state of a message (MsgState); 0 for an unknown device.
+  int GetStatus(const std::string& device, unsigned long tracking);
+  // The replies to a message that arrived since the last query.
+  std::list<std::string> QueryResponse(const std::string& device, unsigned long tracking);
+  // Sends an update that shows the message under `tracking` without its
+  // options. The result of the send is not reported.
+  void WipeOptions(unsigned long tracking);
+  // One exchange: connects, writes the request, reads the answer once (at
+  // most 2000 bytes, 2000 ms) and parses it. Returns a block owned by the
+  // caller, or null when nothing usable came back. Socket exceptions (such
+  // as a refused connection) pass to the caller.
+  OAPBlock* DispatchPayLoad(const std::string& host, int port, OAPBlock* request);
+
+  // The next tracking number: read, then incremented by one.
+  uint32_t NextTrackingNumber() { return TrackingBase.fetch_add(1); }
+  // The port the running listener is bound to, -1 without a listener.
+  int GetListeningPort() const;
+
+  // Port and local address of the inbound listener; fixed at construction.
+  const int Port;
+  const std::string Address;
+  // The tracking-number counter of this process.
+  std::atomic<uint32_t> TrackingBase;
+
+ private:
+  std::unique_ptr<OAPListener> Listener;
+  // Whether the listener's thread was started (and so must be stopped).
+  bool m_listenerStarted = false;
+};
+
+#endif

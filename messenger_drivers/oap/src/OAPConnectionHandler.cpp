@@ -1,0 +1,65 @@
+#include "OAPConnectionHandler.h"
+
+#include <exception>
+#include <memory>
+
+#include "OAPBlock.h"
+#include "OAPDeviceController.h"
+#include "OAPDeviceRegistrar.h"
+#include "OAPServiceHandlerInterface.h"
+#include "QmString.h"
+
+namespace {
+
+const char kSource[] = "messenger_drivers/oap/src/OAPConnectionHandler";
+const int kReadTimeoutMs = 1000;
+
+}  // namespace
+
+OAPConnectionHandler::OAPConnectionHandler(QmLogInterface* logger)
+    : QmioSocketAdvHandler("", kReadTimeoutMs) {
+  SetLogger(logger);
+}
+
+OAPConnectionHandler::~OAPConnectionHandler() = default;
+
+bool OAPConnectionHandler::OnData(const std::string& data) {
+  QM_LOG(m_logger, Trace, kSource, "Entering OAPConnectionHandler::OnData");
+  QM_LOG(m_logger, Debug, kSource,
+         QmstringFormat("Processing incoming paylaod [%s]", data.c_str()));
+
+  std::unique_ptr<OAPBlock> block(OAPBlock::Parse(data));
+  if (block == nullptr) {
+    QM_LOG(m_logger, Warn, kSource, "Dropping incoming payload that is not an OAP block");
+    QM_LOG(m_logger, Trace, kSource, "Leaving OAPConnectionHandler::OnData");
+    return false;
+  }
+
+  const unsigned long tracking = block->GetID();
+  OAPDeviceController* device =
+      OAPDeviceRegistrar::GetInstance()->GetDeviceByTrackingID(block->GetID());
+  if (device == nullptr) {
+    QM_LOG(m_logger, Warn, kSource,
+           QmstringFormat("Couldn't find device controller by Trackign ID '%lu'", tracking));
+    QM_LOG(m_logger, Trace, kSource, "Leaving OAPConnectionHandler::OnData");
+    return false;
+  }
+
+  std::unique_ptr<OAPServiceHandlerInterface> handler(OAPServiceHandlerInterface::GetServiceHandler(
+      block->GetServiceName(), block->GetServiceVersion()));
+  handler->SetDeviceContext(device);
+  QM_LOG(m_logger, Info, kSource,
+         QmstringFormat("Handling request from Handset '%s' for Msg Tracking #%lu",
+                        device->handset.c_str(), tracking));
+  try {
+    handler->Handle(block.get());
+  } catch (const std::exception& e) {
+    // A malformed answer or a failed echo to the server must not end the
+    // connection's worker thread.
+    QM_LOG(
+        m_logger, Error, kSource,
+        QmstringFormat("Failed to handle request for Msg Tracking #%lu [%s]", tracking, e.what()));
+  }
+  QM_LOG(m_logger, Trace, kSource, "Leaving OAPConnectionHandler::OnData");
+  return true;
+}

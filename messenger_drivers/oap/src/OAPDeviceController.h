@@ -1,0 +1,132 @@
+#ifndef QM_OAP_OAPDEVICECONTROLLER_H
+#define QM_OAP_OAPDEVICECONTROLLER_H
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "OAPMessageServiceHandler.h"
+#include "QmconLock.h"
+
+class MessageBody;
+class OAPBlock;
+class OAPBlockBody;
+class OAPClient;
+class OAPResponseBlock;
+class QmLogInterface;
+
+// One handset: where its OAP server is, and per tracking number the state of
+// each message sent to it with the replies the handset gave. Messages go out
+// through the client set with SetClient (not owned).
+//
+// Thread safety: the host's threads (sends, queries) and the listener's
+// worker threads (inbound answers) use one controller at once. The status map
+// is guarded by a lock that is never held across a network exchange. The
+// address fields are fixed at construction.
+//
+// Ownership: a body handed to SendAMessage(OAPBlockBody*) belongs to the
+// controller from then on. It is kept with the message's status when the
+// server accepts the message (so that the message can be updated later) and
+// freed otherwise, also when the send throws. Kept bodies live as long as the
+// controller, i.e. until the registry is released.
+class OAPDeviceController {
+ public:
+  // What is known about one message.
+  class MsgStatus {
+   public:
+    enum MsgState : int32_t { Pending = 0, Sent = 1, Delivered = 2 };
+
+    // The body the message was sent from (null for messages sent from a
+    // request). GetStatus hands out a copy of it.
+    std::shared_ptr<MessageBody> body;
+    MsgState state = Pending;
+    // A final reply has arrived; later replies are ignored.
+    bool closed = false;
+    // Replies received and not yet collected by QueryResponse.
+    std::list<std::string> responses;
+  };
+
+  explicit OAPDeviceController(const std::string& deviceAddress);
+  ~OAPDeviceController();
+  OAPDeviceController(const OAPDeviceController&) = delete;
+  OAPDeviceController& operator=(const OAPDeviceController&) = delete;
+
+  // Sends a message (or an update of a shown one) built from the body, which
+  // the controller takes over (see above). Returns the tracking number the
+  // server accepted, 0 when its answer is no response block. Throws
+  // QmException "Dispatch Failure" when nothing usable came back, the status
+  // text of any answer other than code 200, and the socket's exceptions.
+  unsigned long SendAMessage(OAPBlockBody* body);
+  // Sends from a request (not owned). Never throws a QmException: every
+  // failure gives 0.
+  unsigned long SendAMessage(OAPMessageServiceHandler::OAPMsgServicePayLoadRequest* request);
+  // Version 3.0 request sends of a plain and of an interactive message.
+  unsigned long SendAMessage(const std::string& subject, const std::string& bodyText);
+  unsigned long SendAMessage(const std::string& subject, const std::string& bodyText,
+                             const std::list<std::string>& optionLabels);
+
+  // Changes the state of a known message; unknown numbers are ignored.
+  void SetStatus(uint32_t trackingNumber, MsgStatus::MsgState state);
+  // A copy of the status when the number is known.
+  bool GetStatus(uint32_t trackingNumber, MsgStatus& out) const;
+  bool HasStatus(uint32_t trackingNumber) const;
+  // Stores a handset reply and echoes it on the handset with an update of the
+  // message. Option data carries a two-character prefix ("F:" marks a final
+  // answer, which closes the message and removes its options); option data
+  // shorter than two characters throws std::out_of_range. The update's
+  // exceptions pass to the caller.
+  void AddResponse(uint32_t trackingNumber, const std::string& text, bool isUserResponse);
+  // Appends the reply to the shown text and sends the message again as an
+  // update, with its options removed when `wipe` is set. Returns the send's
+  // result; 0 when the message or its body is unknown.
+  unsigned long WipeOptions(uint32_t trackingNumber, const std::string& replyText, bool wipe);
+  // The replies that arrived since the last call, each returned once. An
+  // unknown number gets an empty status.
+  std::list<std::string> QueryResponse(const std::string& deviceAddress, uint32_t trackingNumber);
+
+  void SetClient(OAPClient* newClient) { client.store(newClient); }
+  OAPClient* GetClient() const { return client.load(); }
+  // Clears the client pointer when it still is `leaving`.
+  void ForgetClient(OAPClient* leaving) { client.compare_exchange_strong(leaving, nullptr); }
+
+  // The device address as given: handset "@" host ":" port.
+  std::string address;
+  // The part before the first "@".
+  std::string handset;
+  // The OAP server host and port.
+  std::string host;
+  int port = 0;
+  // handset "@" host: the address without its port.
+  std::string key;
+
+ private:
+  void ParseDeviceAddress();
+  QmLogInterface* Logger() const;
+  // A message service handler working for this controller, owned by the caller.
+  OAPServiceHandlerInterface* NewHandler();
+  // Builds, dispatches and evaluates one send; see SendAMessage(OAPBlockBody*).
+  unsigned long SendBody(const std::shared_ptr<MessageBody>& body);
+  // Dispatches a built request (null: nothing to send) and evaluates the
+  // answer. A new message is reserved as Pending while it is on its way.
+  unsigned long Exchange(OAPServiceHandlerInterface& handler, std::unique_ptr<OAPBlock> request,
+                         const std::shared_ptr<MessageBody>& body, bool newMessage);
+  // Sends a built block through the client; null when nothing usable came back.
+  std::unique_ptr<OAPBlock> Dispatch(OAPBlock& request);
+  // Lets the handler see the server's answer; a malformed reply in it is
+  // logged and does not fail the send.
+  void HandleAnswer(OAPServiceHandlerInterface& handler, OAPBlock* answer);
+  // Adds a Pending status for a new message before it is dispatched, so that
+  // delivery reports and replies racing the server's answer find it.
+  bool ReserveStatus(uint32_t trackingNumber, const std::shared_ptr<MessageBody>& body);
+  void WithdrawStatus(uint32_t trackingNumber);
+  void AcceptStatus(uint32_t answerNumber, const std::shared_ptr<MessageBody>& body);
+
+  mutable QmconLock m_lock;
+  std::map<uint32_t, MsgStatus> statuses;
+  std::atomic<OAPClient*> client{nullptr};
+};
+
+#endif

@@ -1,0 +1,48 @@
+#ifndef QM_OAP_OAPDEVICEREGISTRAR_H
+#define QM_OAP_OAPDEVICEREGISTRAR_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "QmconLock.h"
+
+class OAPClient;
+class OAPDeviceController;
+
+// The process-wide registry of device controllers, keyed by device address.
+// It owns its controllers; a controller handed out stays valid until Release.
+// Safe for concurrent use by the host's threads and the listener's workers.
+class OAPDeviceRegistrar {
+ public:
+  ~OAPDeviceRegistrar();
+  OAPDeviceRegistrar(const OAPDeviceRegistrar&) = delete;
+  OAPDeviceRegistrar& operator=(const OAPDeviceRegistrar&) = delete;
+
+  // The one instance, created on first use.
+  static OAPDeviceRegistrar* GetInstance();
+  // Frees the instance and every controller (process end, tests). Nothing may
+  // use a controller or the instance any more when this is called.
+  static void Release();
+
+  // The controller registered under exactly this address; with `create` a new
+  // one is registered when there is none. Without `create`, an address
+  // without port (handset "@" host) also finds the controller of that key.
+  OAPDeviceController* GetDevice(const std::string& address, bool create);
+  // The first controller, in address order, that knows the tracking number.
+  OAPDeviceController* GetDeviceByTrackingID(uint32_t trackingNumber);
+  // Clears the client pointer of every controller that uses `client`, so that
+  // no controller dispatches through a client that is going away.
+  void DetachClient(OAPClient* client);
+
+ private:
+  OAPDeviceRegistrar() = default;
+
+  static std::unique_ptr<OAPDeviceRegistrar> m_pobjMySelf;
+
+  QmconLock m_lock;
+  std::map<std::string, std::unique_ptr<OAPDeviceController>> m_devices;
+};
+
+#endif
