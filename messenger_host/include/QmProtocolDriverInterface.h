@@ -25,14 +25,18 @@ class QmProtocolDriverInterface {
   virtual const char* GetVersion() = 0;
   virtual const char* GetProtocolName() = 0;
   virtual const char* GetCarrierName() = 0;
-  virtual bool Configure(std::map<std::string, std::string>& settings);
-  virtual bool Setup(QmMessengerInstConfBasic* conf);
-  virtual bool PeriodicEvent();
-  virtual bool ResetDevice();
-  virtual bool Send2WayRespQuery(QmMessageFile* job, ReportsStatus& status);
+  // The defaults are inline so that a host gets the class's type information
+  // from this header alone.
+  virtual bool Configure(std::map<std::string, std::string>& /*settings*/) { return true; }
+  virtual bool Setup(QmMessengerInstConfBasic* /*conf*/) { return true; }
+  virtual bool PeriodicEvent() { return true; }
+  virtual bool ResetDevice() { return true; }
+  virtual bool Send2WayRespQuery(QmMessageFile* /*job*/, ReportsStatus& /*status*/) {
+    return true;
+  }
   virtual bool SendAMessage(QmMessageFile* job, ReportsStatus& status) = 0;
-  virtual bool Cleanup();
-  virtual bool ProcessSignal();
+  virtual bool Cleanup() { return true; }
+  virtual bool ProcessSignal() { return true; }
 
   // Hands a job back to the host with a new status (0 keeps the status and
   // clears StatusTime). False when there is no queue or no job.

@@ -1,0 +1,291 @@
+#include "QmOAPDriver.h"
+
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include <pcre2.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <iterator>
+
+#include "MessageBody.h"
+#include "OAPClient.h"
+#include "QmAny.h"
+#include "QmException.h"
+#include "QmString.h"
+
+namespace {
+
+const char kSource[] = "QmOAPDriver";
+
+// Choice kinds above this one are final answers: the handset's options are
+// removed once one of them is chosen.
+const uint32_t kLastOrdinaryKind = 1;
+const uint32_t kSpecialKindA = 2;
+const uint32_t kSpecialKindB = 3;
+
+struct CodeDeleter {
+  void operator()(pcre2_code* code) const { pcre2_code_free(code); }
+};
+struct MatchDataDeleter {
+  void operator()(pcre2_match_data* data) const { pcre2_match_data_free(data); }
+};
+
+// Takes the text of capturing group 1 of the first match of `pattern` in
+// `text`. Group 1 counts only when it lies within the pairs that the match
+// reports as set; such a group left unset by an alternative yields an empty
+// result. False for an invalid pattern, no match, or no group 1 in range.
+bool ExtractFirstGroup(const std::string& pattern, const std::string& text, std::string* out) {
+  int errorCode = 0;
+  PCRE2_SIZE errorOffset = 0;
+  std::unique_ptr<pcre2_code, CodeDeleter> code(
+      pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(), 0, &errorCode,
+                    &errorOffset, nullptr));
+  if (!code) return false;
+  std::unique_ptr<pcre2_match_data, MatchDataDeleter> match(
+      pcre2_match_data_create_from_pattern(code.get(), nullptr));
+  if (!match) return false;
+  int pairs = pcre2_match(code.get(), reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(), 0, 0,
+                          match.get(), nullptr);
+  if (pairs < 2) return false;
+  const PCRE2_SIZE* ovector = pcre2_get_ovector_pointer(match.get());
+  out->clear();
+  if (ovector[2] != PCRE2_UNSET) out->assign(text, ovector[2], ovector[3] - ovector[2]);
+  return true;
+}
+
+MessageBody::Option MakeOption(const QmResponseChoice& choice) {
+  MessageBody::Option option;
+  option.text = QmstringReplaceColon(choice.Text);
+  option.dataResp = (choice.Kind <= kLastOrdinaryKind ? "N:" : "F:") + option.text;
+  if (!choice.Value.empty()) option.callNo = choice.Value;
+  return option;
+}
+
+void CopyPresentation(const QmOAPMessageFile& job, MessageBody* body) {
+  body->colour = job.Colour;
+  body->intensity = job.Intensity;
+  body->urgent = job.Urgent;
+  body->sticky = job.StickyMode;
+  body->numberOfRepetitions = job.RepeatCount;
+  body->intervalTime = job.RepeatInterval;
+  body->priority = job.Priority;
+  body->auxValue = job.AuxValue;
+  // Minutes to seconds, held within the body's 32-bit field.
+  int64_t seconds = static_cast<int64_t>(job.TtlMinutes) * 60;
+  body->ttl =
+      static_cast<int32_t>(std::min<int64_t>(INT32_MAX, std::max<int64_t>(INT32_MIN, seconds)));
+}
+
+const char* Bool(bool value) {
+  return value ? "TRUE" : "FALSE";
+}
+
+}  // namespace
+
+#define DRIVER_ENTER(op) QM_LOG(Logger, Trace, kSource, "Entering QmOAPDriver::" op "().")
+#define DRIVER_LEAVE(op, result) \
+  QM_LOG(Logger, Trace, kSource, \
+         QmstringFormat("Leaving QmOAPDriver::" op "() with %s.", Bool(result)))
+
+QmOAPDriver::QmOAPDriver()
+    : Name("OAP"),
+      ProtocolName("Open Access Protocol (OAP)"),
+      Version("3.x/4.x"),
+      CarrierName("*") {
+  Logger = nullptr;
+  ReportsManager = nullptr;
+}
+
+QmOAPDriver::~QmOAPDriver() = default;
+
+bool QmOAPDriver::Configure(std::map<std::string, std::string>& /*settings*/) {
+  DRIVER_ENTER("Configure");
+  DRIVER_LEAVE("Configure", true);
+  return true;
+}
+
+bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
+  DRIVER_ENTER("Setup");
+  bool result = false;
+  long port = conf != nullptr ? std::strtol(conf->ListenerPort, nullptr, 10) : 0;
+  if (port < 1) {
+    QM_LOG(Logger, Critical, kSource,
+           QmstringFormat("Invalid OAP Listener port number: %d.", static_cast<int>(port)));
+  } else {
+    // A client left from an earlier Setup would keep its listener (and port).
+    FinalizeClient();
+    std::string address(conf->ListenerAddress,
+                        strnlen(conf->ListenerAddress, sizeof(conf->ListenerAddress)));
+    Client.reset(new OAPClient(static_cast<int>(port), address));
+    result = Client->Initialize(Logger, "");
+    if (!result) QM_LOG(Logger, Critical, kSource, "Failed to Initialize OAP Client.");
+  }
+  DRIVER_LEAVE("Setup", result);
+  return result;
+}
+
+bool QmOAPDriver::PeriodicEvent() {
+  DRIVER_ENTER("PeriodicEvent");
+  DRIVER_LEAVE("PeriodicEvent", true);
+  return true;
+}
+
+bool QmOAPDriver::ResetDevice() {
+  DRIVER_ENTER("ResetDevice");
+  DRIVER_LEAVE("ResetDevice", true);
+  return true;
+}
+
+bool QmOAPDriver::ProcessSignal() {
+  DRIVER_ENTER("ProcessSignal");
+  DRIVER_LEAVE("ProcessSignal", true);
+  return true;
+}
+
+bool QmOAPDriver::Cleanup() {
+  DRIVER_ENTER("Cleanup");
+  FinalizeClient();
+  DRIVER_LEAVE("Cleanup", true);
+  return true;
+}
+
+void QmOAPDriver::FinalizeClient() {
+  if (Client && Client->Finalize()) {
+    QM_LOG(Logger, Info, kSource, "Finalized OAP Client");
+    Client.reset();
+  }
+}
+
+std::string QmOAPDriver::GetDeviceAddress(QmOAPMessageFile* job, bool withoutPort) {
+  if (withoutPort) {
+    return QmstringFormat("%s@%s", job->DeviceId.c_str(), job->ServerHost.c_str());
+  }
+  return QmstringFormat("%s@%s:%d", job->DeviceId.c_str(), job->ServerHost.c_str(),
+                        job->ServerPort);
+}
+
+std::string QmOAPDriver::GetCallerID(QmOAPMessageFile* job) {
+  std::string callerId;
+  if (job->CallerIdPattern.empty()) {
+    callerId = job->CallerIdDefault;
+  } else if (!job->CallerIdFixed.empty()) {
+    callerId = job->CallerIdFixed;
+  } else if (ExtractFirstGroup(job->CallerIdPattern, job->MessageText, &callerId)) {
+    QM_LOG(Logger, Debug, kSource,
+           QmstringFormat("Found Caller ID '%s' from Message Body using Regular Expression "
+                          "Pattern '%s'",
+                          job->MessageText.c_str(), job->CallerIdPattern.c_str()));
+  } else {
+    callerId = job->CallerIdDefault;
+  }
+  job->SetCallerID(callerId);
+  return callerId;
+}
+
+unsigned long QmOAPDriver::DispatchJob(QmOAPMessageFile* job) {
+  if (!Client) QM_THROW("OAP Client not set up");
+  std::unique_ptr<MessageBody> body(new MessageBody());
+  body->version = job->OapVersion;
+  body->bodyText = job->MessageText;
+  body->subjectText = job->SubjectText;
+  body->to = GetDeviceAddress(job, false);
+  body->fromNumber = GetCallerID(job);
+  if (job->OapSettingsPresent) CopyPresentation(*job, body.get());
+  if (job->IsInteractive && job->ExpectsResponse) {
+    for (const QmResponseChoice& choice : job->ResponseChoices) {
+      body->options.push_back(MakeOption(choice));
+    }
+    body->userResponseLabel = job->CustomResponseLabel;
+  }
+  // The client's device controller keeps the body with the message.
+  return Client->SendAMessage(body.release());
+}
+
+bool QmOAPDriver::SendAMessage(QmMessageFile* msg, ReportsStatus& status) {
+  DRIVER_ENTER("SendAMessage");
+  status = QmMessengerReportsMngrInterface::SENDING;
+  QmOAPMessageFile* job = static_cast<QmOAPMessageFile*>(msg);
+  bool result = false;
+  if (job == nullptr) {
+    DRIVER_LEAVE("SendAMessage", result);
+    return result;
+  }
+  try {
+    unsigned long tracking = DispatchJob(job);
+    if (tracking != 0) {
+      status = QmMessengerReportsMngrInterface::SENT;
+      if (job->IsInteractive && job->ExpectsResponse) {
+        job->SetTrackingReceipt(QmAny(tracking).asString());
+      }
+      result = true;
+    }
+  } catch (const QmException& e) {
+    QM_LOG(Logger, Error, kSource, QmstringFormat("Exception occurred [%s]", e.ToString().c_str()));
+    job->SetErrorText(e.GetMsg());
+  } catch (const std::exception& e) {
+    // Nothing may escape into the host, whatever the layers below throw.
+    QM_LOG(Logger, Error, kSource, QmstringFormat("Exception occurred [%s]", e.what()));
+    job->SetErrorText(e.what());
+  }
+  DRIVER_LEAVE("SendAMessage", result);
+  return result;
+}
+
+bool QmOAPDriver::Send2WayRespQuery(QmMessageFile* msg, ReportsStatus& status) {
+  DRIVER_ENTER("Send2WayRespQuery");
+  QmOAPMessageFile* job = static_cast<QmOAPMessageFile*>(msg);
+  if (job == nullptr) {
+    DRIVER_LEAVE("Send2WayRespQuery", true);
+    return true;
+  }
+  if (job->TrackingReceipt.empty()) {
+    job->SetErrorText("Empty or no tracking receipt defined.");
+    QM_LOG(Logger, Error, kSource,
+           "Empty or no tracking receipt defined. Terminating query cycle.");
+    DRIVER_LEAVE("Send2WayRespQuery", true);
+    return true;
+  }
+  unsigned long tracking = QmAny(job->TrackingReceipt).asUInt();
+  const std::string device = GetDeviceAddress(job, true);
+  const int state = Client != nullptr ? Client->GetStatus(device, tracking) : 0;
+  if (state == 0) {
+    job->SetErrorText("Unknown Device");
+    QM_LOG(Logger, Error, kSource, "The device is unknown for me.");
+    DRIVER_LEAVE("Send2WayRespQuery", true);
+    return true;
+  }
+  if (state == 2 && job->AddStatusOnce("DELIVERED")) {
+    job->DeliveredFlag = true;
+    status = QmMessengerReportsMngrInterface::DELIVERED;
+    PushBackMsgFile(job, status, false, "");
+  }
+  for (const std::string& answer : Client->QueryResponse(device, tracking)) {
+    if (!job->IsNewResponse(answer)) {
+      QM_LOG(Logger, Debug, kSource,
+             QmstringFormat("<%s> Response '%s' is not a new one", job->JobId.c_str(),
+                            answer.c_str()));
+      continue;
+    }
+    status = StatusForAnswer(job, answer);
+    PushBackMsgFile(job, status, true, answer);
+  }
+  DRIVER_LEAVE("Send2WayRespQuery", true);
+  return true;
+}
+
+QmOAPDriver::ReportsStatus QmOAPDriver::StatusForAnswer(QmMessageFile* job,
+                                                        const std::string& answer) {
+  int index = job->FindChoice(answer);
+  if (index < 0 || static_cast<size_t>(index) >= job->ResponseChoices.size()) {
+    QM_LOG(Logger, Info, kSource,
+           QmstringFormat("Creating REPORT entry REPLIED_WITH for job: %s.", job->JobId.c_str()));
+    return QmMessengerReportsMngrInterface::REPLIED_WITH;
+  }
+  uint32_t kind = std::next(job->ResponseChoices.begin(), index)->Kind;
+  if (kind == kSpecialKindA) return QmMessengerReportsMngrInterface::REPLIED_SPECIAL_A;
+  if (kind == kSpecialKindB) return QmMessengerReportsMngrInterface::REPLIED_SPECIAL_B;
+  return QmMessengerReportsMngrInterface::REPLIED;
+}

@@ -1,0 +1,58 @@
+#ifndef QM_OAP_QMOAPDRIVER_H
+#define QM_OAP_QMOAPDRIVER_H
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "QmProtocolDriverInterface.h"
+
+class OAPClient;
+
+// The OAP driver: turns host jobs into OAP messages sent through the
+// OAPClient module and answers the host's two-way queries from the client's
+// record of delivery reports and handset answers. It owns the client from
+// Setup to Cleanup; the host owns every job record it passes in.
+class QmOAPDriver : public QmProtocolDriverInterface {
+ public:
+  QmOAPDriver();
+  ~QmOAPDriver() override;
+  QmOAPDriver(const QmOAPDriver&) = delete;
+  QmOAPDriver& operator=(const QmOAPDriver&) = delete;
+
+  const char* GetName() override { return Name; }
+  const char* GetVersion() override { return Version; }
+  const char* GetProtocolName() override { return ProtocolName; }
+  const char* GetCarrierName() override { return CarrierName; }
+  bool Configure(std::map<std::string, std::string>& settings) override;
+  bool Setup(QmMessengerInstConfBasic* conf) override;
+  bool PeriodicEvent() override;
+  bool ResetDevice() override;
+  bool Send2WayRespQuery(QmMessageFile* job, ReportsStatus& status) override;
+  bool SendAMessage(QmMessageFile* job, ReportsStatus& status) override;
+  bool Cleanup() override;
+  bool ProcessSignal() override;
+
+  // "handset@host:port", or "handset@host" when withoutPort is set.
+  std::string GetDeviceAddress(QmOAPMessageFile* job, bool withoutPort);
+  // The caller number for the job (fixed, extracted by pattern, or the
+  // default); also stored in the job.
+  std::string GetCallerID(QmOAPMessageFile* job);
+
+ private:
+  // Hands the job to the client as a new message body; the tracking
+  // number, or 0 when the server did not accept it.
+  unsigned long DispatchJob(QmOAPMessageFile* job);
+  void FinalizeClient();
+  // The status a new handset answer reports: by the kind of the chosen
+  // option, or REPLIED_WITH for free text.
+  ReportsStatus StatusForAnswer(QmMessageFile* job, const std::string& answer);
+
+  const char* Name;
+  const char* ProtocolName;
+  const char* Version;
+  const char* CarrierName;
+  std::unique_ptr<OAPClient> Client;
+};
+
+#endif
