@@ -3,7 +3,7 @@
 # Source it and call qm_install_deps, or run it directly.
 
 QM_PACKAGES=(cmake make g++ clang pkg-config libexpat1-dev libpcre2-dev libsqlite3-dev
-  libgtest-dev libgmock-dev libbenchmark-dev python3)
+  libgtest-dev libgmock-dev libbenchmark-dev python3 dpkg-dev file)
 
 qm_install_deps() {
   local missing=()
