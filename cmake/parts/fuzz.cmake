@@ -1,0 +1,22 @@
+# libFuzzer targets (clang only): cmake -DQM_FUZZ=ON with CC=clang CXX=clang++.
+# Run them with scripts/fuzz.sh.
+if(QM_FUZZ)
+  function(qm_add_fuzzer name source)
+    add_executable(${name} ${source})
+    target_compile_options(${name} PRIVATE ${QM_WARNINGS})
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    target_link_libraries(${name} PRIVATE ${ARGN})
+  endfunction()
+  qm_add_fuzzer(fuzz_codec fuzz/fuzz_codec.cpp qm_core qm_ini_codec)
+  qm_add_fuzzer(fuzz_ini fuzz/fuzz_ini.cpp qm_core qm_ini_codec)
+  if(TARGET qm_xml)
+    qm_add_fuzzer(fuzz_xml fuzz/fuzz_xml.cpp qm_core qm_xml)
+  endif()
+  if(TARGET qm_oap_model)
+    qm_add_fuzzer(fuzz_oap_parse fuzz/fuzz_oap_parse.cpp qm_core qm_xml qm_ini_codec qm_oap_model)
+  endif()
+  if(TARGET qm_oap_engine)
+    qm_add_fuzzer(fuzz_oap_inbound fuzz/fuzz_oap_inbound.cpp qm_core qm_xml qm_ini_codec qm_log
+                  qm_net qm_oap_model qm_oap_engine)
+  endif()
+endif()
