@@ -18,8 +18,6 @@ target_link_libraries(qm_oap_model PUBLIC qm_core)
 
 if(TARGET qm_xml AND TARGET qm_ini_codec)
   qm_add_test(oap_model_tests
-    SOURCES messenger_drivers/oap/tests/model_serialize_test.cpp
-            messenger_drivers/oap/tests/model_parse_test.cpp
-            messenger_drivers/oap/tests/model_robustness_test.cpp
+    SOURCES messenger_drivers/oap/tests/model_test.cpp
     LIBS qm_core qm_xml qm_ini_codec qm_oap_model)
 endif()

@@ -9,6 +9,5 @@ target_compile_options(qm_xml PRIVATE ${QM_WARNINGS})
 target_link_libraries(qm_xml PUBLIC qm_core EXPAT::EXPAT)
 
 qm_add_test(xml_tests
-  SOURCES runtime/tests/xml_tree_test.cpp runtime/tests/xml_writer_test.cpp
-          runtime/tests/xml_node_test.cpp
+  SOURCES runtime/tests/xml_test.cpp
   LIBS qm_core qm_xml)

@@ -1,0 +1,531 @@
+// XML documents: parsing, hostile input, the writer, paths, file binding and the node API.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "XmlReaderWriter.h"
+
+namespace {
+
+using Node = XmlReaderWriter::Node;
+using NodeString = XmlReaderWriter::NodeString;
+using NodeException = XmlReaderWriter::NodeException;
+
+const std::string kDecl = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"no\"?>\n\n";
+
+bool Parse(XmlReaderWriter& doc, std::string text) {
+  return doc.readFrom(&text[0], static_cast<unsigned>(text.size()));
+}
+
+std::string Serialized(const XmlReaderWriter& doc) {
+  std::string out;
+  EXPECT_TRUE(doc.toString(out));
+  return out;
+}
+
+// Runs `action` and returns the message it threw, or "<no exception>".
+std::string Thrown(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const NodeException& e) {
+    return e.getMessage();
+  }
+  return "<no exception>";
+}
+
+TEST(XmlParse, ContentsAttributesEntitiesAndEncodings) {
+  XmlReaderWriter doc;
+  ASSERT_TRUE(Parse(doc,
+                    "<a z=\"1\" b=\"&lt;2&gt;\" m='3'> x <b>  hi </b> &#65;&amp;<![CDATA[<x>]]>"
+                    " <c> </c><d/>\n z\t</a>"));
+  Node root = doc.getRootNode();
+  EXPECT_TRUE(root.value() == "x  A&<x> \n z");
+  EXPECT_TRUE(root["b"].value() == "hi");
+  EXPECT_FALSE(root["c"].hasValue() || root["d"].hasValue());
+  EXPECT_TRUE(root["c"].value() == static_cast<const char*>(nullptr));
+  ASSERT_EQ(root.getAttributeCount(), 3u);
+  EXPECT_TRUE(root.attributeName(0) == "z" && root.attributeName(2) == "m");
+  EXPECT_TRUE(root.attributeValue("b") == "<2>");
+  ASSERT_TRUE(
+      Parse(doc, "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><m t=\"\xe9\">caf\xe9</m>"));
+  EXPECT_TRUE(doc.getRootNode().value() == "caf\xc3\xa9");
+  EXPECT_TRUE(doc.getRootNode().attributeValue("t") == "\xc3\xa9");
+}
+
+TEST(XmlWriter, GoldenSerialisations) {
+  const std::string latin = "<?xml version=\"1.0\" encoding=\"ISO-8859-1\" standalone=\"no\"?>\n\n";
+  const std::string alone = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n\n";
+  const struct {
+    std::string in, out;
+  } cases[] = {
+      {"<r/>", kDecl + "<r>\n</r>\n"},
+      {"<?xml version=\"1.0\"?><r/>", kDecl + "<r>\n</r>\n"},
+      {"<?xml version=\"1.0\" standalone=\"yes\"?><r/>", alone + "<r>\n</r>\n"},
+      {"<?xml version=\"1.0\" encoding=\"ISO-8859-1\" standalone=\"no\"?><r/>",
+       latin + "<r>\n</r>\n"},
+      {"<a x=\"1\"><b>t</b><c/></a>", kDecl + "<a x=\"1\">\n  <b>t</b>\n  <c/>\n</a>\n"},
+      {"<r><p>text<q><s/></q></p></r>",
+       kDecl + "<r>\n  <p>    <q>\n      <s/>\n    </q>\ntext</p>\n</r>\n"},
+  };
+  for (const auto& c : cases) {
+    XmlReaderWriter doc;
+    ASSERT_TRUE(Parse(doc, c.in)) << c.in;
+    EXPECT_EQ(Serialized(doc), c.out) << c.in;
+  }
+  XmlReaderWriter doc;
+  doc.createDocument();
+  doc.createRootNode("r");
+  Node root = doc.getRootNode();
+  EXPECT_EQ(root.addChild("c", "").toString(), "<c/>\n");
+  root.delAllChildren();
+  root.value() = "a<b & c&amp;d&#39;e&#x27;";
+  root.addAttribute("q", "\"it's\" <&>");
+  EXPECT_EQ(
+      root.toString(),
+      "<r q=\"&quot;it&apos;s&quot; &lt;&amp;&gt;\">a&lt;b &amp; c&amp;d&#39;e&amp;#x27;</r>\n");
+  EXPECT_EQ(XmlReaderWriter::encodeSpecialChar(nullptr), "");
+}
+
+TEST(XmlWriter, RecognisesEncodedSequences) {
+  const struct {
+    const char* text;
+    bool encoded;
+  } cases[] = {{"&#39;", true},   {"&#;", true},        {"&amp;", true}, {"&Q7z;", true},
+               {"&#x27;", false}, {"&#X27;", false},    {"&;", false},   {"&amp", false},
+               {"&#12", false},   {"&a-b;", false},     {"& b;", false}, {"&", false},
+               {"x&a;", false},   {"&\xc3\xa9;", false}};
+  for (const auto& c : cases)
+    EXPECT_EQ(XmlReaderWriter::isEncodedSequence(c.text), c.encoded) << c.text;
+  EXPECT_FALSE(XmlReaderWriter::isEncodedSequence(nullptr));
+}
+
+TEST(XmlWriter, RoundTripsKeepTheDocument) {
+  for (const char* text : {
+           "<a x=\"1\" y=\"&quot;two&quot;\"><b>t</b><c/><b>u &lt; v</b></a>",
+           "<?xml version=\"1.0\" standalone=\"yes\"?><OAP-request version=\"3.0\" id=\"ff01\">"
+           "<Header><Port>8080</Port></Header><Body>caf\xc3\xa9 &amp; bar</Body></OAP-request>",
+           "<r>mixed<k a='it&apos;s'>x</k>tail</r>",
+           "<d><e><f><g>deep</g></f></e><e/></d>",
+       }) {
+    XmlReaderWriter first, second;
+    ASSERT_TRUE(Parse(first, text)) << text;
+    const std::string once = Serialized(first);
+    ASSERT_TRUE(Parse(second, once)) << once;
+    EXPECT_EQ(Serialized(second), once);
+    EXPECT_TRUE(first.getRootNode() == second.getRootNode()) << text;
+  }
+}
+
+TEST(XmlParse, MalformedInputLeavesNoTree) {
+  for (const char* text : {"", "<a>", "<a><b></a>", "<a x=1/>", "<a/><b/>", "text only",
+                           "<a x='1' x='2'/>", "<a>&undefined;</a>", "<a>\x01</a>",
+                           "<?xml version=\"1.0\" encoding=\"UTF-8\"?><a>\xff</a>"}) {
+    XmlReaderWriter doc;
+    ASSERT_TRUE(Parse(doc, "<good/>"));
+    EXPECT_FALSE(Parse(doc, text)) << text;
+    EXPECT_FALSE(doc.isDocumentPresent()) << text;
+    std::string out;
+    EXPECT_FALSE(doc.toString(out));
+    EXPECT_EQ(Thrown([&] { doc.getRootNode(); }), "NULL XML document object");
+  }
+  XmlReaderWriter doc;
+  EXPECT_FALSE(doc.readFrom(nullptr, 10));
+}
+
+TEST(XmlHostile, EntitiesAreNeitherExpandedNorLoaded) {
+  std::string bomb = "<?xml version=\"1.0\"?><!DOCTYPE l [<!ENTITY l0 \"lollollollollol\">";
+  for (int i = 1; i < 10; ++i) {
+    bomb += "<!ENTITY l" + std::to_string(i) + " \"";
+    for (int j = 0; j < 10; ++j) bomb += "&l" + std::to_string(i - 1) + ";";
+    bomb += "\">";
+  }
+  const auto start = std::chrono::steady_clock::now();
+  XmlReaderWriter doc;
+  EXPECT_FALSE(Parse(doc, bomb + "]><l a=\"&l8;\">&l9;</l>"));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+  ASSERT_TRUE(Parse(doc,
+                    "<!DOCTYPE a [<!ENTITY e SYSTEM \"file:///etc/hostname\"><!ENTITY % p "
+                    "SYSTEM \"file:///etc/hostname\"> %p;]><a>&e;</a>"));
+  EXPECT_FALSE(doc.getRootNode().hasValue());  // the references are skipped, not resolved
+}
+
+TEST(XmlHostile, DepthIsBoundedWhenParsedAndUnboundedWhenBuilt) {
+  auto nested = [](int depth) {
+    std::string open, close;
+    for (int i = 0; i < depth; ++i) open += "<e>", close += "</e>";
+    return open + close;
+  };
+  XmlReaderWriter doc;
+  ASSERT_TRUE(Parse(doc, nested(XmlTree::kMaxDepth)));
+  EXPECT_FALSE(Parse(doc, nested(XmlTree::kMaxDepth + 1)));
+  std::string megabyte;
+  while (megabyte.size() < (1u << 20)) megabyte += "<deep a='1'>";
+  EXPECT_FALSE(Parse(doc, megabyte));
+
+  doc.createDocument();
+  ASSERT_TRUE(doc.createRootNode("r"));
+  Node node = doc.getRootNode(), subtree;
+  const int depth = 100000, tail = 2000;
+  for (int i = 0; i < depth; ++i) {
+    node = node.addChild("n", "");
+    if (i == depth - tail) subtree = node;
+  }
+  node.value() = "leaf";
+  const std::string out = subtree.toString();
+  EXPECT_EQ(out.rfind("<n>\n  <n>\n", 0), 0u);
+  EXPECT_NE(out.find(std::string(2 * (tail - 1), ' ') + "<n>leaf</n>\n"), std::string::npos);
+  doc.getRootNode().delAllChildren();
+  EXPECT_EQ(doc.getRootNode().getChildrenCount(), 0u);
+  node = doc.getRootNode();
+  for (int i = 0; i < depth; ++i) node = node.addChild("n", "");  // freed with the document
+}
+
+TEST(XmlHostile, RandomAndTruncatedInputNeverCrashes) {
+  const std::string good =
+      "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><OAP-request version=\"4.0\" "
+      "id=\"1f\"><Header><To>7</To></Header><Body a='&amp;'>t&#65;x<![CDATA[c]]></Body>"
+      "<!-- note --><?pi data?></OAP-request>";
+  const std::string alphabet = "<>/=\"'&;#x!?[]-a1 \t\n\xc3\xe9\xff";
+  std::mt19937 random(20240611);
+  XmlReaderWriter doc;
+  for (size_t cut = 0; cut < good.size(); ++cut) EXPECT_FALSE(Parse(doc, good.substr(0, cut)));
+  for (int round = 0; round < 3000; ++round) {
+    std::string text = good;
+    for (int e = 0, edits = 1 + static_cast<int>(random() % 4); e < edits; ++e) {
+      text[random() % text.size()] =
+          round % 3 == 0 ? static_cast<char>(random() % 256) : alphabet[random() % alphabet.size()];
+    }
+    std::string once;
+    if (Parse(doc, text)) {
+      ASSERT_TRUE(doc.toString(once));
+    }
+  }
+}
+
+TEST(XmlPaths, WalkCreateAndReport) {
+  XmlReaderWriter doc;
+  EXPECT_FALSE(doc.isNode(2, "r", "a"));
+  EXPECT_THROW(doc.createDocumentPath({"r", "a"}), NodeException);
+  EXPECT_TRUE(doc.createDocument());
+  EXPECT_FALSE(doc.createDocument());
+  doc.createDocumentPath(3, "r", "a", "b").value() = "v";
+  doc.createDocumentPath({"r", "a", "c"});
+  EXPECT_FALSE(doc.createRootNode("again"));
+  EXPECT_TRUE(doc.isNode({"ignored", "a", "b"}));
+  EXPECT_FALSE(doc.isNode(3, "r", "a", "zz"));
+  EXPECT_TRUE(doc.getNode(3, "r", "a", "b").value() == "v");
+  EXPECT_EQ(doc.getRootNode()["a"].getChildrenCount(), 2u);
+  EXPECT_EQ(Thrown([&] { doc.getNode({"r", "a", "missing"}); }), "Node not present");
+}
+
+class XmlFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/xml_file_test_XXXXXX";
+    const int fd = mkstemp(pattern);
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+    m_path = pattern;
+  }
+  void TearDown() override { std::remove(m_path.c_str()); }
+  std::string Contents() const {
+    std::stringstream text;
+    text << std::ifstream(m_path).rdbuf();
+    return text.str();
+  }
+  void SetContents(const std::string& text) const { std::ofstream(m_path) << text; }
+
+  std::string m_path;
+};
+
+TEST_F(XmlFileTest, WritesAndReadsBackThroughFlagsAndOwnFile) {
+  XmlReaderWriter doc;
+  EXPECT_FALSE(doc.read() || doc.write() || doc.write(m_path));  // no file, no tree
+  ASSERT_TRUE(Parse(doc, "<cfg><item k=\"1\">a much longer text than the result</item></cfg>"));
+  EXPECT_FALSE(doc.write("/nonexistent-dir/x.xml"));
+  ASSERT_TRUE(doc.write(m_path));
+  XmlReaderWriter loaded(m_path, XmlReaderWriter::OPEN_FILE | XmlReaderWriter::OPEN_READ |
+                                     XmlReaderWriter::OPEN_LOCK | XmlReaderWriter::OPEN_UNLOCK);
+  EXPECT_TRUE(loaded.isFileOpened() && loaded.isFileLoaded());
+  EXPECT_FALSE(loaded.isFileLocked() || loaded.isMutable());
+  EXPECT_TRUE(loaded.getRootNode()["item"].attributeValue("k") == 1);
+
+  XmlReaderWriter own(m_path, 0);
+  EXPECT_FALSE(own.write());  // not opened yet
+  ASSERT_TRUE(own.open(false, true));
+  EXPECT_FALSE(own.open(false, true));  // already opened
+  ASSERT_TRUE(own.read());
+  own.getRootNode()["item"].value() = "b";
+  own.getRootNode()["new"].attributeValue("n") = 7;
+  ASSERT_TRUE(own.write());
+  EXPECT_EQ(Contents(), kDecl + "<cfg>\n  <item k=\"1\">b</item>\n  <new n=\"7\"/>\n</cfg>\n");
+  ASSERT_TRUE(own.read());  // reads its own output again
+  EXPECT_TRUE(own.getRootNode()["new"].attributeValue("n") == 7);
+  EXPECT_TRUE(own.close());
+  EXPECT_FALSE(own.close());
+  EXPECT_FALSE(own.isFileOpened() || own.isFileLoaded() || own.isFileLocked());
+  EXPECT_TRUE(own.isDocumentPresent());  // the tree stays
+  EXPECT_FALSE(own.open(true, false));   // the file object is gone
+
+  SetContents("<broken>");
+  XmlReaderWriter bad(m_path, XmlReaderWriter::OPEN_FILE | XmlReaderWriter::OPEN_READ);
+  EXPECT_TRUE(bad.isFileOpened());
+  EXPECT_FALSE(bad.isFileLoaded() || bad.isDocumentPresent());
+}
+
+TEST_F(XmlFileTest, OpenFlagsCreateTruncateAndLock) {
+  EXPECT_FALSE(XmlReaderWriter(m_path + ".missing", XmlReaderWriter::OPEN_FILE).isFileOpened());
+  XmlReaderWriter created(m_path + ".new",
+                          XmlReaderWriter::OPEN_FILE | XmlReaderWriter::OPEN_CREATE);
+  EXPECT_TRUE(created.isFileOpened());
+  EXPECT_FALSE(created.read());  // empty file: no document
+  std::remove((m_path + ".new").c_str());
+
+  SetContents("<old/>");
+  XmlReaderWriter doc(m_path, 0);
+  EXPECT_FALSE(doc.open(XmlReaderWriter::OPEN_CREATE));  // bit 1 missing
+  EXPECT_FALSE(doc.lock(true, false) || doc.unlock());
+  ASSERT_TRUE(doc.open(XmlReaderWriter::OPEN_FILE | XmlReaderWriter::OPEN_TRUNCATE |
+                       XmlReaderWriter::OPEN_LOCK | XmlReaderWriter::OPEN_MUTABLE));
+  EXPECT_EQ(Contents(), "");
+  EXPECT_TRUE(doc.isFileLocked() && doc.isMutable());
+  XmlReaderWriter other(m_path, XmlReaderWriter::OPEN_FILE);
+  EXPECT_TRUE(other.lock(true, false));  // shared locks coexist
+  EXPECT_TRUE(other.unlock());
+  EXPECT_FALSE(other.lock(false, false));  // exclusive is refused while shared is held
+  EXPECT_TRUE(doc.unlock());
+  EXPECT_TRUE(other.lock(false, false));
+  EXPECT_TRUE(other.lock(false, false));  // already locked
+}
+
+class XmlNodeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(Parse(m_doc,
+                      "<root id=\"1a\" kind=\"x\"><item n=\"1\">one</item><other/><item n=\"2\">"
+                      "two</item><num>-42</num><flag>No</flag><real>2.5</real><empty/></root>"));
+    m_root = m_doc.getRootNode();
+  }
+  XmlReaderWriter m_doc;
+  Node m_root;
+};
+
+TEST_F(XmlNodeTest, ReadsAndWalksWithCursors) {
+  std::vector<std::string> names;
+  while (m_root.nextChildNode()) names.push_back(m_root.childNode().name());
+  EXPECT_EQ(names,
+            (std::vector<std::string>{"item", "other", "item", "num", "flag", "real", "empty"}));
+  EXPECT_TRUE(m_root.childNode().name() == "item");  // cursor ran off: first child again
+  EXPECT_TRUE(m_root.isAttribute("kind") && !m_root.isAttribute("Kind"));
+  EXPECT_TRUE(m_root.hasChild("num") && !m_root.hasChild("nu"));
+  EXPECT_EQ(m_root.getSameChildrenCount("item"), 2u);
+  EXPECT_TRUE(m_root.getChildNode("item", 1).attributeValue("n") == "2");
+  EXPECT_TRUE(m_root.getChildNode(3).value() == -42);
+  EXPECT_TRUE(m_root.isChildValue("item", "one") && !m_root.isChildValue("item", "two"));
+  EXPECT_TRUE(m_root.isAttributeValue("kind", "x"));
+  m_root["num"];
+  EXPECT_TRUE(m_root.childNode().name() == "num");
+
+  Node other = m_root["other"];
+  EXPECT_TRUE(other.rightSibling("").value() == "two");
+  EXPECT_TRUE(other.rightSibling("empty").name() == "empty");
+  EXPECT_TRUE(other.leftSibling("item").value() == "one");
+  EXPECT_TRUE(other.isRightSibling("real") && !other.isRightSibling("other"));
+  EXPECT_TRUE(other.isLeftSibling("") && !other.isLeftSibling("num"));
+  EXPECT_TRUE(other.parentNode() == m_root);
+  EXPECT_TRUE(other.isParentNode() && !m_root.isParentNode());
+  std::string attributes;
+  while (m_root.nextAttribute()) {
+    attributes +=
+        std::string(m_root.attributeName()) + "=" + std::string(m_root.attributeValue()) + ";";
+  }
+  EXPECT_EQ(attributes, "id=1a;kind=x;");
+  EXPECT_TRUE(m_root.attributeName(1) == "kind");  // an index moves the cursor
+  EXPECT_TRUE(m_root.attributeValue() == "x");
+  EXPECT_TRUE(m_root["item"] == "item");
+}
+
+TEST_F(XmlNodeTest, ReadOnlyDocumentThrowsTheDefinedTexts) {
+  Node first = m_root[0u];
+  Node last = m_root["empty"];
+  const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+      {[&] { m_root["gone"]; }, "Unable to find child node 'gone'."},
+      {[&] { m_root[7u]; }, "Unable to find child node."},
+      {[&] { m_root.getChildNode(-1); }, "Unable to find child node."},
+      {[&] { m_root.getChildNode("item", 2); }, "Unable to find child node."},
+      {[&] { last.childNode(); }, "NULL child node."},
+      {[&] { m_root.parentNode(); }, "Root node, NULL parent."},
+      {[&] { last.rightSibling(""); }, "Last node, NULL next sibling."},
+      {[&] { first.rightSibling("nothing"); }, "NULL next sibling with given name."},
+      {[&] { first.leftSibling(""); }, "First node, NULL previous sibling."},
+      {[&] { last.leftSibling("nothing"); }, "NULL previous sibling with given name."},
+      {[&] { m_root.attributeValue("nope"); }, "No attribute by given name."},
+      {[&] { m_root.attributeValue(2); }, "No attribute at given index."},
+      {[&] { m_root.attributeName(-1); }, "No attribute at given index."},
+      {[&] { first.attributeName(); }, "No attribute."},
+      {[&] { last.attributeValue(); }, "No attribute."},
+      {[&] { m_root.delChild(-1); }, "Child node index out of bound."},
+      {[&] { m_root.addChild("", "x"); }, "Unable to add new node."},
+      {[] { Node().name(); }, "NULL node or node name."},
+      {[] { Node().value(); }, "NULL node or node name."},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Thrown(c.first), c.second);
+  EXPECT_EQ(m_root.getChildrenCount(), 7u);
+  EXPECT_EQ(m_root.getAttributeCount(), 2u);
+}
+
+TEST_F(XmlNodeTest, MutableDocumentGrowsInsteadOfThrowing) {
+  m_doc.setMutable(true);
+  Node gone = m_root["gone"];
+  EXPECT_TRUE(gone.name() == "gone" && !gone.hasValue());
+  EXPECT_TRUE(m_root.childNode() == gone);      // the new child is the cursor
+  Node third = m_root.getChildNode("item", 5);  // one new child, whatever the index
+  EXPECT_EQ(m_root.getSameChildrenCount("item"), 3u);
+  EXPECT_FALSE(third.isRightSibling(""));  // appended at the end
+  EXPECT_TRUE(m_root.attributeValue("new") == "");
+  EXPECT_TRUE(m_root.attributeName(2) == "new");
+  EXPECT_EQ(Thrown([&] { m_root.attributeValue(""); }),
+            "Unable to create new attribute by given name.");
+  Node copy = m_root.addChild("item", "one");
+  EXPECT_FALSE(m_root["item"] == copy);  // attribute counts differ
+  copy.addAttribute("n", "1");
+  EXPECT_TRUE(m_root["item"] == copy);
+  copy.attributeValue("n") = "2";
+  EXPECT_FALSE(m_root["item"] == copy);
+  EXPECT_FALSE(Node("item", "x") == Node("item", "y"));
+  EXPECT_TRUE(Node::getDummyNode("item", "x") == Node("item", "x"));
+}
+
+TEST_F(XmlNodeTest, ChangesChildrenAndAttributes) {
+  EXPECT_TRUE(m_root.addChild("item", "three").value() == "three");
+  EXPECT_TRUE(m_root.addAttribute("kind", "y"));  // replaces in place
+  EXPECT_TRUE(m_root.attributeName(1) == "kind" && m_root.attributeValue(1) == "y");
+  EXPECT_FALSE(m_root.delAttribute("kind", "x"));
+  EXPECT_TRUE(m_root.delAttribute("kind", "y"));
+  EXPECT_FALSE(m_root.delAttribute("kind"));
+  m_root.delAllAttributes();
+  EXPECT_EQ(m_root.getAttributeCount(), 0u);
+  EXPECT_TRUE(m_root.delChild("item", "two"));
+  EXPECT_FALSE(m_root.delChild("item", "two"));
+  EXPECT_TRUE(m_root.delChild("item"));
+  EXPECT_TRUE(m_root[m_root.getChildrenCount() - 1].value() == "three");
+  EXPECT_TRUE(m_root.delChild(0));  // "other"
+  EXPECT_FALSE(m_root.delChild(99));
+  EXPECT_TRUE(m_root["num"].rightSibling("").name() == "flag");  // siblings renumbered
+  m_root.addChild("num", "");
+  EXPECT_EQ(m_root.delSameChildren("num"), 2u);
+  m_root.delAllChildren();
+  EXPECT_FALSE(m_root.nextChildNode());
+  EXPECT_EQ(m_root.toString(), "<root>\n</root>\n");
+}
+
+TEST_F(XmlNodeTest, DetachedNodesOnlyKnowTheirOwnElement) {
+  Node none;
+  Node dummy("d", "v");
+  EXPECT_EQ(dummy.toString(), "<d>v</d>\n");
+  for (Node* node : {&none, &dummy}) {
+    const std::vector<std::function<void()>> actions = {
+        [&] { (*node)["x"]; },
+        [&] { (*node)[0u]; },
+        [&] { node->childNode(); },
+        [&] { node->nextChildNode(); },
+        [&] { node->parentNode(); },
+        [&] { node->rightSibling(""); },
+        [&] { node->attributeValue("x"); },
+        [&] { node->isAttribute("x"); },
+        [&] { node->addChild("x", ""); },
+        [&] { node->delAllChildren(); },
+    };
+    for (const auto& action : actions) {
+      EXPECT_EQ(Thrown(action), "Not an actual node in the XML tree.");
+    }
+  }
+}
+
+TEST_F(XmlNodeTest, NodeStringConversions) {
+  NodeString absent = m_root["empty"].value();
+  EXPECT_EQ(static_cast<char*>(absent), nullptr);
+  EXPECT_EQ(std::string(absent), "");
+  EXPECT_EQ(static_cast<int>(absent), 0);
+  EXPECT_FALSE(static_cast<bool>(absent));
+  EXPECT_FALSE(absent == "");
+  EXPECT_EQ(static_cast<long>(m_root["num"].value()), -42L);
+  EXPECT_EQ(static_cast<unsigned long>(m_root.attributeValue("kind")), 0ul);
+  EXPECT_EQ(static_cast<unsigned int>(m_root["item"].attributeValue("n")), 1u);
+  EXPECT_FLOAT_EQ(static_cast<float>(m_root["real"].value()), 2.5f);
+  EXPECT_TRUE(m_root["real"].value() == 2.5);
+  EXPECT_TRUE(m_root["flag"].value() == false);
+  EXPECT_TRUE(m_root["item"].value() == true);
+  EXPECT_TRUE(m_root["item"].value() != std::string("two"));
+  NodeString flag = m_root["flag"].value();
+  for (const char* falsy : {"false", "FALSE", "0", "no", "nO", ""}) {
+    flag = falsy;
+    EXPECT_FALSE(static_cast<bool>(flag)) << falsy;
+  }
+  for (const char* truthy : {"true", "yes", "1", "00", "n"}) {
+    flag = truthy;
+    EXPECT_TRUE(static_cast<bool>(flag)) << truthy;
+  }
+}
+
+TEST_F(XmlNodeTest, NodeStringAssignmentsWriteIntoTheTree) {
+  Node num = m_root["num"];
+  NodeString value = num.value();
+  const std::vector<std::pair<std::function<void()>, const char*>> cases = {
+      {[&] { value = 70000u; }, "4464"},
+      {[&] { value = -5; }, "-5"},
+      {[&] { value = 1.5; }, "1.500000"},
+      {[&] { value = 0.25f; }, "0.250000"},
+      {[&] { value = -7L; }, "-7"},
+      {[&] { value = 4294967295ul; }, "4294967295"},
+      {[&] { value = true; }, "true"},
+      {[&] { value = std::string("s"); }, "s"},
+      {[&] { value = m_root["item"].value(); }, "one"},
+  };
+  for (const auto& c : cases) {
+    c.first();
+    EXPECT_TRUE(num.value() == c.second) << c.second;
+  }
+  num.name() = "count";
+  EXPECT_TRUE(m_root.hasChild("count") && !m_root.hasChild("num"));
+  m_root.attributeName(0) = "ident";
+  m_root.attributeValue("ident") = 12ul;
+  EXPECT_EQ(m_root.toString().rfind("<root ident=\"12\" kind=\"x\">\n", 0), 0u);
+  EXPECT_EQ(Thrown([&] { value = static_cast<const char*>(nullptr); }),
+            "NULL assignment to node string Lvalue.");
+}
+
+TEST_F(XmlNodeTest, NodeStringMisuseThrowsTheDefinedTexts) {
+  NodeString nothing;
+  for (const auto& use : std::vector<std::function<void()>>{
+           [&] { static_cast<void>(static_cast<char*>(nothing)); },
+           [&] { static_cast<void>(static_cast<unsigned long>(nothing)); },
+           [&] { static_cast<void>(nothing == "x"); },
+           [&] { nothing = "x"; },
+           [&] { nothing = 1; },
+       }) {
+    EXPECT_EQ(Thrown(use), "NULL node string.");
+  }
+  XmlElement element("e");
+  NodeString wrongKind(3, &element, nullptr, NodeString::PART_NAME);
+  EXPECT_EQ(Thrown([&] { wrongKind = "x"; }), "Unwanted exception at node string assignment.");
+  EXPECT_EQ(Thrown([&] { wrongKind = 3; }), "Unwanted exception at node int assignment.");
+  NodeString wrongPart(NodeString::KIND_ATTRIBUTE, &element, nullptr, NodeString::PART_VALUE);
+  EXPECT_EQ(Thrown([&] { wrongPart = true; }), "Unwanted exception at node int assignment.");
+  EXPECT_EQ(element.name(), "e");
+
+  EXPECT_EQ(NodeException().getMessage(), "Some error occurred.");
+  EXPECT_EQ(NodeException("%s-%d", "a", 7).getMessage(), "a-7");
+  EXPECT_EQ(NodeException("%s", std::string(5000, 'z').c_str()).getMessage(),
+            std::string(2047, 'z'));
+}
+
+}  // namespace
