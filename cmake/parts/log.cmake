@@ -21,3 +21,7 @@ qm_add_test(log_tests
   SOURCES runtime/tests/log_db_test.cpp runtime/tests/log_writer_test.cpp
           runtime/tests/log_frontend_test.cpp
   LIBS qm_core qm_ini_codec qm_log)
+
+qm_add_test(logger_config_tests
+  SOURCES runtime/tests/logger_config_test.cpp
+  LIBS qm_core qm_ini_codec qm_log)

@@ -61,6 +61,14 @@ class QmsysEventLogInterface : public QmLogInterface {
   static std::string getModuleAttributeValues(const std::string& configDirectory,
                                               const std::string& moduleName,
                                               const std::string& attribute);
+  // Takes the module out of "[main]" and drops its logger section unless
+  // another module still uses it ("[common]" always stays). The module then
+  // logs through "[common]". False when the file cannot be read or written.
+  static bool deleteLogger(const std::string& configDirectory, const std::string& moduleName);
+  // Points the module's "[main]" entry at `loggerName`, creating that logger
+  // section with the file-writer defaults when it does not exist yet.
+  static bool updateLoggerName(const std::string& configDirectory, const std::string& moduleName,
+                               const std::string& loggerName);
   // Deletes the module's log files and every "*.lock" file in `directory`.
   static bool DeleteLoggerFiles(const std::string& directory, const std::string& moduleName);
 

@@ -171,6 +171,16 @@ bool RepairModuleLogger(IniReaderWriter& ini, const std::string& configPath,
   return false;
 }
 
+// True when a module other than `moduleName` names `loggerName` in "[main]".
+bool IsLoggerShared(const IniReaderWriter& ini, const std::string& moduleName,
+                    const std::string& loggerName) {
+  for (int index = 0;; ++index) {
+    const std::string key = ini.getKey(kMainHead, index);
+    if (key.empty()) return false;
+    if (key != moduleName && ini.getKeyValue(kMainHead, index) == loggerName) return true;
+  }
+}
+
 // The module's registered logger, or a new one of `type`, set up by
 // `configure` and registered; null when the registry is full.
 QmsysEventLogInterface* FindOrRegister(
@@ -200,6 +210,21 @@ QmsysEventLogInterface* FindOrRegister(
 void ReportConfigFault(const char* function, const std::string& path) {
   QmsysSystemLog::Write(function, QmsysSystemLog::CATEGORY_ERROR, "Unable to open %s: %s",
                         path.c_str(), QmgetLastError().c_str());
+}
+
+// Runs `edit` on the configuration file under its exclusive lock and writes
+// the file back when `edit` changed it.
+template <typename Edit>
+bool EditConfigFile(const std::string& configDirectory, const char* function, Edit edit) {
+  const std::string configPath = QmsysEventLogInterface::getConfigFileName(configDirectory);
+  QmIniReaderWriterEx ini(configPath, true, true);
+  if (!ini.open(false) || !ini.lock(false) || !ini.read()) {
+    ReportConfigFault(function, configPath);
+    return false;
+  }
+  const bool written = !edit(ini, configPath) || ini.write();
+  ini.close();
+  return written;
 }
 
 }  // namespace
@@ -333,25 +358,20 @@ bool QmsysEventLogInterface::checkAndRepairConfigFile(const std::string& configD
                                                       const std::string& moduleName) {
   const std::string configPath = getConfigFileName(configDirectory);
   if (!FileExists(configPath)) return generateConfigFile(configPath, moduleName);
-
-  QmIniReaderWriterEx ini(configPath, true, true);
-  if (!ini.open(false) || !ini.lock(false) || !ini.read()) {
-    ReportConfigFault("QmsysEventLogInterface::checkAndRepairConfigFile", configPath);
-    return false;
-  }
-  bool changed = false;
-  if (!ini.isHeadPresent(kMainHead)) {
-    ini[kMainHead];
-    changed = true;
-  }
-  if (!ini.isHeadPresent(kCommonHead)) {
-    CreateDefaultLogger(ini, configPath, kCommonLogger, kCommonLogger, kCommonLogFile, false);
-    changed = true;
-  }
-  changed = RepairModuleLogger(ini, configPath, moduleName) || changed;
-  const bool written = !changed || ini.write();
-  ini.close();
-  return written;
+  return EditConfigFile(configDirectory, "QmsysEventLogInterface::checkAndRepairConfigFile",
+                        [&](IniReaderWriter& ini, const std::string& path) {
+                          bool changed = false;
+                          if (!ini.isHeadPresent(kMainHead)) {
+                            ini[kMainHead];
+                            changed = true;
+                          }
+                          if (!ini.isHeadPresent(kCommonHead)) {
+                            CreateDefaultLogger(ini, path, kCommonLogger, kCommonLogger,
+                                                kCommonLogFile, false);
+                            changed = true;
+                          }
+                          return RepairModuleLogger(ini, path, moduleName) || changed;
+                        });
 }
 
 std::string QmsysEventLogInterface::getModuleAttributeValues(const std::string& configDirectory,
@@ -364,6 +384,31 @@ std::string QmsysEventLogInterface::getModuleAttributeValues(const std::string& 
       name.empty() ? std::string() : ini.getKeyValue(SectionOf(name), attribute);
   ini.close();
   return value;
+}
+
+bool QmsysEventLogInterface::deleteLogger(const std::string& configDirectory,
+                                          const std::string& moduleName) {
+  return EditConfigFile(configDirectory, "QmsysEventLogInterface::deleteLogger",
+                        [&](IniReaderWriter& ini, const std::string&) {
+                          const std::string name = ini.getKeyValue(kMainHead, moduleName);
+                          if (!ini.removeKey(kMainHead, moduleName)) return false;
+                          if (name != kCommonLogger && !IsLoggerShared(ini, moduleName, name)) {
+                            ini.removeSection(SectionOf(name));
+                          }
+                          return true;
+                        });
+}
+
+bool QmsysEventLogInterface::updateLoggerName(const std::string& configDirectory,
+                                              const std::string& moduleName,
+                                              const std::string& loggerName) {
+  if (moduleName.empty() || loggerName.empty()) return false;
+  return EditConfigFile(configDirectory, "QmsysEventLogInterface::updateLoggerName",
+                        [&](IniReaderWriter& ini, const std::string& configPath) {
+                          CreateDefaultLogger(ini, configPath, moduleName, loggerName,
+                                              loggerName, true);
+                          return true;
+                        });
 }
 
 bool QmsysEventLogInterface::DeleteLoggerFiles(const std::string& directory,
