@@ -405,8 +405,8 @@ bool QmsysEventLogInterface::updateLoggerName(const std::string& configDirectory
   if (moduleName.empty() || loggerName.empty()) return false;
   return EditConfigFile(configDirectory, "QmsysEventLogInterface::updateLoggerName",
                         [&](IniReaderWriter& ini, const std::string& configPath) {
-                          CreateDefaultLogger(ini, configPath, moduleName, loggerName,
-                                              loggerName, true);
+                          CreateDefaultLogger(ini, configPath, moduleName, loggerName, loggerName,
+                                              true);
                           return true;
                         });
 }

@@ -47,8 +47,7 @@ TEST_F(LoggerConfigTest, UpdateLoggerNameRepointsOrCreatesTheSection) {
 
   ASSERT_TRUE(Logger::updateLoggerName(m_dir.path(), "modD", "fresh_logger"));
   EXPECT_EQ("info", Logger::getModuleAttributeValues(m_dir.path(), "modD", "level"));
-  const std::string logPath =
-      Logger::getModuleAttributeValues(m_dir.path(), "modD", "filePath");
+  const std::string logPath = Logger::getModuleAttributeValues(m_dir.path(), "modD", "filePath");
   EXPECT_TRUE(LogFileExists(logPath)) << logPath;
   EXPECT_FALSE(Logger::updateLoggerName(m_dir.path(), "modD", ""));
 }
