@@ -41,7 +41,8 @@ class QmMessageFile {
   int32_t TtlMinutes = 0;
   bool IsInteractive = false;
   bool ExpectsResponse = false;
-  QmMessengerReportsMngrInterface::ReportsStatus Status = QmMessengerReportsMngrInterface::NO_STATUS;
+  QmMessengerReportsMngrInterface::ReportsStatus Status =
+      QmMessengerReportsMngrInterface::NO_STATUS;
   int32_t StatusTime = 0;  // seconds since the epoch
   bool RequeueFlag = false;
   bool DeleteFlag = false;

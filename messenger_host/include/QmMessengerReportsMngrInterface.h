@@ -11,11 +11,11 @@ class QmMessengerReportsMngrInterface {
   // Job states. Only the numbers are part of the contract with drivers.
   enum ReportsStatus {
     NO_STATUS = 0,
-    SENDING = 2,       // set at the start of every send; stays when it fails
-    SENT = 3,          // the server accepted the message
-    REPLIED = 4,       // the handset chose an ordinary answer
-    REPLIED_WITH = 5,  // the handset answered with text matching no choice
-    DELIVERED = 6,     // the handset reported the message delivered
+    SENDING = 2,             // set at the start of every send; stays when it fails
+    SENT = 3,                // the server accepted the message
+    REPLIED = 4,             // the handset chose an ordinary answer
+    REPLIED_WITH = 5,        // the handset answered with text matching no choice
+    DELIVERED = 6,           // the handset reported the message delivered
     REPLIED_SPECIAL_A = 15,  // the handset chose an answer of kind 2
     REPLIED_SPECIAL_B = 16   // the handset chose an answer of kind 3
   };

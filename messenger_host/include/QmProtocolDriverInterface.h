@@ -31,9 +31,7 @@ class QmProtocolDriverInterface {
   virtual bool Setup(QmMessengerInstConfBasic* /*conf*/) { return true; }
   virtual bool PeriodicEvent() { return true; }
   virtual bool ResetDevice() { return true; }
-  virtual bool Send2WayRespQuery(QmMessageFile* /*job*/, ReportsStatus& /*status*/) {
-    return true;
-  }
+  virtual bool Send2WayRespQuery(QmMessageFile* /*job*/, ReportsStatus& /*status*/) { return true; }
   virtual bool SendAMessage(QmMessageFile* job, ReportsStatus& status) = 0;
   virtual bool Cleanup() { return true; }
   virtual bool ProcessSignal() { return true; }

@@ -8,7 +8,7 @@
 class QmAny {
  public:
   QmAny() = default;
-  QmAny(const std::string& text) : m_text(text) {}  // NOLINT: implicit by design
+  QmAny(const std::string& text) : m_text(text) {}       // NOLINT: implicit by design
   QmAny(const char* text) : m_text(text ? text : "") {}  // NOLINT
   QmAny(int value);
   QmAny(unsigned int value);

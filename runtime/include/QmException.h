@@ -12,8 +12,7 @@ class QmException : public std::exception {
   QmException() = default;
   explicit QmException(const std::string& msg);
   QmException(const std::string& file, int line, const std::string& msg);
-  QmException(const std::string& file, int line, const std::string& msg,
-              const std::string& sysMsg);
+  QmException(const std::string& file, int line, const std::string& msg, const std::string& sysMsg);
   ~QmException() override;
 
   // "Exception raised! File[%s] Line[%d] Msg[%s] SysMsg[%s]"

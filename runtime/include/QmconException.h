@@ -7,10 +7,9 @@
 class QmconException : public QmException {
  public:
   QmconException(unsigned int threadId, const std::string& msg);
-  QmconException(unsigned int threadId, const std::string& file, int line,
-                 const std::string& msg);
-  QmconException(unsigned int threadId, const std::string& file, int line,
-                 const std::string& msg, const std::string& sysMsg);
+  QmconException(unsigned int threadId, const std::string& file, int line, const std::string& msg);
+  QmconException(unsigned int threadId, const std::string& file, int line, const std::string& msg,
+                 const std::string& sysMsg);
 
   // "Exception raised! ThreadID[%d] File[%s] Line[%d] Msg[%s] SysMsg[%s]"
   std::string ToString() const override;

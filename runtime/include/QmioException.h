@@ -7,10 +7,9 @@
 // for a socket the remote end).
 class QmioException : public QmException {
  public:
-  QmioException(const std::string& path, const std::string& file, int line,
-                const std::string& msg);
-  QmioException(const std::string& path, const std::string& file, int line,
-                const std::string& msg, const std::string& sysMsg);
+  QmioException(const std::string& path, const std::string& file, int line, const std::string& msg);
+  QmioException(const std::string& path, const std::string& file, int line, const std::string& msg,
+                const std::string& sysMsg);
   QmioException(const std::string& path, const std::string& msg);
 
   // "Exception raised! IO path[%s] File[%s] Line[%d] Msg[%s] SysMsg[%s]"

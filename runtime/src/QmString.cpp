@@ -26,7 +26,9 @@ std::string QmstringFormat(const char* format, ...) {
 }
 
 namespace {
-bool IsSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+bool IsSpace(char c) {
+  return std::isspace(static_cast<unsigned char>(c)) != 0;
+}
 }  // namespace
 
 std::string QmstringTrimLeft(const std::string& text) {
@@ -41,7 +43,9 @@ std::string QmstringTrimRight(const std::string& text) {
   return text.substr(0, end);
 }
 
-std::string QmstringTrim(const std::string& text) { return QmstringTrimLeft(QmstringTrimRight(text)); }
+std::string QmstringTrim(const std::string& text) {
+  return QmstringTrimLeft(QmstringTrimRight(text));
+}
 
 int QmstringCompareNoCase(const std::string& a, const std::string& b) {
   return strcasecmp(a.c_str(), b.c_str());

@@ -17,7 +17,9 @@ QmconCriticalSection::~QmconCriticalSection() {
   m_lock = nullptr;
 }
 
-bool QmconCriticalSection::Enter() { return m_lock->Lock() == 0; }
+bool QmconCriticalSection::Enter() {
+  return m_lock->Lock() == 0;
+}
 
 bool QmconCriticalSection::Leave() {
   m_lock->Unlock();

@@ -9,9 +9,13 @@
 #include "QmconException.h"
 #include "QmconFunctions.h"
 
-QmconEvent::QmconEvent() : m_manualReset(false) { Initialize(); }
+QmconEvent::QmconEvent() : m_manualReset(false) {
+  Initialize();
+}
 
-QmconEvent::QmconEvent(bool manualReset) : m_manualReset(manualReset) { Initialize(); }
+QmconEvent::QmconEvent(bool manualReset) : m_manualReset(manualReset) {
+  Initialize();
+}
 
 // Releases every waiter (each returns 16) and waits until the last one has
 // left Wait, so no waiter touches the mutex or condition after they are gone.

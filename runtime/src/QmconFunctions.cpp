@@ -6,7 +6,9 @@
 #include <cerrno>
 #include <cstring>
 
-unsigned int GetMyThreadID() { return static_cast<unsigned int>(pthread_self()); }
+unsigned int GetMyThreadID() {
+  return static_cast<unsigned int>(pthread_self());
+}
 
 std::string QmgetLastError() {
   char buffer[1024] = {0};
@@ -20,4 +22,6 @@ void Qmsleep(int ms) {
   if (ms % 1000 > 0) usleep(static_cast<useconds_t>(ms % 1000) * 1000);
 }
 
-void QmsleepSec(int s) { sleep(static_cast<unsigned int>(s)); }
+void QmsleepSec(int s) {
+  sleep(static_cast<unsigned int>(s));
+}

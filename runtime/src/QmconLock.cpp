@@ -17,7 +17,9 @@ QmconLock::QmconLock() {
 // A lock must not be held when it is destroyed. The mutex is not unlocked
 // first: unlocking a mutex the caller does not hold is an error that thread
 // checkers rightly report.
-QmconLock::~QmconLock() { pthread_mutex_destroy(&m_mutex); }
+QmconLock::~QmconLock() {
+  pthread_mutex_destroy(&m_mutex);
+}
 
 int QmconLock::Lock() {
   const int rc = pthread_mutex_lock(&m_mutex);
@@ -30,4 +32,6 @@ int QmconLock::TryLock() {
   return rc == EBUSY ? 1 : 2;
 }
 
-int QmconLock::Unlock() { return pthread_mutex_unlock(&m_mutex); }
+int QmconLock::Unlock() {
+  return pthread_mutex_unlock(&m_mutex);
+}

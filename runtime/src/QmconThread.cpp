@@ -42,7 +42,9 @@ void StopSingleHandler(int) {
 void StartSingleHandler(int) {}
 
 // SIGQUIT and SIGTERM: end the receiving thread, not the process.
-void EndThreadHandler(int) { pthread_exit(nullptr); }
+void EndThreadHandler(int) {
+  pthread_exit(nullptr);
+}
 
 void InstallHandler(int signo, void (*handler)(int)) {
   struct sigaction action {};
@@ -57,7 +59,8 @@ void InstallHandler(int signo, void (*handler)(int)) {
 // exits once at start-up.
 void PreloadThreadExitSupport() {
   pthread_t id;
-  if (pthread_create(&id, nullptr, [](void*) -> void* { pthread_exit(nullptr); }, nullptr) == 0) {
+  if (pthread_create(
+          &id, nullptr, [](void*) -> void* { pthread_exit(nullptr); }, nullptr) == 0) {
     pthread_join(id, nullptr);
   }
 }
@@ -166,7 +169,9 @@ bool QmconThread::IsThreadActive(unsigned long pid) {
   return kill(static_cast<pid_t>(pid), 0) == 0;
 }
 
-pthread_t QmconThread::GetMyThreadID() { return pthread_self(); }
+pthread_t QmconThread::GetMyThreadID() {
+  return pthread_self();
+}
 
 // Polls every 250 ms while the thread lives. The count stops the loop only
 // when it reaches exactly zero, so a time-out that is not a multiple of 250
