@@ -1,6 +1,7 @@
 #ifndef QM_RUNTIME_QMSTRING_H
 #define QM_RUNTIME_QMSTRING_H
 
+#include <cstdarg>
 #include <cstddef>
 #include <string>
 
@@ -8,6 +9,8 @@
 
 // printf-style formatting into a string of any length.
 std::string QmstringFormat(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// The same with the arguments already collected; `args` is consumed.
+std::string QmstringFormatV(const char* format, va_list args) __attribute__((format(printf, 1, 0)));
 
 // Whitespace trimmed from both ends / one end.
 std::string QmstringTrim(const std::string& text);

@@ -11,18 +11,20 @@
 std::string QmstringFormat(const char* format, ...) {
   va_list args;
   va_start(args, format);
+  std::string result = QmstringFormatV(format, args);
+  va_end(args);
+  return result;
+}
+
+std::string QmstringFormatV(const char* format, va_list args) {
   va_list copy;
   va_copy(copy, args);
   const int needed = std::vsnprintf(nullptr, 0, format, copy);
   va_end(copy);
-  std::string result;
-  if (needed > 0) {
-    std::vector<char> buffer(static_cast<size_t>(needed) + 1);
-    std::vsnprintf(buffer.data(), buffer.size(), format, args);
-    result.assign(buffer.data(), static_cast<size_t>(needed));
-  }
-  va_end(args);
-  return result;
+  if (needed <= 0) return std::string();
+  std::vector<char> buffer(static_cast<size_t>(needed) + 1);
+  std::vsnprintf(buffer.data(), buffer.size(), format, args);
+  return std::string(buffer.data(), static_cast<size_t>(needed));
 }
 
 namespace {

@@ -16,6 +16,22 @@ const int kAcceptWaitMs = 1000;
 const int kPoolStopMs = 2000;
 const int kStopCheckMs = 1;
 
+// Runs `work` and returns its result; an exception is logged and gives false.
+// A thread being cancelled unwinds on through.
+template <typename Work>
+bool RunLogged(QmLogInterface* logger, Work work) {
+  try {
+    return work();
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (const QmException& e) {
+    QM_LOG(logger, Error, kSource, QmstringFormat("%s", e.ToString().c_str()));
+  } catch (...) {
+    QM_LOG(logger, Error, kSource, "Unknown exception");
+  }
+  return false;
+}
+
 }  // namespace
 
 QmioSocketListener::QmioSocketListener(int socketLimit, int threadCount)
@@ -24,48 +40,28 @@ QmioSocketListener::QmioSocketListener(int socketLimit, int threadCount)
 QmioSocketListener::~QmioSocketListener() = default;
 
 bool QmioSocketListener::InitializeSpecial() {
-  try {
+  return RunLogged(m_logger, [this] {
     m_serverSocket.reset(new QmioServerSocket());
     m_pool.reset(new QmioSocketPool());
     return m_pool->Initialize(m_socketLimit, m_threadCount);
-  } catch (const abi::__forced_unwind&) {
-    throw;
-  } catch (const QmException& e) {
-    QM_LOG(m_logger, Error, kSource, QmstringFormat("%s", e.ToString().c_str()));
-  } catch (...) {
-    QM_LOG(m_logger, Error, kSource, "Unknown exception");
-  }
-  return false;
+  });
 }
 
 bool QmioSocketListener::Listen(int port, const std::string& host) {
-  try {
+  return RunLogged(m_logger, [&] {
     if (m_serverSocket == nullptr) QM_THROW("Listener is not initialised");
     m_serverSocket->Listen(host, port, true);
     return StartAsThread();
-  } catch (const abi::__forced_unwind&) {
-    throw;
-  } catch (const QmException& e) {
-    QM_LOG(m_logger, Error, kSource, QmstringFormat("%s", e.ToString().c_str()));
-  } catch (...) {
-    QM_LOG(m_logger, Error, kSource, "Unknown exception");
-  }
-  return false;
+  });
 }
 
 bool QmioSocketListener::FinalizeSpecial() {
-  bool result = true;
-  try {
+  return RunLogged(m_logger, [this] {
+    bool result = true;
     if (m_serverSocket != nullptr) result = m_serverSocket->Shutdown();
     if (m_pool != nullptr) result = m_pool->Stop(kPoolStopMs);
-  } catch (const abi::__forced_unwind&) {
-    throw;
-  } catch (const QmException& e) {
-    QM_LOG(m_logger, Error, kSource, QmstringFormat("%s", e.ToString().c_str()));
-  } catch (...) {
-    QM_LOG(m_logger, Error, kSource, "Unknown exception");
-  }
-  return result;
+    return result;
+  });
 }
 
 int QmioSocketListener::GetListeningPort() const {
@@ -74,17 +70,12 @@ int QmioSocketListener::GetListeningPort() const {
 
 void QmioSocketListener::DoThreadWork() {
   QM_LOG(m_logger, Trace, kSource, "Entering QmioSocketListener::DoThreadWork");
-  try {
+  RunLogged(m_logger, [this] {
     while (AcceptOnce()) {
     }
     QM_LOG(m_logger, Debug, kSource, "SocketListener: Do not continue any more");
-  } catch (const abi::__forced_unwind&) {
-    throw;
-  } catch (const QmException& e) {
-    QM_LOG(m_logger, Error, kSource, QmstringFormat("%s", e.ToString().c_str()));
-  } catch (...) {
-    QM_LOG(m_logger, Error, kSource, "Unknown exception");
-  }
+    return true;
+  });
   QM_LOG(m_logger, Trace, kSource, "Leaving QmioSocketListener::DoThreadWork");
 }
 

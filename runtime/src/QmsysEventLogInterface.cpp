@@ -59,17 +59,6 @@ Registry& TheRegistry() {
   return *registry;
 }
 
-std::string FormatArgs(const char* format, va_list args) {
-  va_list copy;
-  va_copy(copy, args);
-  const int needed = vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  if (needed <= 0) return std::string();
-  std::vector<char> buffer(static_cast<size_t>(needed) + 1);
-  vsnprintf(buffer.data(), buffer.size(), format, args);
-  return std::string(buffer.data(), static_cast<size_t>(needed));
-}
-
 bool FileExists(const std::string& path) {
   struct stat info {};
   return stat(path.c_str(), &info) == 0;
@@ -587,7 +576,7 @@ bool QmsysEventLogInterface::writeLegacy(QmsysEventLogWriterInterface::LogLevel 
 bool QmsysEventLogInterface::Print(const char* tag, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  const std::string text = FormatArgs(format, args);
+  const std::string text = QmstringFormatV(format, args);
   va_end(args);
   return writeLegacy(QmsysEventLogWriterInterface::LEVEL_INFO,
                      QmstringFormat("%s %s", tag != nullptr ? tag : "", text.c_str()));
@@ -596,7 +585,7 @@ bool QmsysEventLogInterface::Print(const char* tag, const char* format, ...) {
 bool QmsysEventLogInterface::WriteInfo(const char* tag, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  const std::string text = FormatArgs(format, args);
+  const std::string text = QmstringFormatV(format, args);
   va_end(args);
   return writeLegacy(QmsysEventLogWriterInterface::LEVEL_INFO,
                      QmstringFormat("%s %s", tag != nullptr ? tag : "", text.c_str()));
@@ -605,7 +594,7 @@ bool QmsysEventLogInterface::WriteInfo(const char* tag, const char* format, ...)
 bool QmsysEventLogInterface::WriteError(Severity severity, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  const std::string text = FormatArgs(format, args);
+  const std::string text = QmstringFormatV(format, args);
   va_end(args);
   QmsysEventLogWriterInterface::LogLevel level = QmsysEventLogWriterInterface::LEVEL_ERROR;
   if (severity == SEVERITY_CRITICAL) level = QmsysEventLogWriterInterface::LEVEL_CRITICAL;
@@ -616,7 +605,7 @@ bool QmsysEventLogInterface::WriteError(Severity severity, const char* format, .
 bool QmsysEventLogInterface::WriteTrace(TraceLevel traceLevel, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  const std::string text = FormatArgs(format, args);
+  const std::string text = QmstringFormatV(format, args);
   va_end(args);
   QmsysEventLogWriterInterface::LogLevel level = QmsysEventLogWriterInterface::LEVEL_TRACE;
   if (traceLevel == TRACE_DEBUG) level = QmsysEventLogWriterInterface::LEVEL_DEBUG;
@@ -628,7 +617,7 @@ bool QmsysEventLogInterface::WriteSystemError(const char* tag, const char* forma
   const std::string systemError = QmgetLastError();
   va_list args;
   va_start(args, format);
-  const std::string text = FormatArgs(format, args);
+  const std::string text = QmstringFormatV(format, args);
   va_end(args);
   return writeLegacy(QmsysEventLogWriterInterface::LEVEL_ERROR,
                      QmstringFormat("%s %s", tag != nullptr ? tag : "", text.c_str()) +

@@ -6,6 +6,8 @@
 #include <cstdarg>
 #include <vector>
 
+#include "QmString.h"
+
 namespace {
 
 std::atomic<QmsysSystemLog::Listener> the_Listener{nullptr};
@@ -21,23 +23,12 @@ int ToPriority(QmsysSystemLog::Category category) {
   }
 }
 
-std::string FormatArgs(const char* format, va_list args) {
-  va_list copy;
-  va_copy(copy, args);
-  const int needed = vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  if (needed <= 0) return std::string();
-  std::vector<char> buffer(static_cast<size_t>(needed) + 1);
-  vsnprintf(buffer.data(), buffer.size(), format, args);
-  return std::string(buffer.data(), static_cast<size_t>(needed));
-}
-
 }  // namespace
 
 void QmsysSystemLog::Write(const char* function, Category category, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  const std::string text = FormatArgs(format, args);
+  const std::string text = QmstringFormatV(format, args);
   va_end(args);
   const char* source = function != nullptr ? function : "";
   syslog(LOG_USER | ToPriority(category), "%s: %s", source, text.c_str());
