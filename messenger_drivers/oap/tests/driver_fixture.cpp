@@ -138,16 +138,6 @@ std::string AcceptAll(const std::string& request) {
   return ResponseDoc(RequestId(request), 1, 200);
 }
 
-bool SendInbound(int port, const std::string& document) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address = Loopback(port);
-  bool sent = fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-              send(fd, document.data(), document.size(), MSG_NOSIGNAL) ==
-                  static_cast<ssize_t>(document.size());
-  if (fd >= 0) close(fd);
-  return sent;
-}
-
 int UnusedPort() {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address = Loopback(0);

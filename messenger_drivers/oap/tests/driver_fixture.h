@@ -15,6 +15,7 @@
 #include "QmLogInterface.h"
 #include "QmReferenceJob.h"
 #include "QmReferenceReportsManager.h"
+#include "inbound_sender.h"
 
 // A logger that keeps every line; safe for the driver's listener threads.
 class RecordingLogger : public QmLogInterface {
@@ -97,8 +98,6 @@ std::string RequestId(const std::string& request);
 std::string ResponseDoc(const std::string& hexId, int type, int code);
 // The server's usual answer: class 1, code 200, same id as the request.
 std::string AcceptAll(const std::string& request);
-// Writes a document to 127.0.0.1:port on a connection of its own.
-bool SendInbound(int port, const std::string& document);
 // A port on 127.0.0.1 that nothing listens on at the moment.
 int UnusedPort();
 std::string Hex(unsigned long value);

@@ -1,11 +1,6 @@
 #ifndef QM_OAP_TESTS_ENGINE_TEST_SUPPORT_H
 #define QM_OAP_TESTS_ENGINE_TEST_SUPPORT_H
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -13,6 +8,7 @@
 #include <vector>
 
 #include "QmLogInterface.h"
+#include "inbound_sender.h"
 
 // A logger that records every line with its level, and lets a test wait
 // until a line containing some text has been written a number of times.
@@ -72,22 +68,5 @@ class RecordingLogger : public QmLogInterface {
   std::condition_variable m_added;
   std::vector<Line> m_lines;
 };
-
-// Plays the OAP server's side of an inbound connection: connects to the
-// listener on 127.0.0.1, writes the document and closes. False when the
-// connection could not be made.
-inline bool SendInbound(int port, const std::string& document) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0) return false;
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-            send(fd, document.data(), document.size(), MSG_NOSIGNAL) ==
-                static_cast<ssize_t>(document.size());
-  close(fd);
-  return ok;
-}
 
 #endif
