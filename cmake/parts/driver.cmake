@@ -25,7 +25,6 @@ if(TARGET qm_oap_model AND TARGET qm_oap_engine)
     SOURCES messenger_drivers/oap/tests/driver_fixture.cpp
             messenger_drivers/oap/tests/driver_plugin_test.cpp
             messenger_drivers/oap/tests/driver_send_test.cpp
-            messenger_drivers/oap/tests/driver_query_test.cpp
     LIBS qm_refhost qm_core)
   if(TARGET driver_tests)
     add_dependencies(driver_tests qmoapdriver)

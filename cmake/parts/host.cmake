@@ -21,9 +21,7 @@ add_library(qm_half_plugin MODULE messenger_host/tests/half_plugin.cpp)
 target_compile_options(qm_half_plugin PRIVATE ${QM_WARNINGS})
 
 qm_add_test(host_tests
-  SOURCES messenger_host/tests/host_job_test.cpp
-          messenger_host/tests/host_push_test.cpp
-          messenger_host/tests/host_loader_test.cpp
+  SOURCES messenger_host/tests/host_reference_test.cpp
           messenger_host/tests/host_options_test.cpp
           tools/qmhost/QmHostOptions.cpp
   LIBS qm_refhost qm_core)

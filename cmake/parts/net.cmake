@@ -20,7 +20,7 @@ target_compile_options(qm_net PRIVATE ${QM_WARNINGS})
 target_link_libraries(qm_net PUBLIC qm_core Threads::Threads)
 
 qm_add_test(net_tests
-  SOURCES runtime/tests/net_test_support.cpp runtime/tests/net_socket_test.cpp
-          runtime/tests/net_threadpool_test.cpp runtime/tests/net_socketpool_test.cpp
-          runtime/tests/net_listener_test.cpp runtime/tests/module_test.cpp
+  SOURCES runtime/tests/net_socket_test.cpp runtime/tests/net_threadpool_test.cpp
+          runtime/tests/net_socketpool_test.cpp runtime/tests/net_listener_test.cpp
+          runtime/tests/module_test.cpp
   LIBS qm_core qm_ini_codec qm_log qm_net)

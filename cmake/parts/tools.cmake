@@ -18,8 +18,7 @@ target_compile_options(oapsim PRIVATE ${QM_WARNINGS})
 target_link_libraries(oapsim PRIVATE qm_oapsim EXPAT::EXPAT)
 
 qm_add_test(oapsim_tests
-  SOURCES tools/oapsim/tests/oapsim_document_test.cpp
-          tools/oapsim/tests/oapsim_handsets_test.cpp
+  SOURCES tools/oapsim/tests/oapsim_unit_test.cpp
           tools/oapsim/tests/oapsim_process_test.cpp
   LIBS qm_oapsim)
 if(TARGET oapsim_tests)

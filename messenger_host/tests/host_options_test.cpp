@@ -1,148 +1,100 @@
+// The reference host program's command line.
+
 #include <gtest/gtest.h>
+
+#include <sstream>
 
 #include "QmHostOptions.h"
 
 namespace {
 
-std::vector<std::string> Base() {
-  return {"--plugin", "/lib/p.so", "--workdir", "/tmp/w", "--listen-port", "7100"};
-}
-
-std::vector<std::string> With(std::vector<std::string> args, const std::vector<std::string>& more) {
-  args.insert(args.end(), more.begin(), more.end());
-  return args;
-}
-
-std::string ErrorOf(const std::vector<std::string>& args) {
-  QmHostOptions options;
-  std::string error;
-  EXPECT_FALSE(QmHostOptions::Parse(args, &options, &error));
-  return error;
+// The words of a command line; `job` adds one complete job after the base
+// options, `base` the plug-in, work directory and listener port first.
+std::vector<std::string> Words(const std::string& line, bool base = true, bool job = false) {
+  std::istringstream in((base ? "--plugin /lib/p.so --workdir /tmp/w --listen-port 7100 " : "") +
+                        std::string(job ? "--job a --handset 1 --server h:1 " : "") + line);
+  std::vector<std::string> words;
+  for (std::string word; in >> word;) words.push_back(word);
+  return words;
 }
 
 TEST(HostOptions, FullCommandLine) {
   QmHostOptions options;
   std::string error;
-  auto args = With(Base(), {"--poll-ms",
-                            "50",
-                            "--duration-ms",
-                            "3000",
-                            "--until-expected",
-                            "--listen-address",
-                            "0.0.0.0",
-                            "--job",
-                            "a",
-                            "--handset",
-                            "4711",
-                            "--server",
-                            "srv:7000",
-                            "--version",
-                            "4.0",
-                            "--subject",
-                            "S",
-                            "--text",
-                            "T",
-                            "--choice",
-                            "Yes",
-                            "--choice",
-                            "Stop:2",
-                            "--choice",
-                            "Call%3aus:3:0815",
-                            "--interactive",
-                            "--custom-label",
-                            "Other",
-                            "--ttl-minutes",
-                            "5",
-                            "--expect",
-                            "SENT,6,REPLIED_SPECIAL_A",
-                            "--job",
-                            "b",
-                            "--handset",
-                            "1",
-                            "--server",
-                            "h:1"});
-  ASSERT_TRUE(QmHostOptions::Parse(args, &options, &error)) << error;
-  EXPECT_EQ(options.plugin, "/lib/p.so");
-  EXPECT_EQ(options.workdir, "/tmp/w");
-  EXPECT_EQ(options.listenPort, "7100");
-  EXPECT_EQ(options.listenAddress, "0.0.0.0");
+  ASSERT_TRUE(QmHostOptions::Parse(
+      Words("--poll-ms 50 --duration-ms 3000 --until-expected --listen-address 0.0.0.0 --job a "
+            "--handset 4711 --server srv:7000 --version 4.0 --choice Yes --choice Stop:2 "
+            "--choice Call%3aus:3:0815 --interactive --custom-label Other --ttl-minutes 5 "
+            "--expect SENT,6,REPLIED_SPECIAL_A --job b --handset 1 --server h:1"),
+      &options, &error))
+      << error;
+  EXPECT_EQ(options.plugin + "|" + options.workdir + "|" + options.listenPort + "|" +
+                options.listenAddress,
+            "/lib/p.so|/tmp/w|7100|0.0.0.0");
   EXPECT_EQ(options.pollMs, 50);
   EXPECT_EQ(options.durationMs, 3000);
   EXPECT_TRUE(options.untilExpected);
   ASSERT_EQ(options.jobs.size(), 2u);
   const QmHostOptions::Job& a = options.jobs[0];
-  EXPECT_EQ(a.id, "a");
-  EXPECT_EQ(a.handset, "4711");
-  EXPECT_EQ(a.serverHost, "srv");
+  EXPECT_EQ(a.id + "|" + a.handset + "|" + a.serverHost + "|" + a.version + "|" + a.customLabel,
+            "a|4711|srv|4.0|Other");
   EXPECT_EQ(a.serverPort, 7000);
-  EXPECT_EQ(a.version, "4.0");
-  EXPECT_TRUE(a.interactive);
-  EXPECT_TRUE(a.settingsPresent);
+  EXPECT_TRUE(a.interactive && a.settingsPresent);
   EXPECT_EQ(a.ttlMinutes, 5);
-  EXPECT_EQ(a.customLabel, "Other");
   ASSERT_EQ(a.choices.size(), 3u);
-  EXPECT_EQ(a.choices[0].Text, "Yes");
-  EXPECT_EQ(a.choices[0].Kind, 0u);
-  EXPECT_EQ(a.choices[1].Kind, 2u);
-  EXPECT_EQ(a.choices[2].Text, "Call%3aus");
-  EXPECT_EQ(a.choices[2].Kind, 3u);
-  EXPECT_EQ(a.choices[2].Value, "0815");
+  std::string choices;
+  for (const QmResponseChoice& c : a.choices) {
+    choices += c.Text + ":" + std::to_string(c.Kind) + ":" + c.Value + " ";
+  }
+  EXPECT_EQ(choices, "Yes:0: Stop:2: Call%3aus:3:0815 ");
   EXPECT_EQ(a.expected, (std::set<int>{3, 6, 15}));
   const QmHostOptions::Job& b = options.jobs[1];
   EXPECT_EQ(b.version, "3.0");
-  EXPECT_FALSE(b.settingsPresent);
-  EXPECT_FALSE(b.interactive);
+  EXPECT_FALSE(b.settingsPresent || b.interactive);
   EXPECT_TRUE(b.expected.empty());
 }
 
 TEST(HostOptions, PresentationOptionsMarkSettingsPresent) {
-  for (std::vector<std::string> option : {std::vector<std::string>{"--urgent"},
-                                          {"--sticky"},
-                                          {"--colour", "red"},
-                                          {"--intensity", "high"},
-                                          {"--priority", "2"},
-                                          {"--repeat", "3"},
-                                          {"--repeat-interval", "10"}}) {
+  for (const char* option : {"--urgent", "--sticky", "--colour red", "--intensity high",
+                             "--priority 2", "--repeat 3", "--repeat-interval 10"}) {
     QmHostOptions options;
     std::string error;
-    auto args = With(With(Base(), {"--job", "a", "--handset", "1", "--server", "h:1"}), option);
-    ASSERT_TRUE(QmHostOptions::Parse(args, &options, &error)) << error;
-    EXPECT_TRUE(options.jobs[0].settingsPresent) << option[0];
+    ASSERT_TRUE(QmHostOptions::Parse(Words(option, true, true), &options, &error)) << error;
+    EXPECT_TRUE(options.jobs[0].settingsPresent) << option;
   }
 }
 
-TEST(HostOptions, HelpNeedsNothingElse) {
-  QmHostOptions options;
-  std::string error;
-  EXPECT_TRUE(QmHostOptions::Parse({"--help"}, &options, &error));
-  EXPECT_TRUE(options.help);
-  EXPECT_NE(QmHostOptions::Usage().find("--until-expected"), std::string::npos);
-}
-
 TEST(HostOptions, BadCommandLinesAreNamed) {
-  const auto job = std::vector<std::string>{"--job", "a", "--handset", "1", "--server", "h:1"};
-  EXPECT_EQ(ErrorOf(job), "missing --plugin");
-  EXPECT_EQ(ErrorOf(Base()), "no job given (use --job ID ...)");
-  EXPECT_EQ(ErrorOf(With(Base(), {"--job", "a", "--server", "h:1"})), "job a needs --handset");
-  EXPECT_EQ(ErrorOf(With(Base(), {"--job", "a", "--handset", "1"})), "job a needs --server");
-  EXPECT_EQ(ErrorOf(With(Base(), {"--job"})), "option --job needs a value");
-  EXPECT_EQ(ErrorOf(With(Base(), {"--poll-ms", "fast"})), "invalid number for --poll-ms: 'fast'");
-  EXPECT_EQ(ErrorOf(With(Base(), {"--poll-ms", "0"})), "invalid number for --poll-ms: '0'");
-  EXPECT_EQ(ErrorOf(With(Base(), {"--handset", "1"})),
-            "unknown option '--handset' before the first --job");
-  EXPECT_EQ(ErrorOf(With(Base(), With(job, {"--bogus"}))), "unknown option '--bogus'");
-  EXPECT_EQ(ErrorOf(With(Base(), {"--job", "a", "--handset", "1", "--server", "nohost"})),
-            "invalid --server 'nohost' (expected HOST:PORT)");
-  EXPECT_EQ(ErrorOf(With(Base(), {"--job", "a", "--handset", "1", "--server", "h:99999"})),
-            "invalid --server 'h:99999' (expected HOST:PORT)");
-  EXPECT_EQ(ErrorOf(With(Base(), With(job, {"--choice", "Yes:x"}))),
-            "invalid choice kind in --choice 'Yes:x'");
-  EXPECT_EQ(ErrorOf(With(Base(), With(job, {"--choice", ":1"}))),
-            "empty choice text in --choice ':1'");
-  EXPECT_EQ(ErrorOf(With(Base(), With(job, {"--expect", "SENT,LOST"}))),
-            "unknown status 'LOST' in --expect");
-  EXPECT_EQ(ErrorOf(With(Base(), With(job, {"--ttl-minutes", "-1"}))),
-            "invalid number for --ttl-minutes: '-1'");
+  struct Case {
+    std::string line;
+    bool base, job;
+    std::string error;
+  };
+  const std::vector<Case> cases{
+      {"", false, true, "missing --plugin"},
+      {"", true, false, "no job given (use --job ID ...)"},
+      {"--job a --server h:1", true, false, "job a needs --handset"},
+      {"--job a --handset 1", true, false, "job a needs --server"},
+      {"--job", true, false, "option --job needs a value"},
+      {"--poll-ms fast", true, false, "invalid number for --poll-ms: 'fast'"},
+      {"--poll-ms 0", true, false, "invalid number for --poll-ms: '0'"},
+      {"--handset 1", true, false, "unknown option '--handset' before the first --job"},
+      {"--bogus", true, true, "unknown option '--bogus'"},
+      {"--job a --handset 1 --server nohost", true, false,
+       "invalid --server 'nohost' (expected HOST:PORT)"},
+      {"--job a --handset 1 --server h:99999", true, false,
+       "invalid --server 'h:99999' (expected HOST:PORT)"},
+      {"--choice Yes:x", true, true, "invalid choice kind in --choice 'Yes:x'"},
+      {"--choice :1", true, true, "empty choice text in --choice ':1'"},
+      {"--expect SENT,LOST", true, true, "unknown status 'LOST' in --expect"},
+      {"--ttl-minutes -1", true, true, "invalid number for --ttl-minutes: '-1'"},
+  };
+  for (const Case& c : cases) {
+    QmHostOptions options;
+    std::string error;
+    EXPECT_FALSE(QmHostOptions::Parse(Words(c.line, c.base, c.job), &options, &error)) << c.error;
+    EXPECT_EQ(error, c.error);
+  }
 }
 
 TEST(HostOptions, StatusNamesAndNumbers) {
@@ -152,12 +104,11 @@ TEST(HostOptions, StatusNamesAndNumbers) {
       {16, "REPLIED_SPECIAL_B"}};
   for (const auto& entry : table) {
     EXPECT_EQ(QmHostOptions::StatusName(entry.first), entry.second);
-    int status = -1;
-    EXPECT_TRUE(QmHostOptions::ParseStatus(entry.second, &status));
-    EXPECT_EQ(status, entry.first);
-    status = -1;
-    EXPECT_TRUE(QmHostOptions::ParseStatus(std::to_string(entry.first), &status));
-    EXPECT_EQ(status, entry.first);
+    for (const std::string& text : {entry.second, std::to_string(entry.first)}) {
+      int status = -1;
+      EXPECT_TRUE(QmHostOptions::ParseStatus(text, &status));
+      EXPECT_EQ(status, entry.first) << text;
+    }
   }
   int status = 0;
   EXPECT_FALSE(QmHostOptions::ParseStatus("7", &status));

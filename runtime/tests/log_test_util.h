@@ -1,16 +1,19 @@
 #ifndef QM_RUNTIME_TESTS_LOG_TEST_UTIL_H
 #define QM_RUNTIME_TESTS_LOG_TEST_UTIL_H
 
-#include <ftw.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "QmException.h"
 #include "QmsysSystemLog.h"
 
 // A fresh directory under /tmp, removed with its contents at scope end.
@@ -18,27 +21,21 @@ class LogTempDir {
  public:
   LogTempDir() {
     char pattern[] = "/tmp/qmlogtest.XXXXXX";
-    const char* made = mkdtemp(pattern);
-    m_path = made != nullptr ? made : "";
+    m_path = mkdtemp(pattern) != nullptr ? pattern : "";
   }
   ~LogTempDir() {
-    if (!m_path.empty()) nftw(m_path.c_str(), &RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+    if (!m_path.empty()) std::filesystem::remove_all(m_path);
   }
   const std::string& path() const { return m_path; }
   std::string file(const std::string& name) const { return m_path + "/" + name; }
 
  private:
-  static int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-    ::remove(path);
-    return 0;
-  }
   std::string m_path;
 };
 
 inline std::string LogReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::stringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
 
@@ -50,28 +47,60 @@ inline std::vector<std::string> LogReadLines(const std::string& path) {
 }
 
 inline void LogWriteFile(const std::string& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << text;
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 inline bool LogFileExists(const std::string& path) {
   return access(path.c_str(), F_OK) == 0;
 }
 
+// The local time stamp that starts every logged line: "%m/%d/%Y %H:%M:%S".
+const char* const kLogStamp = R"(\d\d/\d\d/\d{4} \d\d:\d\d:\d\d)";
+
+inline std::string LogStampOf(time_t time) {
+  struct tm local {};
+  char text[32];
+  strftime(text, sizeof(text), "%m/%d/%Y %H:%M:%S", localtime_r(&time, &local));
+  return text;
+}
+
+// True when `line` is a time stamp, a space and then matches `rest`.
+inline bool LogLineMatches(const std::string& line, const std::string& rest) {
+  return std::regex_match(line, std::regex(std::string(kLogStamp) + " " + rest));
+}
+
+// What `call` throws as an E: a thrown text, or an exception's message (and
+// for I/O exceptions its path); "<nothing thrown>" when it returns.
+inline std::string ThrownText(const char* text) {
+  return text;
+}
+inline std::string ThrownText(const QmException& e) {
+  return e.GetMsg();
+}
+template <typename E, typename Call>
+std::string Thrown(Call call) {
+  try {
+    call();
+  } catch (const E& e) {
+    return ThrownText(e);
+  }
+  return "<nothing thrown>";
+}
+
 // Collects what the logging classes send to the system log while alive.
 class SystemLogCapture {
  public:
   SystemLogCapture() {
-    std::lock_guard<std::mutex> lock(Mutex());
-    Entries().clear();
+    std::lock_guard<std::mutex> lock(s_mutex);
+    s_entries.clear();
     QmsysSystemLog::SetListener(&Record);
   }
   ~SystemLogCapture() { QmsysSystemLog::SetListener(nullptr); }
 
   // True when an entry from `function` contains `text`.
   bool contains(const std::string& function, const std::string& text) const {
-    std::lock_guard<std::mutex> lock(Mutex());
-    for (const auto& entry : Entries()) {
+    std::lock_guard<std::mutex> lock(s_mutex);
+    for (const auto& entry : s_entries) {
       if (entry.first == function && entry.second.find(text) != std::string::npos) return true;
     }
     return false;
@@ -80,17 +109,11 @@ class SystemLogCapture {
  private:
   static void Record(const std::string& function, QmsysSystemLog::Category,
                      const std::string& text) {
-    std::lock_guard<std::mutex> lock(Mutex());
-    Entries().emplace_back(function, text);
+    std::lock_guard<std::mutex> lock(s_mutex);
+    s_entries.emplace_back(function, text);
   }
-  static std::mutex& Mutex() {
-    static std::mutex mutex;
-    return mutex;
-  }
-  static std::vector<std::pair<std::string, std::string>>& Entries() {
-    static std::vector<std::pair<std::string, std::string>> entries;
-    return entries;
-  }
+  static inline std::mutex s_mutex;
+  static inline std::vector<std::pair<std::string, std::string>> s_entries;
 };
 
 #endif

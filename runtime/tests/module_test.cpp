@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <atomic>
 #include <functional>
@@ -10,6 +9,7 @@
 #include "QmconException.h"
 #include "QmioException.h"
 #include "QmsysEventLogInterface.h"
+#include "log_test_util.h"
 #include "net_test_support.h"
 
 namespace {
@@ -58,20 +58,16 @@ TEST(PlainModuleTest, LoggerRules) {
   optional.Initialize(&log, "");
   optional.Initialize(nullptr, "/tmp");
   EXPECT_EQ(&log, optional.GetLogger());
-}
 
-TEST(PlainModuleTest, CreatesAndStopsItsOwnLogger) {
-  char dir[] = "/tmp/qm_module_XXXXXX";
-  ASSERT_NE(nullptr, mkdtemp(dir));
-  PlainModule module;
-  EXPECT_TRUE(module.Initialize(nullptr, dir));
-  auto* created = dynamic_cast<QmsysEventLogInterface*>(module.GetLogger());
+  LogTempDir dir;  // without one passed, creates its own and stops it at the end
+  PlainModule owning;
+  EXPECT_TRUE(owning.Initialize(nullptr, dir.path()));
+  auto* created = dynamic_cast<QmsysEventLogInterface*>(owning.GetLogger());
   ASSERT_NE(nullptr, created);
   EXPECT_TRUE(created->IsAlive());
-  EXPECT_TRUE(module.Finalize());
+  EXPECT_TRUE(owning.Finalize());
   EXPECT_FALSE(created->IsAlive());
   QmsysEventLogInterface::ReleaseAll();
-  EXPECT_EQ(0, system((std::string("rm -rf ") + dir).c_str()));
 }
 
 TEST(ThreadModuleTest, WaitAndPacingBeforeAndAfterStop) {
@@ -103,28 +99,24 @@ TEST(ThreadModuleTest, WaitAndPacingBeforeAndAfterStop) {
       5000));
 }
 
-// Runs a module whose loop throws and checks the one line it logged.
-template <typename Thrower>
-void ExpectLoggedOnce(Thrower thrower, const std::string& text) {
-  RecordingLogger log;
-  LoopModule module([&](LoopModule&) { thrower(); });
-  module.Initialize(&log, "");
-  module.StartAsThread();
-  ASSERT_TRUE(module.WaitForThreadStop(5000)) << text;
-  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_CRITICAL, text)) << text;
-  EXPECT_EQ(1, module.finalised.load());
-}
-
-TEST(ThreadModuleTest, EachKindOfExceptionIsLoggedAndTheModuleStillEnds) {
-  ExpectLoggedOnce([] { throw QmioException("peer:1", "I/O went wrong"); },
-                   "I/O exception occurred: Exception raised! IO path[peer:1]");
-  ExpectLoggedOnce([] { throw QmconException(7, "lock went wrong"); },
-                   "Concurrency exception occurred: Exception raised! ThreadID[7]");
-  ExpectLoggedOnce([] { throw QmException("plain fault"); },
-                   "General exception occurred: plain fault");
-  ExpectLoggedOnce([] { throw std::runtime_error("std fault"); },
-                   "General exception occurred: std fault");
-  ExpectLoggedOnce([] { throw 42; }, "Unknown exception occurred.");
+TEST(ThreadModuleTest, EachKindOfExceptionIsLoggedOnceAndTheModuleStillEnds) {
+  const std::pair<std::function<void()>, const char*> cases[] = {
+      {[] { throw QmioException("peer:1", "I/O went wrong"); },
+       "I/O exception occurred: Exception raised! IO path[peer:1]"},
+      {[] { throw QmconException(7, "lock went wrong"); },
+       "Concurrency exception occurred: Exception raised! ThreadID[7]"},
+      {[] { throw QmException("plain fault"); }, "General exception occurred: plain fault"},
+      {[] { throw std::runtime_error("std fault"); }, "General exception occurred: std fault"},
+      {[] { throw 42; }, "Unknown exception occurred."}};
+  for (const auto& c : cases) {
+    RecordingLogger log;
+    LoopModule module([&](LoopModule&) { c.first(); });
+    module.Initialize(&log, "");
+    module.StartAsThread();
+    ASSERT_TRUE(module.WaitForThreadStop(5000)) << c.second;
+    EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_CRITICAL, c.second)) << c.second;
+    EXPECT_EQ(1, module.finalised.load());
+  }
 }
 
 }  // namespace

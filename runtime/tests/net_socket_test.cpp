@@ -13,18 +13,6 @@
 
 namespace {
 
-// Expects `call` to throw a QmioException with this message and path.
-template <typename Call>
-void ExpectIoError(Call call, const std::string& msg, const std::string& path) {
-  try {
-    call();
-    ADD_FAILURE() << "no exception, expected " << msg;
-  } catch (const QmioException& e) {
-    EXPECT_EQ(msg, e.GetMsg());
-    EXPECT_EQ(path, e.GetPath());
-  }
-}
-
 // A connected loopback pair: `client` made by Connect, `accepted` by Accept.
 class SocketPairTest : public ::testing::Test {
  protected:
@@ -35,9 +23,9 @@ class SocketPairTest : public ::testing::Test {
     accepted.reset(server.Accept(2000));
     ASSERT_NE(nullptr, accepted);
   }
-  std::string ReadSome(int timeoutMs) {
+  std::string ReadSome() {
     unsigned char buffer[64];
-    const int got = accepted->Read(buffer, sizeof(buffer), timeoutMs, status, true);
+    const int got = accepted->Read(buffer, sizeof(buffer), 2000, status, true);
     return got > 0 ? std::string(reinterpret_cast<char*>(buffer), got) : "";
   }
 
@@ -71,7 +59,7 @@ TEST_F(SocketPairTest, TrafficIsTracedUnlessQuiet) {
   EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_TRACE, "<= hello"));
   EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_TRACE, "=> hello"));
   EXPECT_EQ(7, client.WriteFormat("id=%04d", 42));
-  EXPECT_EQ("id=0042", ReadSome(2000));
+  EXPECT_EQ("id=0042", ReadSome());  // a quiet read
   EXPECT_EQ(0, log.Count(QmLogInterface::LEVEL_NONE, "=> id"));
   EXPECT_EQ(0, client.WriteFormat(nullptr));
 }
@@ -79,49 +67,42 @@ TEST_F(SocketPairTest, TrafficIsTracedUnlessQuiet) {
 TEST_F(SocketPairTest, PeerCloseAndDeadPeerAreErrorsNamingTheRemoteEnd) {
   client.Close();
   unsigned char buffer[8];
-  ExpectIoError([&] { accepted->Read(buffer, sizeof(buffer), 2000, status, false); },
-                "Socket is closed", "127.0.0.1");
-  EXPECT_EQ(QmioSocket::SOCKET_FAILED, status);
-  ExpectIoError([&] { accepted->Read(buffer, sizeof(buffer), -1, status, false); },
-                "Socket is closed", "127.0.0.1");
-
+  for (int timeout : {2000, -1}) {
+    EXPECT_EQ("Socket is closed @ 127.0.0.1", Thrown<QmioException>([&] {
+                accepted->Read(buffer, sizeof(buffer), timeout, status, false);
+              }));
+    EXPECT_EQ(QmioSocket::SOCKET_FAILED, status);
+  }
   QmioClientSocket writer;
   writer.Connect("127.0.0.1", port, QmioSocket::SOCKET_TCP);
   delete server.Accept(2000);  // the peer goes away; writing must not raise SIGPIPE
   const std::string block(64 * 1024, 'x');
-  ExpectIoError(
-      [&] {
-        for (int i = 0; i < 1000; ++i) writer.Write(block);
-      },
-      "Socket Write Error", "127.0.0.1:" + std::to_string(port));
+  EXPECT_EQ("Socket Write Error @ 127.0.0.1:" + std::to_string(port), Thrown<QmioException>([&] {
+              for (int i = 0; i < 1000; ++i) writer.Write(block);
+            }));
 }
 
-TEST_F(SocketPairTest, ReadTillMatchesIncrementallyAndLeavesTheRest) {
+TEST_F(SocketPairTest, ReadTillAndReadLine) {
   std::thread writer([this] {
     client.Write("ab\r");
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // two separate arrivals
     client.Write("\r\ncd");
   });
-  unsigned char crlf[] = "\r\n";
+  unsigned char crlf[] = "\r\n", end[] = "END";
   EXPECT_EQ("ab\r\r\n", accepted->ReadTill(crlf, 2000, status));
   writer.join();
-  EXPECT_EQ("cd", ReadSome(2000));
-  client.Write("zz\r");  // no terminator: the partial result and status 35
+  EXPECT_EQ("cd", ReadSome());  // the rest stays for the next read
+  client.Write("zz\r");         // no terminator: the partial result and a time-out
   EXPECT_EQ("zz\r", accepted->ReadTill(crlf, 100, status));
   EXPECT_EQ(QmioSocket::SOCKET_TIMEOUT, status);
-
   const std::string body(3000, 'q');  // spans several internal chunks
   client.Write(body + "END");
-  unsigned char end[] = "END";
   EXPECT_EQ(body + "END", accepted->ReadTill(end, 2000, status));
-}
 
-TEST_F(SocketPairTest, ReadLineForms) {
   client.Write("one\nab");
   EXPECT_EQ("one\n", accepted->ReadLine(2000, status));
   EXPECT_EQ("ab", accepted->ReadLine(100, status));  // the timed-out byte is not added
   EXPECT_EQ(QmioSocket::SOCKET_TIMEOUT, status);
-
   EXPECT_EQ("", accepted->ReadLine(status, 0));
   EXPECT_EQ(QmioSocket::SOCKET_DONE, status);
   client.Write(std::string("a\rb\0cdefghij\nrest", 17));  // grows past the reserved 2
@@ -135,7 +116,7 @@ TEST_F(SocketPairTest, ReadLineForms) {
 TEST_F(SocketPairTest, ShutdownReleasesABlockedAccept) {
   std::unique_ptr<QmioAcceptedSocket> result(new QmioAcceptedSocket(-1, "marker"));
   std::thread waiter([&] { result.reset(server.Accept(-1)); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // let it block
   const auto start = std::chrono::steady_clock::now();
   EXPECT_TRUE(server.Shutdown());
   waiter.join();
@@ -144,53 +125,48 @@ TEST_F(SocketPairTest, ShutdownReleasesABlockedAccept) {
 }
 
 TEST(SocketTest, ConnectAndListenFailures) {
-  QmioClientSocket unknown;
-  ExpectIoError([&] { unknown.Connect("no-such-host.invalid", 1234, QmioSocket::SOCKET_TCP); },
-                "Socket Unknown Remote Host", "no-such-host.invalid:1234");
-  QmioClientSocket badType;
-  ExpectIoError([&] { badType.Connect("127.0.0.1", 1, static_cast<QmioSocket::SocketType>(7)); },
-                "Socket Unknown Type", "127.0.0.1:1");
-
   QmioServerSocket any;
   any.Listen("", 0, true);
   EXPECT_EQ("localhost", any.GetHostName());
+  const int port = any.GetPort();
   QmioServerSocket second;
-  const std::string port = std::to_string(any.GetPort());
-  ExpectIoError([&] { second.Listen("127.0.0.1", any.GetPort(), true); }, "Socket Bind Failed",
-                "127.0.0.1");
+  EXPECT_EQ("Socket Bind Failed @ 127.0.0.1",
+            Thrown<QmioException>([&] { second.Listen("127.0.0.1", port, true); }));
   QmioClientSocket client;  // the any-address listener is reachable through loopback
-  EXPECT_EQ(0, client.Connect("localhost", any.GetPort(), QmioSocket::SOCKET_TCP));
+  EXPECT_EQ(0, client.Connect("localhost", port, QmioSocket::SOCKET_TCP));
   std::unique_ptr<QmioAcceptedSocket> accepted(any.Accept(2000));
   ASSERT_NE(nullptr, accepted);
   EXPECT_EQ("127.0.0.1", accepted->GetRemoteAddress());
-
   any.Shutdown();
-  QmioClientSocket refused;
-  ExpectIoError([&] { refused.Connect("127.0.0.1", std::stoi(port), QmioSocket::SOCKET_TCP); },
-                "Socket Connecting Failed", "127.0.0.1:" + port);
+
+  QmioClientSocket refused, unknown, badType;
+  EXPECT_EQ(
+      "Socket Connecting Failed @ 127.0.0.1:" + std::to_string(port),
+      Thrown<QmioException>([&] { refused.Connect("127.0.0.1", port, QmioSocket::SOCKET_TCP); }));
+  EXPECT_EQ("Socket Unknown Remote Host @ no-such-host.invalid:1234", Thrown<QmioException>([&] {
+              unknown.Connect("no-such-host.invalid", 1234, QmioSocket::SOCKET_TCP);
+            }));
+  EXPECT_EQ("Socket Unknown Type @ 127.0.0.1:1", Thrown<QmioException>([&] {
+              badType.Connect("127.0.0.1", 1, static_cast<QmioSocket::SocketType>(7));
+            }));
 }
 
-class CountingHandler : public QmioSocketEventHandler {
- public:
-  explicit CountingHandler(int* destroyed) : m_destroyed(destroyed) {}
-  ~CountingHandler() override { ++*m_destroyed; }
-  void OnSocketEvent(QmioSocket*, SocketEvent, void*) override {}
-
- private:
-  int* m_destroyed;
-};
-
 TEST(SocketTest, FirstEventHandlerIsKeptAndOwned) {
+  struct Handler : QmioSocketEventHandler {
+    explicit Handler(int* destroyed) : destroyed(destroyed) {}
+    ~Handler() override { ++*destroyed; }
+    void OnSocketEvent(QmioSocket*, SocketEvent, void*) override {}
+    int* destroyed;
+  };
   int destroyed = 0;
   {
     QmioAcceptedSocket socket(-1, "10.0.0.1");
-    CountingHandler second(&destroyed);
-    auto* first = new CountingHandler(&destroyed);
-    EXPECT_TRUE(socket.SetEventHandler(first));
+    Handler second(&destroyed);
+    EXPECT_TRUE(socket.SetEventHandler(new Handler(&destroyed)));
     EXPECT_FALSE(socket.SetEventHandler(&second));
-    EXPECT_EQ(first, socket.GetEventHandler());
+    EXPECT_NE(&second, socket.GetEventHandler());
   }
-  EXPECT_EQ(2, destroyed);
+  EXPECT_EQ(2, destroyed);  // the socket deleted the first; the second left by scope
 }
 
 }  // namespace

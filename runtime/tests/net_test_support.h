@@ -1,14 +1,51 @@
 #ifndef QM_RUNTIME_TESTS_NET_TEST_SUPPORT_H
 #define QM_RUNTIME_TESTS_NET_TEST_SUPPORT_H
 
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "QmLogInterface.h"
+#include "QmconFunctions.h"
+#include "QmioException.h"
+#include "log_test_util.h"
+
+// Tests that end a thread inside a signal handler, which the race checker
+// reports, skip themselves under it.
+#if defined(__has_feature)
+#define QM_HAS_FEATURE(x) __has_feature(x)
+#else
+#define QM_HAS_FEATURE(x) 0
+#endif
+#if defined(__SANITIZE_THREAD__) || QM_HAS_FEATURE(thread_sanitizer)
+#define QM_SKIP_UNDER_RACE_CHECKER() GTEST_SKIP() << "ends a thread inside a signal handler"
+#else
+#define QM_SKIP_UNDER_RACE_CHECKER() (void)0
+#endif
+
+// An I/O exception reads as its message and path (see Thrown).
+inline std::string ThrownText(const QmioException& e) {
+  return e.GetMsg() + " @ " + e.GetPath();
+}
+
+// Installs the runtime's signal handlers once for the whole test process.
+struct RuntimeEnvironment : ::testing::Environment {
+  void SetUp() override { ASSERT_TRUE(InitialLib()); }
+};
+inline ::testing::Environment* const g_runtimeEnvironment =
+    ::testing::AddGlobalTestEnvironment(new RuntimeEnvironment);
 
 // Logger that keeps every line with its level, safe for several threads.
 class RecordingLogger : public QmLogInterface {
@@ -34,31 +71,74 @@ class RecordingLogger : public QmLogInterface {
   }
 
   // Lines containing `text`, at `level` (LEVEL_NONE: at any level).
-  int Count(LogLevel level, const std::string& text) const;
+  int Count(LogLevel level, const std::string& text) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return std::count_if(m_lines.begin(), m_lines.end(), [&](const auto& line) {
+      return (level == LEVEL_NONE || line.first == level) &&
+             line.second.find(text) != std::string::npos;
+    });
+  }
 
  private:
-  bool Add(LogLevel level, const std::string& msg);
-
+  bool Add(LogLevel level, const std::string& msg) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_lines.emplace_back(level, msg);
+    return true;
+  }
   mutable std::mutex m_mutex;
   std::vector<std::pair<LogLevel, std::string>> m_lines;
 };
 
+inline long ElapsedMs(std::chrono::steady_clock::time_point start) {
+  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                               std::chrono::steady_clock::now() - start)
+                               .count());
+}
+
 // Polls `done` every few milliseconds until it holds or `limitMs` passes.
-bool WaitUntil(const std::function<bool()>& done, int limitMs);
-long ElapsedMs(std::chrono::steady_clock::time_point start);
+inline bool WaitUntil(const std::function<bool()>& done, int limitMs) {
+  for (const auto start = std::chrono::steady_clock::now(); !done();) {
+    if (ElapsedMs(start) > limitMs) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
 
 // A plain loopback client, independent of the classes under test.
 class RawClient {
  public:
-  explicit RawClient(int port);  // connects to 127.0.0.1:port
-  ~RawClient();
+  explicit RawClient(int port) : m_fd(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) Close();
+  }
+  ~RawClient() { Close(); }
   bool Connected() const { return m_fd >= 0; }
-  bool Send(const std::string& data);
+  void Close() {
+    if (m_fd >= 0) close(m_fd);
+    m_fd = -1;
+  }
+  bool Send(const std::string& data) {
+    return send(m_fd, data.data(), data.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(data.size());
+  }
   // Up to `size` bytes within the limit; "" on time-out or end of stream.
-  std::string Receive(size_t size, int limitMs);
+  std::string Receive(size_t size, int limitMs) {
+    pollfd p{m_fd, POLLIN, 0};
+    if (poll(&p, 1, limitMs) <= 0) return "";
+    std::string buffer(size, '\0');
+    const ssize_t rc = recv(m_fd, &buffer[0], size, 0);
+    return rc > 0 ? buffer.substr(0, static_cast<size_t>(rc)) : "";
+  }
   // True when the peer closes within the limit.
-  bool SeesClose(int limitMs);
-  void Close();
+  bool SeesClose(int limitMs) {
+    char byte;
+    for (pollfd p{m_fd, POLLIN, 0}; poll(&p, 1, limitMs) > 0;) {
+      if (recv(m_fd, &byte, 1, 0) <= 0) return true;
+    }
+    return false;
+  }
 
  private:
   int m_fd = -1;

@@ -2,54 +2,129 @@
 #define QM_OAP_TESTS_FAKEOAPSERVER_H
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <deque>
 #include <functional>
 #include <mutex>
-#include <string>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include "inbound_sender.h"  // also the socket headers
+
 // A small OAP server for tests on 127.0.0.1 (ephemeral port), written on raw
-// sockets and independent of the model classes. Each connection is served
-// on a thread of its own: the server reads one request (up to its closing
-// tag), records its bytes and acts on the next scripted reply.
+// sockets and independent of the model classes. Each connection is served on
+// a thread of its own: the server reads one request (up to its closing tag),
+// records it and answers with the next scripted reply, else with what the
+// responder returns. Every wait is bounded by five seconds.
 class FakeOapServer {
  public:
+  // `text`, then after a pause `rest` if any; nothing when both are empty.
+  // The server closes its side after answering, unless it stays silent until
+  // the client gives up.
   struct Reply {
-    enum Kind { kAnswer, kSplit, kSilent, kClose };
-    Kind kind = kClose;
-    std::string first;   // the answer, or the first piece of a split answer
-    std::string second;  // the second piece of a split answer
+    Reply(std::string t = "", std::string r = "", bool s = false)
+        : text(std::move(t)), rest(std::move(r)), silent(s) {}
+    std::string text, rest;
+    bool silent;
   };
-  static Reply Answer(const std::string& text) { return {Reply::kAnswer, text, ""}; }
-  // Two pieces with a pause between them.
-  static Reply Split(const std::string& a, const std::string& b) { return {Reply::kSplit, a, b}; }
-  // Reads the request and then says nothing until the peer goes.
-  static Reply Silent() { return {Reply::kSilent, "", ""}; }
-  static Reply Close() { return {Reply::kClose, "", ""}; }
+  using Responder = std::function<std::string(const std::string& request)>;
 
-  using Responder = std::function<Reply(const std::string& request)>;
-
-  FakeOapServer();
-  ~FakeOapServer();
-  FakeOapServer(const FakeOapServer&) = delete;
-  FakeOapServer& operator=(const FakeOapServer&) = delete;
+  explicit FakeOapServer(Responder responder = nullptr) : m_responder(std::move(responder)) {
+    m_listenFd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = Loopback(0);
+    socklen_t length = sizeof address;
+    if (m_listenFd < 0 || bind(m_listenFd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        listen(m_listenFd, 64) != 0 ||
+        getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+      throw std::runtime_error("fake OAP server cannot listen");
+    }
+    m_port = ntohs(address.sin_port);
+    m_acceptThread = std::thread([this] {
+      while (!m_stop) {
+        pollfd entry{m_listenFd, POLLIN, 0};
+        int fd = poll(&entry, 1, 50) > 0 ? accept(m_listenFd, nullptr, nullptr) : -1;
+        if (fd >= 0) m_workers.emplace_back([this, fd] { Serve(fd); });
+      }
+    });
+  }
+  ~FakeOapServer() {
+    m_stop = true;
+    m_acceptThread.join();
+    for (std::thread& worker : m_workers) worker.join();
+    close(m_listenFd);
+  }
 
   int Port() const { return m_port; }
-  // Scripted replies, used in order before the responder is asked.
-  void Queue(const Reply& reply);
-  // Asked once the queue is empty; without one the connection is closed.
-  void SetResponder(Responder responder);
-  std::vector<std::string> Requests();
-  // True once at least `count` requests arrived within `timeoutMs`.
-  bool WaitForRequests(size_t count, int timeoutMs);
+  void Queue(const Reply& reply) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_script.push_back(reply);
+  }
+  std::vector<std::string> Requests() {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_requests;
+  }
+  bool WaitForRequests(size_t count, int timeoutMs) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                              [&] { return m_requests.size() >= count; });
+  }
+
+  static sockaddr_in Loopback(int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    return address;
+  }
 
  private:
-  void AcceptLoop();
-  void Serve(int fd);
-  Reply NextReply(const std::string& request);
+  // Waits for the descriptor to become readable; false on time-out or stop.
+  bool WaitReadable(int fd, std::chrono::steady_clock::time_point deadline) {
+    while (!m_stop && std::chrono::steady_clock::now() < deadline) {
+      pollfd entry{fd, POLLIN, 0};
+      if (poll(&entry, 1, 50) > 0) return true;
+    }
+    return false;
+  }
+  void Serve(int fd) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    std::string request;
+    char buffer[4096];
+    ssize_t n = 0;
+    while (request.find("</OAP-request>") == std::string::npos && WaitReadable(fd, deadline) &&
+           (n = recv(fd, buffer, sizeof buffer, 0)) > 0) {
+      request.append(buffer, static_cast<size_t>(n));
+    }
+    Reply reply;
+    Responder responder;  // called unlocked: it may wait on the client
+    {
+      std::lock_guard<std::mutex> guard(m_mutex);
+      m_requests.push_back(request);
+      m_changed.notify_all();
+      if (m_script.empty()) {
+        responder = m_responder;
+      } else {
+        reply = m_script.front();
+        m_script.pop_front();
+      }
+    }
+    if (responder) reply.text = responder(request);
+    send(fd, reply.text.data(), reply.text.size(), MSG_NOSIGNAL);
+    if (!reply.rest.empty()) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      send(fd, reply.rest.data(), reply.rest.size(), MSG_NOSIGNAL);
+    }
+    // Let the client close first, so that it always sees the whole answer.
+    if (!reply.silent) shutdown(fd, SHUT_WR);
+    while (WaitReadable(fd, deadline) && recv(fd, buffer, sizeof buffer, 0) > 0) {
+    }
+    close(fd);
+  }
 
+  Responder m_responder;
   int m_listenFd = -1;
   int m_port = 0;
   std::atomic<bool> m_stop{false};
@@ -57,9 +132,63 @@ class FakeOapServer {
   std::mutex m_mutex;
   std::condition_variable m_changed;
   std::deque<Reply> m_script;
-  Responder m_responder;
   std::vector<std::string> m_requests;
   std::vector<std::thread> m_workers;
 };
+
+// Documents as the server writes them, spelled out literally.
+inline std::string Response3(const std::string& hexId, const std::string& status) {
+  return "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<OAP-response version=\"3.0\" id=\"" +
+         hexId + "\"><Status service=\"message\">" + status + "</Status></OAP-response>";
+}
+inline std::string ResponseDoc(const std::string& hexId, int type, int code) {
+  return Response3(
+      hexId, "<Type>" + std::to_string(type) + "</Type><Code>" + std::to_string(code) + "</Code>");
+}
+// A version 3.0 answer from a handset: `element` is <DataResp> or <UserResponse>.
+inline std::string OptionAnswer(const std::string& hexId, const std::string& element) {
+  return Response3(hexId, "<Type>5</Type><Code>200</Code><TypeSpecific><From>1234</From>" +
+                              element + "</TypeSpecific>");
+}
+// A version 4.0 inbound answer: `element` is <Data_response> or <User_response>.
+inline std::string Answer4(const std::string& hexId, const std::string& element) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"1\">"
+         "<Header/><Body service=\"OA-XML\"><service version=\"1.0\"><Id>" +
+         hexId + "</Id><Interactive_Message_Response>" + element +
+         "</Interactive_Message_Response></service></Body></OAP-request>";
+}
+// The id attribute of a request's start tag (lower-case hexadecimal).
+inline std::string RequestId(const std::string& request) {
+  size_t start = request.find("id=\"", request.find("<OAP-request"));
+  if (start == std::string::npos) return "";
+  start += 4;
+  return request.substr(start, request.find('"', start) - start);
+}
+// The server's usual answer: class 1, code 200, same id as the request.
+inline std::string AcceptAll(const std::string& request) {
+  return ResponseDoc(RequestId(request), 1, 200);
+}
+inline std::string Hex(unsigned long value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%lx", value);
+  return text;
+}
+// A port on 127.0.0.1 that nothing listens on at the moment.
+inline int UnusedPort() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address = FakeOapServer::Loopback(0);
+  socklen_t length = sizeof address;
+  bind(fd, reinterpret_cast<sockaddr*>(&address), length);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  close(fd);
+  return ntohs(address.sin_port);
+}
+inline bool CanConnect(int port) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address = FakeOapServer::Loopback(port);
+  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  close(fd);
+  return ok;
+}
 
 #endif

@@ -1,11 +1,16 @@
+// Sending jobs through the loaded driver to the fake server, and querying
+// them for the reports and answers the listener received.
 #include <cstdlib>
 
 #include "driver_fixture.h"
 
 namespace {
 
-using Level = QmLogInterface::LogLevel;
-using Status = QmMessengerReportsMngrInterface::ReportsStatus;
+using Log = QmLogInterface;
+
+using Reports = QmMessengerReportsMngrInterface;
+using Jobs = std::vector<QmMessageFile*>;
+const auto kTrace = Log::LEVEL_TRACE;
 
 QmResponseChoice Choice(const std::string& text, uint32_t kind, const std::string& value = "") {
   QmResponseChoice choice;
@@ -15,10 +20,6 @@ QmResponseChoice Choice(const std::string& text, uint32_t kind, const std::strin
   return choice;
 }
 
-bool Has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 class SendTest : public DriverTest {
  protected:
   void SetUp() override {
@@ -26,192 +27,225 @@ class SendTest : public DriverTest {
     SetupOnFreePort();
   }
 
-  // Sends the job and returns the one request the server saw ("" if none).
-  std::string Send(QmReferenceJob& job, bool expectAccepted) {
-    status = QmMessengerReportsMngrInterface::NO_STATUS;
-    EXPECT_EQ(driver->SendAMessage(&job, status), expectAccepted);
+  // Sends the job and returns the last request the server saw.
+  std::string Send(QmReferenceJob& job, bool accepted = true) {
+    status = Reports::NO_STATUS;
+    EXPECT_EQ(driver->SendAMessage(&job, status), accepted);
+    EXPECT_EQ(status, accepted ? Reports::SENT : Reports::SENDING);
     std::vector<std::string> requests = server.Requests();
     return requests.empty() ? "" : requests.back();
   }
+  // Sends an interactive job and returns its tracking number in hex.
+  std::string SendInteractive(QmReferenceJob& job, const std::string& id,
+                              const std::string& version = "3.0") {
+    Address(job, server.Port(), version);
+    job.JobId = id;
+    job.IsInteractive = job.ExpectsResponse = true;
+    job.ResponseChoices = {Choice("Yes", 0), Choice("Stop", 2), Choice("Escalate", 3)};
+    Send(job);
+    return Hex(std::strtoul(job.GetTrackingReceipt().c_str(), nullptr, 10));
+  }
+  // Delivers a document on the listener and waits until it was handled
+  // (including the echo of an answer to the server).
+  void Deliver(const std::string& document) {
+    ASSERT_TRUE(SendInbound(listenerPort, document));
+    ASSERT_TRUE(logger.WaitFor(kTrace, "Leaving OAPConnectionHandler::OnData", ++delivered, 10000));
+  }
+  // Queries the job and returns the jobs handed back meanwhile.
+  Jobs Query(QmReferenceJob& job) {
+    status = Reports::SENT;
+    EXPECT_TRUE(driver->Send2WayRespQuery(&job, status));
+    return DrainQueue();
+  }
 
   FakeOapServer server{AcceptAll};
-  QmReferenceJob job;
-  Status status = QmMessengerReportsMngrInterface::NO_STATUS;
+  Status status = Reports::NO_STATUS;
+  size_t delivered = 0;
 };
 
-TEST_F(SendTest, PlainMessageIsSentWithoutReceipt) {
-  Address(job, server.Port());
-  job.CallerIdDefault = "100";
-  std::string request = Send(job, true);
-  EXPECT_EQ(status, QmMessengerReportsMngrInterface::SENT);
-  EXPECT_EQ(job.GetTrackingReceipt(), "");
-  EXPECT_TRUE(Has(request, "<OAP-request version=\"3.0\" id=\"")) << request;
-  EXPECT_TRUE(Has(request, "<Body service=\"message\"><To>4711</To>\n")) << request;
-  EXPECT_TRUE(Has(request, "<SubjectText>Subject</SubjectText>\n<BodyText>Hello</BodyText>\n"));
-  EXPECT_EQ(job.GetCallerID(), "100");
-  EXPECT_EQ(logger.Count(Level::LEVEL_TRACE, "Leaving QmOAPDriver::SendAMessage() with TRUE."), 1u);
-}
-
-TEST_F(SendTest, InteractiveNeedsBothFlags) {
-  Address(job, server.Port());
-  job.IsInteractive = true;
-  job.ResponseChoices = {Choice("Yes", 0), Choice("No", 1)};
-  std::string request = Send(job, true);
-  EXPECT_EQ(status, QmMessengerReportsMngrInterface::SENT);
-  EXPECT_EQ(job.GetTrackingReceipt(), "");
-  EXPECT_TRUE(Has(request, "<Body service=\"message\">")) << request;
-  EXPECT_FALSE(Has(request, "<Option"));
-}
-
-TEST_F(SendTest, InteractiveMessageCarriesOptionsAndGetsReceipt) {
-  Address(job, server.Port());
-  job.IsInteractive = true;
-  job.ExpectsResponse = true;
-  job.CustomResponseLabel = "Other";
-  job.ResponseChoices = {Choice("Yes", 1), Choice("Call%3aback", 2, "0815")};
-  std::string request = Send(job, true);
-  EXPECT_EQ(status, QmMessengerReportsMngrInterface::SENT);
-  std::string id = RequestId(request);
-  ASSERT_FALSE(id.empty());
-  EXPECT_EQ(job.GetTrackingReceipt(), std::to_string(std::strtoul(id.c_str(), nullptr, 16)));
-  EXPECT_TRUE(Has(
-      request, "<Option id=\"1\">\n<Text>Yes</Text>\n<OnSelection>\n<DataResp>N:Yes</DataResp>\n"))
-      << request;
-  EXPECT_TRUE(Has(request,
-                  "<Option id=\"2\">\n<Text>Call:back</Text>\n<OnSelection>\n"
-                  "<CallNo method=\"\">0815</CallNo>\n<DataResp>F:Call:back</DataResp>\n"))
-      << request;
-  EXPECT_TRUE(Has(request, "<UserResponse>Other</UserResponse>")) << request;
-}
-
-TEST_F(SendTest, PresentationSettingsOnlyWithTheirFlag) {
-  Address(job, server.Port(), "4.0");
-  job.TtlMinutes = 5;
-  job.Colour = "red";
-  job.Urgent = true;
-  job.Priority = 2;
-  std::string without = Send(job, true);
-  EXPECT_TRUE(Has(without, "<OAP-request version=\"4.0\"")) << without;
-  EXPECT_FALSE(Has(without, "<TTL>"));
-  EXPECT_FALSE(Has(without, "<Colour>"));
-  EXPECT_TRUE(Has(without, "<Priority>6</Priority>"));
-
-  job.OapSettingsPresent = true;
-  std::string with = Send(job, true);
-  EXPECT_TRUE(Has(with, "<TTL>300</TTL>\n<Priority>2</Priority>\n")) << with;
-  EXPECT_TRUE(Has(with, "<Urgent/>\n<Colour>red</Colour>\n")) << with;
-}
-
-TEST_F(SendTest, TtlInSecondsInTheFlatShape) {
-  Address(job, server.Port());
-  job.OapSettingsPresent = true;
-  job.TtlMinutes = 5;
-  std::string request = Send(job, true);
-  EXPECT_TRUE(Has(request, "<AvailabilityStatus/><DeliveryStatus/><TTL>300</TTL>\n")) << request;
+TEST_F(SendTest, RequestsCarryWhatTheJobAsksFor) {
+  // Every job carries choices and presentation settings; they are used only
+  // when its flags say so.
+  struct Case {
+    struct {
+      const char* version;
+      bool interactive, expectsResponse, settings;
+    } job;
+    std::vector<std::string> present, absent;
+  } cases[] = {
+      {{"3.0", false, false, false},
+       {"<OAP-request version=\"3.0\" id=\"", "<Body service=\"message\"><To>4711</To>\n",
+        "<SubjectText>Subject</SubjectText>\n<BodyText>Hello</BodyText>\n<Priority>6</Priority>"},
+       {"<TTL>", "<Option"}},
+      {{"3.0", true, false, false}, {"<Body service=\"message\">"}, {"<Option"}},
+      {{"3.0", true, true, false},
+       {"<Option id=\"1\">\n<Text>Yes</Text>\n<OnSelection>\n<DataResp>N:Yes</DataResp>\n",
+        "<Option id=\"2\">\n<Text>Call:back</Text>\n<OnSelection>\n"
+        "<CallNo method=\"\">0815</CallNo>\n<DataResp>F:Call:back</DataResp>\n",
+        "<UserResponse>Other</UserResponse>"},
+       {}},
+      {{"4.0", false, false, false},
+       {"<OAP-request version=\"4.0\"", "<Priority>6</Priority>"},
+       {"<TTL>", "<Colour>"}},
+      {{"4.0", false, false, true},
+       {"<TTL>300</TTL>\n<Priority>2</Priority>\n", "<Urgent/>\n<Colour>red</Colour>\n"},
+       {}},
+      {{"3.0", false, false, true}, {"<AvailabilityStatus/><DeliveryStatus/><TTL>300</TTL>\n"}, {}},
+  };
+  for (const Case& c : cases) {
+    QmReferenceJob job;
+    Address(job, server.Port(), c.job.version);
+    job.IsInteractive = c.job.interactive;
+    job.ExpectsResponse = c.job.expectsResponse;
+    job.OapSettingsPresent = c.job.settings;
+    job.CustomResponseLabel = "Other";
+    job.ResponseChoices = {Choice("Yes", 1), Choice("Call%3aback", 2, "0815")};
+    job.TtlMinutes = 5;
+    job.Colour = "red";
+    job.Urgent = true;
+    job.Priority = 2;
+    const std::string request = Send(job);
+    SCOPED_TRACE(request);
+    for (const std::string& part : c.present) EXPECT_NE(request.find(part), std::string::npos);
+    for (const std::string& part : c.absent) EXPECT_EQ(request.find(part), std::string::npos);
+    EXPECT_EQ(job.GetTrackingReceipt(),
+              c.job.expectsResponse
+                  ? std::to_string(std::strtoul(RequestId(request).c_str(), nullptr, 16))
+                  : "");
+  }
+  EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::SendAMessage() with TRUE.", true),
+            sizeof cases / sizeof cases[0]);
 }
 
 TEST_F(SendTest, CallerNumberRules) {
-  Address(job, server.Port(), "4.0");
-  job.MessageText = "Call 12345 now";
-  job.CallerIdDefault = "999";
-
-  job.CallerIdPattern = "Call (\\d+)";
-  EXPECT_TRUE(Has(Send(job, true), "<FromEx>\n<Number>12345</Number>\n</FromEx>\n"));
-  EXPECT_EQ(job.GetCallerID(), "12345");
-  EXPECT_EQ(logger.Count(Level::LEVEL_DEBUG,
-                         "Found Caller ID 'Call 12345 now' from Message Body using Regular "
-                         "Expression Pattern 'Call (\\d+)'"),
-            1u);
-
-  job.CallerIdFixed = "777";
-  EXPECT_TRUE(Has(Send(job, true), "<Number>777</Number>"));
-  EXPECT_EQ(job.GetCallerID(), "777");
-
-  job.CallerIdPattern = "";
-  Send(job, true);
-  EXPECT_EQ(job.GetCallerID(), "999");
-
-  job.CallerIdFixed = "";
-  for (const char* fallsBack : {"Ring (\\d+)", "\\d+", "(unclosed", "(x)?"}) {
-    job.CallerIdPattern = fallsBack;
-    job.SetCallerID("");
-    Send(job, true);
-    EXPECT_EQ(job.GetCallerID(), "999") << fallsBack;
+  struct Case {
+    const char *fixed, *pattern, *number;
+  } cases[] = {
+      {"", "Call (\\d+)", "12345"},
+      {"777", "Call (\\d+)", "777"},
+      {"777", "", "999"},
+      {"", "", "999"},
+      {"", "Ring (\\d+)", "999"},
+      {"", "\\d+", "999"},
+      {"", "(unclosed", "999"},
+      {"", "(x)?", "999"},
+      // Group 1 left unset while a later group matched: an empty number.
+      {"", "(x)?(\\d+)", ""},
+  };
+  for (const Case& c : cases) {
+    QmReferenceJob job;
+    Address(job, server.Port(), "4.0");
+    job.MessageText = "Call 12345 now";
+    job.CallerIdDefault = "999";
+    job.CallerIdFixed = c.fixed;
+    job.CallerIdPattern = c.pattern;
+    const std::string request = Send(job);
+    EXPECT_EQ(job.GetCallerID(), c.number) << c.pattern;
+    EXPECT_EQ(request.find(std::string("<FromEx>\n<Number>") + c.number +
+                           "</Number>\n</FromEx>\n") != std::string::npos,
+              *c.number != '\0')
+        << request;
   }
-
-  // Group 1 left unset while a later group matched: an empty number.
-  job.CallerIdPattern = "(x)?(\\d+)";
-  std::string request = Send(job, true);
-  EXPECT_EQ(job.GetCallerID(), "");
-  EXPECT_FALSE(Has(request, "<FromEx>"));
-}
-
-TEST_F(SendTest, RefusedMessageKeepsSendingStatus) {
-  FakeOapServer refusing(
-      [](const std::string& request) { return ResponseDoc(RequestId(request), 1, 407); });
-  Address(job, refusing.Port());
-  status = QmMessengerReportsMngrInterface::NO_STATUS;
-  EXPECT_FALSE(driver->SendAMessage(&job, status));
-  EXPECT_EQ(status, QmMessengerReportsMngrInterface::SENDING);
-  EXPECT_EQ(job.GetErrorText(), "Client not registered");
-  EXPECT_EQ(job.GetTrackingReceipt(), "");
-  EXPECT_EQ(logger.Count(Level::LEVEL_TRACE, "Leaving QmOAPDriver::SendAMessage() with FALSE."),
+  EXPECT_EQ(logger.Count(Log::LEVEL_DEBUG,
+                         "Found Caller ID 'Call 12345 now' from Message Body using Regular "
+                         "Expression Pattern 'Call (\\d+)'",
+                         true),
             1u);
 }
 
-TEST_F(SendTest, UnreadableAnswerIsADispatchFailure) {
-  FakeOapServer garbling([](const std::string&) { return std::string("<html>busy</html>"); });
-  Address(job, garbling.Port());
-  status = QmMessengerReportsMngrInterface::NO_STATUS;
-  EXPECT_FALSE(driver->SendAMessage(&job, status));
-  EXPECT_EQ(status, QmMessengerReportsMngrInterface::SENDING);
-  EXPECT_EQ(job.GetErrorText(), "Dispatch Failure");
-}
-
-TEST_F(SendTest, ServerHangingUpFailsTheSend) {
-  FakeOapServer silent([](const std::string&) { return std::string(); });
-  Address(job, silent.Port());
-  status = QmMessengerReportsMngrInterface::NO_STATUS;
-  EXPECT_FALSE(driver->SendAMessage(&job, status));
-  EXPECT_EQ(status, QmMessengerReportsMngrInterface::SENDING);
-  EXPECT_FALSE(job.GetErrorText().empty());
-  EXPECT_EQ(job.GetTrackingReceipt(), "");
-}
-
-TEST_F(SendTest, DeadServerIsReported) {
+TEST_F(SendTest, FailedSendsKeepSendingStatusAndTellWhy) {
+  const std::string refused = ResponseDoc("0", 1, 407);  // the id is not checked
+  struct Case {
+    const char *reply, *error;
+  } cases[] = {
+      {refused.c_str(), "Client not registered"},
+      {"<html>busy</html>", "Dispatch Failure"},
+      {"", "Socket is closed"},  // the server hangs up
+  };
+  for (const Case& c : cases) {
+    server.Queue({c.reply});
+    QmReferenceJob job;
+    Address(job, server.Port());
+    Send(job, false);
+    EXPECT_EQ(job.GetTrackingReceipt(), "");
+    EXPECT_EQ(job.GetErrorText(), c.error);
+  }
+  QmReferenceJob job;
   Address(job, UnusedPort());
-  status = QmMessengerReportsMngrInterface::NO_STATUS;
-  EXPECT_FALSE(driver->SendAMessage(&job, status));
-  EXPECT_EQ(status, QmMessengerReportsMngrInterface::SENDING);
+  Send(job, false);
   EXPECT_EQ(job.GetErrorText(), "Socket Connecting Failed");
+  EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::SendAMessage() with FALSE.", true), 4u);
   size_t exceptionLines = 0;
   for (const std::string& text : logger.TextsFrom("QmOAPDriver")) {
-    if (text.rfind("Exception occurred [Exception raised! ", 0) == 0 &&
-        Has(text, "Msg[Socket Connecting Failed]")) {
-      ++exceptionLines;
-    }
+    exceptionLines += text.rfind("Exception occurred [Exception raised! ", 0) == 0 &&
+                      text.find("Msg[Socket Connecting Failed]") != std::string::npos;
   }
   EXPECT_EQ(exceptionLines, 1u);
 }
 
-TEST(DriverWithoutSetup, CallsFailCleanly) {
-  QmDriverLoader loader;
-  ASSERT_TRUE(loader.Load(QM_DRIVER_PATH)) << loader.GetError();
-  QmProtocolDriverInterface* driver = loader.GetDriverInstance();
+TEST_F(SendTest, QueriesWithoutReceiptOrForUnknownDevicesEndTheCycle) {
   QmReferenceJob job;
-  job.DeviceId = "1";
-  job.ServerHost = "127.0.0.1";
-  job.ServerPort = 1;
-  QmProtocolDriverInterface::ReportsStatus status = QmMessengerReportsMngrInterface::NO_STATUS;
-  EXPECT_FALSE(driver->SendAMessage(&job, status));
-  EXPECT_EQ(status, QmMessengerReportsMngrInterface::SENDING);
-  EXPECT_FALSE(job.GetErrorText().empty());
-  job.TrackingReceipt = "42";
-  EXPECT_TRUE(driver->Send2WayRespQuery(&job, status));
+  Address(job, server.Port());
+  EXPECT_TRUE(Query(job).empty());
+  EXPECT_EQ(status, Reports::SENT);
+  EXPECT_EQ(job.GetErrorText(), "Empty or no tracking receipt defined.");
+  EXPECT_EQ(logger.Count(Log::LEVEL_ERROR,
+                         "Empty or no tracking receipt defined. Terminating query cycle.", true),
+            1u);
+
+  job.DeviceId = "never-used";
+  job.TrackingReceipt = "12345";
+  EXPECT_TRUE(Query(job).empty());
+  EXPECT_EQ(status, Reports::SENT);
   EXPECT_EQ(job.GetErrorText(), "Unknown Device");
-  EXPECT_FALSE(driver->SendAMessage(nullptr, status));
-  EXPECT_TRUE(driver->Send2WayRespQuery(nullptr, status));
-  loader.ReleaseDriverInstance(driver);
+  EXPECT_EQ(logger.Count(Log::LEVEL_ERROR, "The device is unknown for me.", true), 1u);
+}
+
+TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
+  // The job offers Yes (kind 0), Stop (kind 2) and Escalate (kind 3).
+  const std::string yes = "<DataResp>N:Yes</DataResp>";
+  struct Case {
+    const char* version;
+    std::vector<std::string> inbound;  // "" stands for a delivery report
+    size_t handedBack;
+    Status status;
+    const char* text;
+  } cases[] = {
+      {"3.0", {""}, 1, Reports::DELIVERED, ""},
+      {"3.0",
+       {yes, "<DataResp>N:Running late</DataResp>"},
+       2,
+       Reports::REPLIED_WITH,
+       "Running late"},
+      {"3.0", {yes, yes}, 1, Reports::REPLIED, "Yes"},
+      {"3.0", {"<DataResp>F:Stop</DataResp>"}, 1, Reports::REPLIED_SPECIAL_A, "Stop"},
+      {"3.0", {"<DataResp>F:Escalate</DataResp>"}, 1, Reports::REPLIED_SPECIAL_B, "Escalate"},
+      {"4.0", {"<User_response>On my way</User_response>"}, 1, Reports::REPLIED_WITH, "On my way"},
+  };
+  int number = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    QmReferenceJob job;
+    const std::string hexId = SendInteractive(job, "job-" + std::to_string(number++), c.version);
+    EXPECT_TRUE(Query(job).empty());
+    EXPECT_EQ(status, Reports::SENT);
+    for (const std::string& element : c.inbound) {
+      Deliver(element.empty()                   ? ResponseDoc(hexId, 3, 200)
+              : std::string(c.version) == "4.0" ? Answer4(hexId, element)
+                                                : OptionAnswer(hexId, element));
+    }
+    EXPECT_EQ(Query(job), Jobs(c.handedBack, &job));
+    EXPECT_EQ(status, c.status);
+    EXPECT_EQ(job.Status, c.status);
+    EXPECT_EQ(job.GetStatusText(), c.text);
+    EXPECT_EQ(job.DeliveredFlag, c.status == Reports::DELIVERED);
+    EXPECT_EQ(job.RequeueFlag, c.status != Reports::DELIVERED);
+    EXPECT_TRUE(Query(job).empty());  // each is collected once
+  }
+  EXPECT_EQ(
+      logger.Count(Log::LEVEL_INFO, "Creating REPORT entry REPLIED_WITH for job: job-1.", true),
+      1u);
+  EXPECT_EQ(logger.Count(Log::LEVEL_DEBUG, "<job-2> Response 'Yes' is not a new one", true), 1u);
 }
 
 }  // namespace

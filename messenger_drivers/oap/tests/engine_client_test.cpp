@@ -1,25 +1,34 @@
-// The client module: tracking base, listener start and stop, lookups
-// without a controller, DispatchPayLoad's leaving line and WipeOptions.
+// The client module and its inbound listener: tracking base, listener start
+// and stop, leaving lines, WipeOptions, inbound answers of both versions, and
+// many host threads sending and querying while the listener delivers.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include <atomic>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
-#include "FakeOapServer.h"
 #include "MessageBody.h"
 #include "OAPBlockHeader.h"
 #include "OAPClient.h"
 #include "OAPDeviceRegistrar.h"
 #include "OAPRequestBlock.h"
+#include "QmException.h"
+#include "QmString.h"
 #include "QmconFunctions.h"
 #include "engine_test_support.h"
 
 namespace {
+
+using Log = QmLogInterface;
+
+using Replies = std::list<std::string>;
+const auto kTrace = Log::LEVEL_TRACE;
+const int kWaitMs = 10000;
+const char kLeftOnData[] = "Leaving OAPConnectionHandler::OnData";
 
 // The runtime's signal handlers and socket layer, once for the process.
 class RuntimeEnvironment : public ::testing::Environment {
@@ -29,15 +38,16 @@ class RuntimeEnvironment : public ::testing::Environment {
 ::testing::Environment* const kRuntime =
     ::testing::AddGlobalTestEnvironment(new RuntimeEnvironment);
 
-bool CanConnect(int port) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  close(fd);
-  return ok;
+MessageBody* NewBody(const std::string& to, const std::string& version, bool interactive) {
+  auto* body = new MessageBody();
+  body->to = to;
+  body->version = version;
+  body->bodyText = "Question";
+  if (interactive) {
+    body->options.push_back({"Yes", "N:Yes", "", 0, ""});
+    body->options.push_back({"No", "F:No", "", 0, ""});
+  }
+  return body;
 }
 
 class EngineClientTest : public ::testing::Test {
@@ -56,9 +66,7 @@ TEST_F(EngineClientTest, TrackingBaseIsARandomMultipleOf65536) {
     EXPECT_EQ(client.NextTrackingNumber(), base);
     EXPECT_EQ(client.NextTrackingNumber(), base + 1);
   }
-  OAPClient client(1, "");
-  EXPECT_EQ(client.GetRunningModuleName(), "Qm OAP Client");
-  EXPECT_EQ(client.GetListeningPort(), -1);
+  EXPECT_EQ(OAPClient(1, "").GetRunningModuleName(), "Qm OAP Client");
 }
 
 TEST_F(EngineClientTest, LookupsOfUnknownDevicesCreateNoController) {
@@ -69,30 +77,28 @@ TEST_F(EngineClientTest, LookupsOfUnknownDevicesCreateNoController) {
   EXPECT_EQ(OAPDeviceRegistrar::GetInstance()->GetDevice("1@nowhere:1", false), nullptr);
   client.WipeOptions(5);  // no controller knows it: nothing is sent
   EXPECT_EQ(client.SendAMessage(nullptr), 0u);
-  EXPECT_TRUE(logger.Has(RecordingLogger::LEVEL_TRACE, "Leaving OAPClient::GetStatus() with 0."));
-  EXPECT_TRUE(logger.Has(RecordingLogger::LEVEL_TRACE,
-                         "Leaving OAPClient::SendAMessage() with Failure(0)."));
-  EXPECT_TRUE(logger.Has(RecordingLogger::LEVEL_TRACE, "Leaving OAPClient::WipeOptions()."));
+  for (const char* line :
+       {"Leaving OAPClient::GetStatus() with 0.", "Leaving OAPClient::WipeOptions().",
+        "Leaving OAPClient::SendAMessage() with Failure(0)."}) {
+    EXPECT_TRUE(logger.Has(kTrace, line)) << line;
+  }
   client.Finalize();
 }
 
 TEST_F(EngineClientTest, ListenerRunsBetweenInitializeAndFinalize) {
   OAPClient client(0, "127.0.0.1");
+  EXPECT_EQ(client.GetListeningPort(), -1);
   ASSERT_TRUE(client.Initialize(&logger, ""));
   const int first = client.GetListeningPort();
   // Starting again replaces the running listener.
   ASSERT_TRUE(client.InitializeSpecial());
   const int port = client.GetListeningPort();
   ASSERT_GT(port, 0);
-  if (port != first) {
-    EXPECT_FALSE(CanConnect(first));
-  }
+  EXPECT_TRUE(port == first || !CanConnect(first));
   EXPECT_TRUE(CanConnect(port));
-  EXPECT_TRUE(logger.Has(RecordingLogger::LEVEL_TRACE,
-                         "Leaving OAPClient::InitializeSpecial() with TRUE."));
+  EXPECT_TRUE(logger.Has(kTrace, "Leaving OAPClient::InitializeSpecial() with TRUE."));
   EXPECT_TRUE(client.Finalize());
-  EXPECT_TRUE(
-      logger.Has(RecordingLogger::LEVEL_TRACE, "Leaving OAPClient::FinalizeSpecial() with TRUE."));
+  EXPECT_TRUE(logger.Has(kTrace, "Leaving OAPClient::FinalizeSpecial() with TRUE."));
   EXPECT_EQ(client.GetListeningPort(), -1);
   EXPECT_FALSE(CanConnect(port));
   client.Finalize();  // a second stop finds no listener
@@ -112,25 +118,19 @@ TEST_F(EngineClientTest, ListenerOnABusyPortFailsWithItsTextAndIsStillReleased) 
   FakeOapServer occupant;
   OAPClient client(occupant.Port(), "127.0.0.1");
   EXPECT_FALSE(client.Initialize(&logger, ""));
-  EXPECT_TRUE(logger.Has(
-      RecordingLogger::LEVEL_ERROR,
-      "Failed to Start OAP Listener on '127.0.0.1:" + std::to_string(occupant.Port()) + "'"));
-  EXPECT_TRUE(logger.Has(RecordingLogger::LEVEL_TRACE,
-                         "Leaving OAPClient::InitializeSpecial() with FALSE."));
+  EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Failed to Start OAP Listener on '127.0.0.1:" +
+                                               std::to_string(occupant.Port()) + "'"));
+  EXPECT_TRUE(logger.Has(kTrace, "Leaving OAPClient::InitializeSpecial() with FALSE."));
   client.Finalize();
-  EXPECT_TRUE(
-      logger.Has(RecordingLogger::LEVEL_TRACE, "Leaving OAPClient::FinalizeSpecial() with FALSE."));
+  EXPECT_TRUE(logger.Has(kTrace, "Leaving OAPClient::FinalizeSpecial() with FALSE."));
 }
 
 TEST_F(EngineClientTest, DispatchLeavingLineIsInvertedByDesign) {
   FakeOapServer server;
   OAPClient client(0, "127.0.0.1");
   ASSERT_TRUE(client.Initialize(&logger, ""));
-  server.Queue(
-      FakeOapServer::Answer("<?xml version=\"1.0\"?>\n<OAP-response version=\"3.0\" "
-                            "id=\"ff\"><Status service=\"message\"><Type>1</Type>"
-                            "<Code>200</Code></Status></OAP-response>"));
-  server.Queue(FakeOapServer::Answer(std::string("<OAP-resp\0onse/>", 16)));
+  server.Queue({ResponseDoc("ff", 1, 200)});
+  server.Queue({std::string("<OAP-resp\0onse/>", 16)});
 
   OAPRequestBlock request;
   request.version = "3.0";
@@ -140,16 +140,12 @@ TEST_F(EngineClientTest, DispatchLeavingLineIsInvertedByDesign) {
   std::unique_ptr<OAPBlock> answer(client.DispatchPayLoad("127.0.0.1", server.Port(), &request));
   ASSERT_NE(answer, nullptr);
   EXPECT_EQ(answer->GetID(), 255u);
-  EXPECT_EQ(logger.Count(RecordingLogger::LEVEL_TRACE,
-                         "Leaving OAPClient::DispatchPayLoad() with FALSE."),
-            1u);
+  EXPECT_EQ(logger.Count(kTrace, "Leaving OAPClient::DispatchPayLoad() with FALSE.", true), 1u);
   // The text ends at the first NUL byte read.
   answer.reset(client.DispatchPayLoad("127.0.0.1", server.Port(), &request));
   EXPECT_EQ(answer, nullptr);
-  EXPECT_EQ(
-      logger.Count(RecordingLogger::LEVEL_TRACE, "Leaving OAPClient::DispatchPayLoad() with TRUE."),
-      1u);
-  EXPECT_TRUE(logger.Has(RecordingLogger::LEVEL_TRACE, "<= <?xml"));
+  EXPECT_EQ(logger.Count(kTrace, "Leaving OAPClient::DispatchPayLoad() with TRUE.", true), 1u);
+  EXPECT_TRUE(logger.Has(kTrace, "<= <?xml"));
 
   // A block that cannot be written is not sent at all.
   OAPRequestBlock empty;
@@ -161,21 +157,12 @@ TEST_F(EngineClientTest, DispatchLeavingLineIsInvertedByDesign) {
 
 TEST_F(EngineClientTest, WipeOptionsSendsAVersion4UpdateOfTheShownMessage) {
   FakeOapServer server;
+  server.Queue({ResponseDoc("30000", 1, 200)});
+  server.Queue({ResponseDoc("30001", 1, 200)});
   OAPClient client(4321, "127.0.0.1");
   client.TrackingBase = 0x30000;
   const std::string address = "77@127.0.0.1:" + std::to_string(server.Port());
-  server.Queue(
-      FakeOapServer::Answer("<OAP-response version=\"3.0\" id=\"30000\"><Status "
-                            "service=\"message\"><Type>1</Type><Code>200</Code>"
-                            "</Status></OAP-response>"));
-  server.Queue(FakeOapServer::Answer(
-      "<OAP-response version=\"4.0\" id=\"30001\"><Status><Type>1</Type><Code>200</Code>"
-      "</Status></OAP-response>"));
-  auto* body = new MessageBody();
-  body->to = address;
-  body->bodyText = "Pick one";
-  body->options.push_back({"Yes", "N:Yes", "", 0, ""});
-  ASSERT_EQ(client.SendAMessage(body), 0x30000u);
+  ASSERT_EQ(client.SendAMessage(NewBody(address, "3.0", true)), 0x30000u);
 
   client.WipeOptions(0x30000);
   ASSERT_EQ(server.Requests().size(), 2u);
@@ -187,15 +174,167 @@ TEST_F(EngineClientTest, WipeOptionsSendsAVersion4UpdateOfTheShownMessage) {
             "<Interactive_Message>\n<Message>\n<Indication>\n<Intensity>None</Intensity>\n"
             "</Indication> \n</Message>\n<Update>\n</Update>\n</Interactive_Message>\n"
             "</service>\n</Body>\n</OAP-request>");
-  // The shown message keeps its state and its body.
+  // The shown message keeps its state.
   EXPECT_EQ(client.GetStatus(address, 0x30000), 1);
 
-  // A failing update is logged, not raised (the server hangs up unanswered).
+  // A failing update is logged, not raised (the server hangs up unanswered
+  // once its script is used up).
   OAPClient other(0, "127.0.0.1");
   ASSERT_TRUE(other.Initialize(&logger, ""));
   other.WipeOptions(0x30000);
-  EXPECT_TRUE(logger.Has(RecordingLogger::LEVEL_ERROR, "Exception occurred [Socket is closed]"));
+  EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Exception occurred [Socket is closed]"));
   other.Finalize();
+}
+
+// Inbound answers through the real listener for one interactive message
+// (Yes "N:Yes", No "F:No") sent as 0x40000; every send and echo is accepted.
+class EngineListenerTest : public EngineClientTest {
+ protected:
+  EngineListenerTest() : server(AcceptAll), client(0, "127.0.0.1") {
+    client.TrackingBase = 0x40000;
+    address = "1234@127.0.0.1:" + std::to_string(server.Port());
+  }
+  ~EngineListenerTest() override { client.Finalize(); }
+
+  void SetUp() override {
+    ASSERT_TRUE(client.Initialize(&logger, ""));
+    port = client.GetListeningPort();
+    ASSERT_EQ(client.SendAMessage(NewBody(address, "3.0", true)), 0x40000u);
+  }
+  // Delivers one inbound document and waits until the listener is done with it.
+  void Deliver(const std::string& document) {
+    ASSERT_TRUE(SendInbound(port, document));
+    ASSERT_TRUE(logger.WaitFor(kTrace, kLeftOnData, ++delivered, kWaitMs));
+  }
+  Replies Query() { return client.QueryResponse(address, 0x40000); }
+
+  FakeOapServer server;
+  OAPClient client;
+  std::string address;
+  int port = 0;
+  size_t delivered = 0;
+};
+
+TEST_F(EngineListenerTest, AnswersReachTheControllerAndTheFinalOneClosesTheMessage) {
+  Deliver(ResponseDoc("40000", 3, 200));
+  EXPECT_EQ(client.GetStatus(address, 0x40000), 2);
+  EXPECT_TRUE(
+      logger.Has(Log::LEVEL_INFO, "Handling request from Handset '1234' for Msg Tracking #262144"));
+  EXPECT_TRUE(logger.Has(Log::LEVEL_DEBUG,
+                         "Processing incoming paylaod [<?xml version=\"1.0\" encoding=\"ISO"));
+
+  Deliver(OptionAnswer("40000", "<DataResp>N:Yes</DataResp>"));
+  EXPECT_EQ(Query(), (Replies{"Yes"}));
+  // Each answer is echoed (the echo's text is pinned by the controller's
+  // tests); the final one wipes the options.
+  ASSERT_EQ(server.Requests().size(), 2u);
+  EXPECT_NE(server.Requests()[1].find("--&gt;&gt;Yes</BodyText>"), std::string::npos);
+  Deliver(Answer4("40000", "<Data_response>F:No</Data_response>"));
+  ASSERT_EQ(server.Requests().size(), 3u);
+  EXPECT_EQ(server.Requests()[2].find("<Option"), std::string::npos);
+
+  Deliver(Answer4("40000", "<User_response>too late</User_response>"));
+  EXPECT_EQ(server.Requests().size(), 3u);
+  EXPECT_EQ(Query(), (Replies{"No"}));
+  EXPECT_EQ(client.GetStatus(address, 0x40000), 2);
+}
+
+TEST_F(EngineListenerTest, UnknownNumbersGarbageAndBadOptionDataAreDropped) {
+  Deliver(OptionAnswer("12345", "<DataResp>A:Yes</DataResp>"));
+  EXPECT_TRUE(
+      logger.Has(Log::LEVEL_WARN, "Couldn't find device controller by Trackign ID '74565'"));
+  Deliver("this is <not an OAP document");
+  Deliver(std::string("<OAP-request version=\"4.0\"\0", 27));
+  EXPECT_EQ(logger.Count(Log::LEVEL_WARN, "not an OAP block"), 2u);
+  EXPECT_EQ(OAPDeviceRegistrar::GetInstance()->GetDeviceByTrackingID(0), nullptr);
+
+  // Option data too short for its prefix is logged; the listener goes on.
+  Deliver(OptionAnswer("40000", "<DataResp>X</DataResp>"));
+  EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Failed to handle request for Msg Tracking #262144"));
+  Deliver(Answer4("40000", "<User_response>still here</User_response>"));
+  EXPECT_EQ(Query(), (Replies{"still here"}));
+  EXPECT_EQ(server.Requests().size(), 2u);
+}
+
+TEST_F(EngineListenerTest, AnswersAreNotHeldUpByAnotherMessagesSlowDispatch) {
+  server.Queue({"", "", true});
+  std::atomic<bool> sendDone{false};
+  std::thread slowSend([&] {
+    EXPECT_THROW(client.SendAMessage(NewBody(address, "3.0", false)), QmException);
+    sendDone = true;
+  });
+  ASSERT_TRUE(server.WaitForRequests(2, kWaitMs));
+  // The slow send now waits up to two seconds for an answer that never comes.
+  Deliver(ResponseDoc("40000", 3, 200));
+  EXPECT_FALSE(sendDone.load());
+  EXPECT_EQ(client.GetStatus(address, 0x40000), 2);
+  slowSend.join();
+}
+
+// Host threads send and query while the listener's workers deliver reports
+// and answers for the same controllers: no answer may be lost or duplicated
+// and no tracking number issued twice.
+TEST_F(EngineClientTest, SendsQueriesAndInboundAnswersInterleaveSafely) {
+  const int kHosts = 4, kMessages = 10;
+  OAPClient client(0, "127.0.0.1");
+  ASSERT_TRUE(client.Initialize(&logger, ""));
+  const int listenerPort = client.GetListeningPort();
+  std::atomic<int> inboundFailures{0};
+  // The handset reports delivery and answers every new message before the
+  // server's acceptance reaches the client.
+  FakeOapServer server([&](const std::string& request) {
+    const std::string id = RequestId(request), typed = "reply-" + id;
+    const bool version4 = request.find("version=\"4.0\"") != std::string::npos;
+    if (request.find("<Update>") == std::string::npos &&
+        !(SendInbound(listenerPort, ResponseDoc(id, 3, 200)) &&
+          SendInbound(listenerPort,
+                      version4 ? Answer4(id, "<User_response>" + typed + "</User_response>")
+                               : OptionAnswer(id, "<UserResponse>" + typed + "</UserResponse>")))) {
+      ++inboundFailures;
+    }
+    return AcceptAll(request);
+  });
+  auto address = [&](int host) {
+    return std::to_string(1000 + host % 2) + "@127.0.0.1:" + std::to_string(server.Port());
+  };
+  // Per host thread: the numbers it got, with the replies it collected.
+  std::vector<std::map<uint32_t, std::vector<std::string>>> got(kHosts);
+  auto collect = [&](int host) {
+    for (auto& entry : got[host]) {
+      for (const std::string& r : client.QueryResponse(address(host), entry.first)) {
+        entry.second.push_back(r);
+      }
+      client.GetStatus(address(host), entry.first);
+    }
+  };
+  std::vector<std::thread> hosts;
+  for (int t = 0; t < kHosts; ++t) {
+    hosts.emplace_back([&, t] {
+      for (int m = 0; m < kMessages; ++m) {
+        uint32_t number = 0;
+        EXPECT_NO_THROW(number =
+                            client.SendAMessage(NewBody(address(t), m % 2 ? "4.0" : "3.0", true)));
+        got[t][number];
+        collect(t);
+      }
+    });
+  }
+  for (std::thread& h : hosts) h.join();
+  EXPECT_EQ(inboundFailures.load(), 0);
+  ASSERT_TRUE(logger.WaitFor(kTrace, kLeftOnData, 2 * kHosts * kMessages, 60000));
+  std::set<uint32_t> unique;
+  for (int t = 0; t < kHosts; ++t) {
+    collect(t);
+    for (const auto& entry : got[t]) {
+      unique.insert(entry.first);
+      EXPECT_EQ(client.GetStatus(address(t), entry.first), 2) << entry.first;
+      EXPECT_EQ(entry.second, std::vector<std::string>{QmstringFormat("reply-%x", entry.first)});
+    }
+  }
+  EXPECT_EQ(unique.size(), static_cast<size_t>(kHosts * kMessages));
+  EXPECT_EQ(unique.count(0), 0u);
+  client.Finalize();
+  EXPECT_EQ(logger.Count(Log::LEVEL_WARN, ""), 0u);
 }
 
 }  // namespace

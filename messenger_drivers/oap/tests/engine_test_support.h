@@ -7,59 +7,71 @@
 #include <string>
 #include <vector>
 
+#include "FakeOapServer.h"
 #include "QmLogInterface.h"
-#include "inbound_sender.h"
 
-// A logger that records every line with its level, and lets a test wait
-// until a line containing some text has been written a number of times.
+// A logger that records every line with its level and source name, safe for
+// the listener's threads, and lets a test wait until some line was written.
 class RecordingLogger : public QmLogInterface {
  public:
-  struct Line {
-    LogLevel level;
-    std::string text;
-  };
-
-  bool WriteTrace(const std::string& m, int, const char*) override { return Add(LEVEL_TRACE, m); }
-  bool WriteDebug(const std::string& m, int, const char*) override { return Add(LEVEL_DEBUG, m); }
-  bool WriteInfo(const std::string& m, int, const char*) override { return Add(LEVEL_INFO, m); }
-  bool WriteWarn(const std::string& m, int, const char*) override { return Add(LEVEL_WARN, m); }
-  bool WriteError(const std::string& m, int, const char*) override { return Add(LEVEL_ERROR, m); }
-  bool WriteCritical(const std::string& m, int, const char*) override {
-    return Add(LEVEL_CRITICAL, m);
-  }
-  bool WriteFatal(const std::string& m, int, const char*) override { return Add(LEVEL_FATAL, m); }
   void EnableThreadIdPrefix(bool) override {}
   LogLevel GetLogLevel() override { return LEVEL_TRACE; }
   std::string GetLoggerName() override { return "recording"; }
 
-  // Lines at `level` that contain `part`.
-  size_t Count(LogLevel level, const std::string& part) {
+  // Lines at `level` that contain `part` (that are exactly `part` if `whole`).
+  size_t Count(LogLevel level, const std::string& part, bool whole = false) {
     std::lock_guard<std::mutex> guard(m_mutex);
     size_t count = 0;
-    for (const Line& line : m_lines) {
-      if (line.level == level && line.text.find(part) != std::string::npos) ++count;
-    }
+    for (const Line& line : m_lines) count += Matches(line, level, part, whole) ? 1 : 0;
     return count;
   }
   bool Has(LogLevel level, const std::string& part) { return Count(level, part) > 0; }
+  // Every line written from the given source name, in order.
+  std::vector<std::string> TextsFrom(const std::string& file) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    std::vector<std::string> texts;
+    for (const Line& line : m_lines) {
+      if (line.file == file) texts.push_back(line.text);
+    }
+    return texts;
+  }
   // Scans each line once, so that waiting on a busy log stays cheap.
   bool WaitFor(LogLevel level, const std::string& part, size_t count, int timeoutMs) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    size_t scanned = 0;
-    size_t found = 0;
+    size_t scanned = 0, found = 0;
     return m_added.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
       for (; scanned < m_lines.size(); ++scanned) {
-        const Line& line = m_lines[scanned];
-        if (line.level == level && line.text.find(part) != std::string::npos) ++found;
+        found += Matches(m_lines[scanned], level, part, false) ? 1 : 0;
       }
       return found >= count;
     });
   }
 
+#define QM_RECORDING_WRITE(Name, Level)                          \
+  bool Name(const std::string& m, int, const char* f) override { \
+    return Add(Level, m, f);                                     \
+  }
+  QM_RECORDING_WRITE(WriteTrace, LEVEL_TRACE)
+  QM_RECORDING_WRITE(WriteDebug, LEVEL_DEBUG)
+  QM_RECORDING_WRITE(WriteInfo, LEVEL_INFO)
+  QM_RECORDING_WRITE(WriteWarn, LEVEL_WARN)
+  QM_RECORDING_WRITE(WriteError, LEVEL_ERROR)
+  QM_RECORDING_WRITE(WriteCritical, LEVEL_CRITICAL)
+  QM_RECORDING_WRITE(WriteFatal, LEVEL_FATAL)
+#undef QM_RECORDING_WRITE
+
  private:
-  bool Add(LogLevel level, const std::string& text) {
+  struct Line {
+    LogLevel level;
+    std::string text, file;
+  };
+  static bool Matches(const Line& line, LogLevel level, const std::string& part, bool whole) {
+    return line.level == level &&
+           (whole ? line.text == part : line.text.find(part) != std::string::npos);
+  }
+  bool Add(LogLevel level, const std::string& text, const char* file) {
     std::lock_guard<std::mutex> guard(m_mutex);
-    m_lines.push_back({level, text});
+    m_lines.push_back({level, text, file != nullptr ? file : ""});
     m_added.notify_all();
     return true;
   }

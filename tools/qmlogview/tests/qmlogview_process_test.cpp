@@ -1,146 +1,34 @@
 // The qmlogview program run as a child process against log databases
 // written by the log database processor and by a configured logger.
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sqlite3.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <string>
-#include <vector>
 
+#include "../../oapsim/tests/child_process.h"
 #include "QmLogSQLiteProcessor.h"
 #include "QmsysEventLogInterface.h"
 
-extern char** environ;
-
 namespace {
 
-using Clock = std::chrono::steady_clock;
-const int kRunLimitMs = 20000;
-
-int MillisLeft(Clock::time_point deadline) {
-  const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-  return left > 0 ? static_cast<int>(left) : 0;
+// The table as the viewer writes it: 19-character time, module padded to
+// the widest module shown (at least 6), level padded to 8. Rows are
+// {time of 2023-11-14, module, level, message}.
+std::string Table(size_t width, const std::vector<std::vector<std::string>>& rows,
+                  const std::string& footer = "Page 1 of 1\n") {
+  std::string text =
+      "TIME                 MODULE" + std::string(width - 6, ' ') + "  LEVEL     MESSAGE\n";
+  for (const auto& r : rows) {
+    text += "2023-11-14 " + r[0] + "  " + r[1] + std::string(width - r[1].size(), ' ') + "  " +
+            r[2] + std::string(8 - r[2].size(), ' ') + "  " + r[3] + "\n";
+  }
+  return text + footer;
 }
 
-// qmlogview as a child with its output and error streams on pipes. Killed
-// on destruction if still running.
-class Viewer {
- public:
-  explicit Viewer(const std::vector<std::string>& args) {
-    int out[2];
-    int err[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-    std::vector<std::string> all = {QMLOGVIEW_PATH};
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& arg : all) argv.push_back(&arg[0]);
-    argv.push_back(nullptr);
-    if (posix_spawn(&m_pid, QMLOGVIEW_PATH, &actions, nullptr, argv.data(), environ) != 0) {
-      m_pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    close(out[1]);
-    close(err[1]);
-    m_out = out[0];
-    m_err = err[0];
-  }
-
-  ~Viewer() {
-    if (m_pid > 0) {
-      kill(m_pid, SIGKILL);
-      waitpid(m_pid, nullptr, 0);
-    }
-    if (m_out >= 0) close(m_out);
-    if (m_err >= 0) close(m_err);
-  }
-
-  // Reads both streams until `stdoutHas` shows up on the output (or, with
-  // an empty text, until both streams end) or the time is up.
-  bool Pump(const std::string& stdoutHas, int timeoutMs) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (true) {
-      if (!stdoutHas.empty() && out.find(stdoutHas) != std::string::npos) return true;
-      if (m_out < 0 && m_err < 0) return stdoutHas.empty();
-      pollfd fds[2] = {{m_out, POLLIN, 0}, {m_err, POLLIN, 0}};
-      if (poll(fds, 2, MillisLeft(deadline)) <= 0) return false;
-      Drain(fds[0], m_out, out);
-      Drain(fds[1], m_err, err);
-    }
-  }
-
-  // Waits for the exit code; -1 when it does not end in time.
-  int Finish(int timeoutMs = kRunLimitMs) {
-    if (!Pump("", timeoutMs)) return -1;
-    int status = 0;
-    if (waitpid(m_pid, &status, 0) != m_pid) return -1;
-    m_pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-
-  void Signal(int number) { kill(m_pid, number); }
-
-  std::string out;
-  std::string err;
-
- private:
-  static void Drain(const pollfd& fd, int& handle, std::string& text) {
-    if (handle < 0 || (fd.revents & (POLLIN | POLLHUP | POLLERR)) == 0) return;
-    char chunk[4096];
-    const ssize_t n = read(handle, chunk, sizeof chunk);
-    if (n > 0) {
-      text.append(chunk, static_cast<size_t>(n));
-    } else {
-      close(handle);
-      handle = -1;
-    }
-  }
-
-  pid_t m_pid = -1;
-  int m_out = -1;
-  int m_err = -1;
-};
-
-struct Result {
-  int code;
-  std::string out;
-  std::string err;
-};
-
-Result RunViewer(const std::vector<std::string>& args) {
-  Viewer viewer(args);
-  const int code = viewer.Finish();
-  return {code, viewer.out, viewer.err};
-}
-
-// Table rows as the viewer writes them: 19-character time, module padded
-// to the widest module shown (at least 6), level padded to 8.
-std::string Row(const std::string& time, const std::string& module, size_t width,
-                const std::string& level, const std::string& message) {
-  return time + "  " + module + std::string(width - module.size(), ' ') + "  " + level +
-         std::string(8 - level.size(), ' ') + "  " + message + "\n";
-}
-
-std::string Head(size_t width) {
-  return "TIME                 MODULE" + std::string(width - 6, ' ') + "  LEVEL     MESSAGE\n";
-}
-
-// 2023-11-14 22:13:20 UTC.
-const time_t kBase = 1700000000;
+const time_t kBase = 1700000000;  // 2023-11-14 22:13:20 UTC
 
 class LogViewTest : public ::testing::Test {
  protected:
@@ -153,8 +41,8 @@ class LogViewTest : public ::testing::Test {
   }
   void TearDown() override { std::system(("rm -rf '" + m_dir + "'").c_str()); }
 
-  // agent: INFO started, WARN disk low, ERROR write failed, DEBUG tick, at
-  // base, +60, +120, +180; web.front-1: CRITICAL at +30, INFO at +90.
+  // agent: INFO started, WARN disk low, ERROR write failed, DEBUG tick at
+  // +0, +60, +120, +180 s; web.front-1: CRITICAL at +30, INFO at +90.
   void WriteSample() {
     QmLogSQLiteProcessor db(m_db, true);
     ASSERT_TRUE(db.writeLogRecord("agent", "started", kBase, 3, "agent.cpp", 10));
@@ -170,59 +58,52 @@ class LogViewTest : public ::testing::Test {
     return more;
   }
 
+  // One run of the viewer and what it must do.
+  struct Run {
+    std::vector<std::string> args;
+    std::string out;
+    int code = 0;
+    std::string errorHas = "";  // found in the error stream
+  };
+  // Runs each; the test's database is read unless the run names its own
+  // source (--db or --config).
+  void Expect(const std::vector<Run>& runs) {
+    for (const Run& run : runs) {
+      const bool ownSource =
+          !run.args.empty() && (run.args[0] == "--db" || run.args[0] == "--config");
+      ChildProcess viewer(QMLOGVIEW_PATH, ownSource ? run.args : Args(run.args));
+      EXPECT_EQ(viewer.Finish(), run.code) << viewer.err;
+      EXPECT_EQ(viewer.out, run.out) << (run.args.empty() ? "" : run.args.back());
+      EXPECT_NE(viewer.err.find(run.errorHas), std::string::npos) << viewer.err;
+    }
+  }
+
   std::string m_dir;
   std::string m_db;
 };
 
-TEST_F(LogViewTest, ListsAndSortsEveryModuleInAnAlignedTable) {
+TEST_F(LogViewTest, ListsFiltersAndSortsInAnAlignedTable) {
   WriteSample();
-  const Result r = RunViewer(Args({}));
-  ASSERT_EQ(r.code, 0) << r.err;
-  const size_t w = std::string("web.front-1").size();
-  EXPECT_EQ(r.out, Head(w) + Row("2023-11-14 22:16:20", "agent", w, "DEBUG", "tick") +
-                       Row("2023-11-14 22:15:20", "agent", w, "ERROR", "write failed") +
-                       Row("2023-11-14 22:14:50", "web.front-1", w, "INFO", "request") +
-                       Row("2023-11-14 22:14:20", "agent", w, "WARN", "disk low") +
-                       Row("2023-11-14 22:13:50", "web.front-1", w, "CRITICAL", "no route") +
-                       Row("2023-11-14 22:13:20", "agent", w, "INFO", "started") + "Page 1 of 1\n");
-  const Result sorted = RunViewer(Args({"--sort", "module,level", "--levels", "3,4,6"}));
-  EXPECT_EQ(sorted.out, Head(w) + Row("2023-11-14 22:13:20", "agent", w, "INFO", "started") +
-                            Row("2023-11-14 22:14:20", "agent", w, "WARN", "disk low") +
-                            Row("2023-11-14 22:14:50", "web.front-1", w, "INFO", "request") +
-                            Row("2023-11-14 22:13:50", "web.front-1", w, "CRITICAL", "no route") +
-                            "Page 1 of 1\n");
-  const Result modules = RunViewer(Args({"--list-modules"}));
-  EXPECT_EQ(modules.out, "agent\nweb.front-1\n");
-}
-
-TEST_F(LogViewTest, FiltersByLevelsMessageStartTimeAndDate) {
-  WriteSample();
-  const size_t w = 6;
-  Result r = RunViewer(Args({"--module", "agent", "--level", "warn"}));
-  EXPECT_EQ(r.out,
-            Head(w) + Row("2023-11-14 22:14:20", "agent", w, "WARN", "disk low") + "Page 1 of 1\n");
-  r = RunViewer(Args({"--module", "agent", "--levels", "2,ERROR"}));
-  EXPECT_EQ(r.out, Head(w) + Row("2023-11-14 22:16:20", "agent", w, "DEBUG", "tick") +
-                       Row("2023-11-14 22:15:20", "agent", w, "ERROR", "write failed") +
-                       "Page 1 of 1\n");
-  r = RunViewer(Args({"--module", "agent", "--message", "%fail%"}));
-  EXPECT_EQ(r.out, Head(w) + Row("2023-11-14 22:15:20", "agent", w, "ERROR", "write failed") +
-                       "Page 1 of 1\n");
-  // Local time (UTC here) and epoch seconds name the same start.
-  for (const std::string& since :
-       std::vector<std::string>{"2023-11-14 22:15:20", std::to_string(kBase + 120)}) {
-    r = RunViewer(Args({"--module", "agent", "--since", since}));
-    EXPECT_EQ(r.out, Head(w) + Row("2023-11-14 22:16:20", "agent", w, "DEBUG", "tick") +
-                         Row("2023-11-14 22:15:20", "agent", w, "ERROR", "write failed") +
-                         "Page 1 of 1\n")
-        << since;
-  }
-  r = RunViewer(Args({"--module", "agent", "--date", "11/14/2023 22:14:%"}));
-  EXPECT_EQ(r.out,
-            Head(w) + Row("2023-11-14 22:14:20", "agent", w, "WARN", "disk low") + "Page 1 of 1\n");
-  r = RunViewer(Args({"--module", "agent", "--message", "nothing like this"}));
-  EXPECT_EQ(r.code, 0);
-  EXPECT_EQ(r.out, "No matching log entries.\n");
+  const std::vector<std::string> tick{"22:16:20", "agent", "DEBUG", "tick"};
+  const std::vector<std::string> failed{"22:15:20", "agent", "ERROR", "write failed"};
+  const std::vector<std::string> disk{"22:14:20", "agent", "WARN", "disk low"};
+  const std::vector<std::string> started{"22:13:20", "agent", "INFO", "started"};
+  const std::vector<std::string> request{"22:14:50", "web.front-1", "INFO", "request"};
+  const std::vector<std::string> route{"22:13:50", "web.front-1", "CRITICAL", "no route"};
+  const size_t w = 11;
+  Expect({
+      {{}, Table(w, {tick, failed, request, disk, route, started})},
+      {{"--sort", "module,level", "--levels", "3,4,6"}, Table(w, {started, disk, request, route})},
+      {{"--list-modules"}, "agent\nweb.front-1\n"},
+      {{"--module", "agent", "--level", "warn"}, Table(6, {disk})},
+      {{"--module", "agent", "--levels", "2,ERROR"}, Table(6, {tick, failed})},
+      {{"--module", "agent", "--message", "%fail%"}, Table(6, {failed})},
+      // Local time (UTC here) and epoch seconds name the same start.
+      {{"--module", "agent", "--since", "2023-11-14 22:15:20"}, Table(6, {tick, failed})},
+      {{"--module", "agent", "--since", std::to_string(kBase + 120)}, Table(6, {tick, failed})},
+      {{"--module", "agent", "--date", "11/14/2023 22:14:%"}, Table(6, {disk})},
+      {{"--module", "agent", "--message", "nothing like this"}, "No matching log entries.\n"},
+  });
 }
 
 // One module is paged by the database, several by the viewer: both must
@@ -236,30 +117,37 @@ TEST_F(LogViewTest, PagesOneModuleAndSeveralModulesAlike) {
           db.writeLogRecord(i % 2 ? "odd" : "even", "m" + std::to_string(i), kBase + i, 4, "f", i));
     }
   }
-  const size_t w = 6;
-  Result r = RunViewer(Args({"--module", "solo", "--page-size", "3", "--page", "2"}));
-  EXPECT_EQ(r.out, Head(w) + Row("2023-11-14 22:13:23", "solo", w, "INFO", "s3") +
-                       Row("2023-11-14 22:13:22", "solo", w, "INFO", "s2") +
-                       Row("2023-11-14 22:13:21", "solo", w, "INFO", "s1") + "Page 2 of 3\n");
-  r = RunViewer(Args({"--module", "odd", "--module", "even", "--page-size", "3", "--page", "2"}));
-  EXPECT_EQ(r.out, Head(w) + Row("2023-11-14 22:13:23", "odd", w, "WARN", "m3") +
-                       Row("2023-11-14 22:13:22", "even", w, "WARN", "m2") +
-                       Row("2023-11-14 22:13:21", "odd", w, "WARN", "m1") + "Page 2 of 3\n");
-  r = RunViewer(Args({"--module", "solo", "--page-size", "3", "--page", "3"}));
-  EXPECT_EQ(r.out, Head(w) + Row("2023-11-14 22:13:20", "solo", w, "INFO", "s0") + "Page 3 of 3\n");
-  // The page count of a level list comes from the rows, of a single level
-  // and a date pattern from the processor's count.
-  r = RunViewer(Args({"--module", "solo", "--levels", "3", "--page-size", "2"}));
-  EXPECT_NE(r.out.find("Page 1 of 4\n"), std::string::npos) << r.out;
-  r = RunViewer(
-      Args({"--module", "solo", "--level", "3", "--date", "%22:13:2%", "--page-size", "2"}));
-  EXPECT_NE(r.out.find("Page 1 of 4\n"), std::string::npos) << r.out;
-  r = RunViewer(Args({"--module", "solo", "--page-size", "3", "--page", "4"}));
-  EXPECT_EQ(r.code, 1);
-  EXPECT_NE(r.err.find("page 4 is past the last page (3)"), std::string::npos) << r.err;
-  r = RunViewer(Args({"--module", "solo", "--page-size", "100000", "--page", "1000000000"}));
-  EXPECT_EQ(r.code, 1);
-  EXPECT_NE(r.err.find("past the last page (1)"), std::string::npos) << r.err;
+  // The i-th entry of module solo, and of odd or even.
+  auto solo = [](int i) -> std::vector<std::string> {
+    return {"22:13:2" + std::to_string(i), "solo", "INFO", "s" + std::to_string(i)};
+  };
+  auto mixed = [](int i) -> std::vector<std::string> {
+    return {"22:13:2" + std::to_string(i), i % 2 ? "odd" : "even", "WARN", "m" + std::to_string(i)};
+  };
+  Expect({
+      {{"--module", "solo", "--page-size", "3", "--page", "2"},
+       Table(6, {solo(3), solo(2), solo(1)}, "Page 2 of 3\n")},
+      {{"--module", "odd", "--module", "even", "--page-size", "3", "--page", "2"},
+       Table(6, {mixed(3), mixed(2), mixed(1)}, "Page 2 of 3\n")},
+      {{"--module", "solo", "--page-size", "3", "--page", "3"},
+       Table(6, {solo(0)}, "Page 3 of 3\n")},
+      // The page count of a level list comes from the rows, of a single level
+      // and a date pattern from the processor's count.
+      {{"--module", "solo", "--levels", "3", "--page-size", "2"},
+       Table(6, {solo(6), solo(5)}, "Page 1 of 4\n")},
+      {{"--module", "solo", "--level", "3", "--date", "%22:13:2%", "--page-size", "2"},
+       Table(6, {solo(6), solo(5)}, "Page 1 of 4\n")},
+  });
+  Expect({
+      {{"--module", "solo", "--page-size", "3", "--page", "4"},
+       "",
+       1,
+       "page 4 is past the last page (3)"},
+      {{"--module", "solo", "--page-size", "100000", "--page", "1000000000"},
+       "",
+       1,
+       "past the last page (1)"},
+  });
 }
 
 TEST_F(LogViewTest, JsonLinesAreEscapedAndPageNotesGoToStandardError) {
@@ -267,53 +155,44 @@ TEST_F(LogViewTest, JsonLinesAreEscapedAndPageNotesGoToStandardError) {
     QmLogSQLiteProcessor db(m_db, true);
     ASSERT_TRUE(db.writeLogRecord("agent", "say \"hi\"\\\nnext\tcaf\xe9", kBase, 7, "a\\b.cpp", 3));
   }
-  const Result r = RunViewer(Args({"--json"}));
-  ASSERT_EQ(r.code, 0) << r.err;
-  EXPECT_EQ(r.out,
-            "{\"time\":1700000000,\"local_time\":\"2023-11-14 22:13:20\",\"module\":\"agent\","
-            "\"level\":7,\"level_name\":\"FATAL\",\"message\":\"say \\\"hi\\\"\\\\\\nnext\\tcaf"
-            "\\u00e9\",\"file\":\"a\\\\b.cpp\",\"line\":3}\n");
-  EXPECT_EQ(r.err, "Page 1 of 1\n");
+  Expect({{{"--json"},
+           "{\"time\":1700000000,\"local_time\":\"2023-11-14 22:13:20\",\"module\":\"agent\","
+           "\"level\":7,\"level_name\":\"FATAL\",\"message\":\"say \\\"hi\\\"\\\\\\nnext\\tcaf"
+           "\\u00e9\",\"file\":\"a\\\\b.cpp\",\"line\":3}\n",
+           0,
+           "Page 1 of 1\n"}});
 }
 
+// Without a start time only entries written after the start are shown; with
+// one the stored entries from then on come first.
 TEST_F(LogViewTest, FollowPrintsNewMatchingEntriesUntilSignalled) {
   QmLogSQLiteProcessor db(m_db, true);
-  ASSERT_TRUE(db.writeLogRecord("agent", "old", kBase, 4, "f", 1));
+  const std::vector<std::vector<std::string>> fresh{
+      {"22:13:31", "agent", "WARN", "first"},
+      {"22:13:33", "newcomer", "WARN", "from a new module"},
+      {"22:13:34", "agent", "WARN", "last"}};
   for (int signal : {SIGTERM, SIGINT}) {
-    Viewer viewer(Args({"--follow", "--interval", "50", "--level", "4"}));
+    ASSERT_TRUE(db.writeLogRecord("agent", "old", kBase, 4, "f", 1));
+    ASSERT_TRUE(db.writeLogRecord("agent", "stored", kBase + 10, 4, "f", 2));
+    std::vector<std::string> args{"--follow", "--interval", "50", "--level", "4"};
+    if (signal == SIGINT) args.insert(args.end(), {"--since", std::to_string(kBase + 5)});
+    ChildProcess viewer(QMLOGVIEW_PATH, Args(args));
     // The head line comes once the stored entries have been passed over.
-    ASSERT_TRUE(viewer.Pump("MESSAGE\n", kRunLimitMs)) << viewer.err;
-    ASSERT_TRUE(db.writeLogRecord("agent", "first", kBase + 1, 4, "f", 2));
-    ASSERT_TRUE(db.writeLogRecord("agent", "skipped", kBase + 2, 3, "f", 3));
-    ASSERT_TRUE(viewer.Pump("first", kRunLimitMs)) << viewer.out;
-    ASSERT_TRUE(db.writeLogRecord("newcomer", "from a new module", kBase + 3, 4, "f", 4));
-    ASSERT_TRUE(viewer.Pump("from a new module", kRunLimitMs)) << viewer.out;
-    ASSERT_TRUE(db.writeLogRecord("agent", "last", kBase + 4, 4, "f", 5));
-    ASSERT_TRUE(viewer.Pump("last", kRunLimitMs)) << viewer.out;
+    ASSERT_NE(viewer.WaitFor("MESSAGE"), "") << viewer.err;
+    ASSERT_TRUE(db.writeLogRecord("agent", "first", kBase + 11, 4, "f", 3));
+    ASSERT_TRUE(db.writeLogRecord("agent", "skipped", kBase + 12, 3, "f", 4));
+    ASSERT_NE(viewer.WaitFor("first"), "") << viewer.out;
+    ASSERT_TRUE(db.writeLogRecord("newcomer", "from a new module", kBase + 13, 4, "f", 5));
+    ASSERT_NE(viewer.WaitFor("from a new module"), "") << viewer.out;
+    ASSERT_TRUE(db.writeLogRecord("agent", "last", kBase + 14, 4, "f", 6));
+    ASSERT_NE(viewer.WaitFor("last"), "") << viewer.out;
     viewer.Signal(signal);
     EXPECT_EQ(viewer.Finish(), 0) << viewer.err;
-    const size_t w = 12;
-    EXPECT_EQ(viewer.out,
-              Head(w) + Row("2023-11-14 22:13:21", "agent", w, "WARN", "first") +
-                  Row("2023-11-14 22:13:23", "newcomer", w, "WARN", "from a new module") +
-                  Row("2023-11-14 22:13:24", "agent", w, "WARN", "last"));
+    auto rows = fresh;
+    if (signal == SIGINT) rows.insert(rows.begin(), {"22:13:30", "agent", "WARN", "stored"});
+    EXPECT_EQ(viewer.out, Table(12, rows, ""));
     ASSERT_TRUE(db.cleanAllModulesTable());
   }
-}
-
-TEST_F(LogViewTest, FollowWithStartTimeShowsStoredEntriesFirst) {
-  QmLogSQLiteProcessor db(m_db, true);
-  ASSERT_TRUE(db.writeLogRecord("agent", "before", kBase, 4, "f", 1));
-  ASSERT_TRUE(db.writeLogRecord("agent", "after", kBase + 10, 4, "f", 2));
-  Viewer viewer(Args(
-      {"--follow", "--interval", "50", "--module", "agent", "--since", std::to_string(kBase + 5)}));
-  ASSERT_TRUE(viewer.Pump("after", kRunLimitMs)) << viewer.err;
-  ASSERT_TRUE(db.writeLogRecord("agent", "live", kBase + 20, 4, "f", 3));
-  ASSERT_TRUE(viewer.Pump("live", kRunLimitMs)) << viewer.out;
-  viewer.Signal(SIGTERM);
-  EXPECT_EQ(viewer.Finish(), 0);
-  EXPECT_EQ(viewer.out, Head(12) + Row("2023-11-14 22:13:30", "agent", 12, "WARN", "after") +
-                            Row("2023-11-14 22:13:40", "agent", 12, "WARN", "live"));
 }
 
 TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
@@ -331,45 +210,31 @@ TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
   logger->Stop();
   QmsysEventLogInterface::ReleaseAll();
 
-  const Result r = RunViewer({"--config", config, "--module", "viewproc", "--json"});
-  ASSERT_EQ(r.code, 0) << r.err;
-  EXPECT_NE(r.out.find("\"level_name\":\"WARN\",\"message\":\"through the logger\""),
-            std::string::npos)
-      << r.out;
-  EXPECT_NE(r.out.find("\"level_name\":\"TRACE\",\"message\":\"fine detail\""), std::string::npos);
-  const Result named = RunViewer({"--config", config, "--logger", "db_logger", "--list-modules"});
-  EXPECT_EQ(named.out, "viewproc\n");
-  const Result wrong = RunViewer({"--config", config, "--logger", "common"});
-  EXPECT_EQ(wrong.code, 1);
-  EXPECT_NE(wrong.err.find("does not write to an SQLite database"), std::string::npos);
+  ChildProcess viewer(QMLOGVIEW_PATH, {"--config", config, "--module", "viewproc", "--json"});
+  ASSERT_EQ(viewer.Finish(), 0) << viewer.err;
+  for (const char* entry : {"\"level_name\":\"WARN\",\"message\":\"through the logger\"",
+                            "\"level_name\":\"TRACE\",\"message\":\"fine detail\""}) {
+    EXPECT_NE(viewer.out.find(entry), std::string::npos) << viewer.out;
+  }
+  Expect({{{"--config", config, "--logger", "db_logger", "--list-modules"}, "viewproc\n"},
+          {{"--config", config, "--logger", "common"},
+           "",
+           1,
+           "does not write to an SQLite database"}});
 }
 
-TEST_F(LogViewTest, RefusesUnknownModulesAndQuotes) {
-  WriteSample();
-  Result r = RunViewer(Args({"--module", "agent", "--module", "ghost"}));
-  EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_NE(r.err.find("unknown module 'ghost'"), std::string::npos) << r.err;
-  EXPECT_NE(r.err.find("known: agent, web.front-1"), std::string::npos) << r.err;
-  r = RunViewer(Args({"--message", "x' OR '1'='1"}));
-  EXPECT_EQ(r.code, 2);
-  EXPECT_NE(r.err.find("must not contain a single quote"), std::string::npos) << r.err;
-}
-
-TEST_F(LogViewTest, ReportsMissingBrokenAndLockedDatabases) {
-  Result r = RunViewer(Args({}));
-  EXPECT_EQ(r.code, 1);
-  EXPECT_NE(r.err.find("log database not found: " + m_db), std::string::npos) << r.err;
+TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
+  Expect({{{}, "", 1, "log database not found: " + m_db}});
   EXPECT_NE(access(m_db.c_str(), F_OK), 0) << "the viewer created the database";
-
+  WriteSample();
+  Expect({
+      {{"--module", "agent", "--module", "ghost"}, "", 1, "unknown module 'ghost'"},
+      {{"--module", "ghost"}, "", 1, "(known: agent, web.front-1)"},
+      {{"--message", "x' OR '1'='1"}, "", 2, "must not contain a single quote"},
+      {{"--config", m_dir + "/nowhere"}, "", 1, "cannot read logging configuration"},
+  });
   std::ofstream(m_db) << "this is not a database, just some text long enough to be read";
-  r = RunViewer(Args({}));
-  EXPECT_EQ(r.code, 1);
-  EXPECT_NE(r.err.find("cannot open log database"), std::string::npos) << r.err;
-
-  r = RunViewer({"--config", m_dir + "/nowhere"});
-  EXPECT_EQ(r.code, 1);
-  EXPECT_NE(r.err.find("cannot read logging configuration"), std::string::npos) << r.err;
+  Expect({{{}, "", 1, "cannot open log database"}});
 
   // A rollback-journal database held under an exclusive transaction.
   const std::string locked = m_dir + "/locked.db";
@@ -381,11 +246,9 @@ TEST_F(LogViewTest, ReportsMissingBrokenAndLockedDatabases) {
                          "INSERT INTO metatable VALUES (1, 'a', 'a');",
                          nullptr, nullptr, nullptr),
             SQLITE_OK);
-  r = RunViewer({"--db", locked});
+  Expect({{{"--db", locked}, "", 1, "log database is locked: " + locked}});
   sqlite3_exec(holder, "ROLLBACK;", nullptr, nullptr, nullptr);
   sqlite3_close(holder);
-  EXPECT_EQ(r.code, 1);
-  EXPECT_NE(r.err.find("log database is locked: " + locked), std::string::npos) << r.err;
 }
 
 }  // namespace

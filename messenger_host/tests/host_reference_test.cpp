@@ -1,0 +1,171 @@
+// The reference host's job record and driver loader, and what the driver base
+// class does for a driver that overrides only the pure operations: handing
+// jobs back to the host and reporting.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <ctime>
+#include <thread>
+
+#include "QmDriverLoader.h"
+#include "QmProtocolDriverInterface.h"
+#include "QmReferenceJob.h"
+#include "QmReferenceReportsManager.h"
+
+namespace {
+
+TEST(ReferenceJob, StatusWordsAndAnswersCountOnlyTheFirstTime) {
+  QmReferenceJob job;
+  EXPECT_TRUE(job.AddStatusOnce("DELIVERED"));
+  EXPECT_FALSE(job.AddStatusOnce("DELIVERED"));
+  EXPECT_TRUE(job.IsNewResponse("Yes"));
+  EXPECT_FALSE(job.IsNewResponse("Yes"));
+  EXPECT_TRUE(job.IsNewResponse("yes"));
+  EXPECT_TRUE(job.IsNewResponse("DELIVERED"));  // a separate record from the status words
+}
+
+TEST(ReferenceJob, FindChoiceByTextAsGivenOrAsShown) {
+  QmReferenceJob job;
+  EXPECT_EQ(job.FindChoice("Yes"), -1);
+  for (const char* text : {"Yes", "No", "Call%3aback"}) {
+    job.ResponseChoices.emplace_back();
+    job.ResponseChoices.back().Text = text;
+  }
+  const std::vector<std::pair<std::string, int>> cases{
+      {"Yes", 0}, {"No", 1}, {"Call%3aback", 2}, {"Call:back", 2}, {"Maybe", -1}, {"", -1}};
+  for (const auto& c : cases) EXPECT_EQ(job.FindChoice(c.first), c.second) << c.first;
+}
+
+TEST(ReferenceJob, HostReadsWhileDriverWrites) {
+  QmReferenceJob job;
+  std::atomic<bool> done{false};
+  std::thread writer([&] {
+    for (int i = 0; i < 2000; ++i) {
+      job.SetStatusText(std::to_string(i));
+      job.SetTrackingReceipt(std::to_string(i));
+      job.IsNewResponse(std::to_string(i));
+    }
+    done = true;
+  });
+  // Every text read mid-write must be one the writer wrote whole.
+  do {
+    const std::string text = job.GetStatusText();
+    EXPECT_TRUE(text.empty() || std::stoi(text) >= 0);
+  } while (!done);
+  writer.join();
+  EXPECT_EQ(job.GetStatusText(), "1999");
+  EXPECT_EQ(job.TrackingReceipt, "1999");
+  EXPECT_FALSE(job.IsNewResponse("1234"));
+  EXPECT_EQ(job.TakeStatusChanges().size(), 2000u);
+}
+
+TEST(DriverLoader, NamesWhatIsMissing) {
+  QmDriverLoader idle;
+  EXPECT_EQ(idle.GetDriverInstance(), nullptr);
+  idle.ReleaseDriverInstance(nullptr);
+  const std::string nothing = "/nonexistent/dir/libnothing.so";
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {nothing, "Cannot load driver library '" + nothing + "'"},
+      {QM_HALF_PLUGIN_PATH, "does not export 'ReleaseDriverInstance'"}};
+  for (const auto& c : cases) {
+    QmDriverLoader loader;
+    EXPECT_FALSE(loader.Load(c.first));
+    EXPECT_FALSE(loader.IsLoaded());
+    EXPECT_NE(loader.GetError().find(c.second), std::string::npos) << loader.GetError();
+    EXPECT_EQ(loader.GetDriverInstance(), nullptr);
+  }
+}
+
+using Reports = QmMessengerReportsMngrInterface;
+
+class BareDriver : public QmProtocolDriverInterface {
+ public:
+  const char* GetName() override { return "bare"; }
+  const char* GetVersion() override { return "1"; }
+  const char* GetProtocolName() override { return "bare protocol"; }
+  const char* GetCarrierName() override { return "*"; }
+  bool SendAMessage(QmMessageFile*, ReportsStatus&) override { return false; }
+};
+
+class PushTest : public ::testing::Test {
+ protected:
+  PushTest() {
+    job.Status = Reports::SENT;
+    job.StatusTime = 1234;
+    job.RequeueFlag = false;
+    job.DeleteFlag = true;
+  }
+
+  // The job's status, its time when fixed, and its flags.
+  std::string State() const {
+    return std::to_string(job.Status) + (job.StatusTime == 1234 ? " old-time" : "") +
+           (job.StatusTime == 0 ? " no-time" : "") + (job.RequeueFlag ? " requeue" : "") +
+           (job.DeleteFlag ? " delete" : "");
+  }
+
+  BareDriver driver;
+  QmMessageQueue queue;
+  QmReferenceReportsManager reports;
+  QmReferenceJob job;
+};
+
+TEST_F(PushTest, NothingIsHandedBackWithoutQueueManagerOrJob) {
+  EXPECT_FALSE(driver.PushBackMsgFile(&job, Reports::REPLIED, true, "x"));
+  EXPECT_FALSE(driver.PushBackMsgFileForDeletion(&job));
+  EXPECT_FALSE(driver.WriteMessageReport(&job, Reports::DELIVERED, "d"));
+  driver.MessageQueue = &queue;
+  EXPECT_FALSE(driver.PushBackMsgFile(nullptr, Reports::SENT, true, ""));
+  EXPECT_FALSE(driver.PushBackMsgFileForDeletion(nullptr));
+  EXPECT_TRUE(queue.Jobs.empty());
+  EXPECT_EQ(State(), "3 old-time delete");
+  EXPECT_TRUE(job.TakeStatusChanges().empty());
+}
+
+TEST_F(PushTest, HandBacksStampTheStatusAndAppendToTheQueue) {
+  driver.MessageQueue = &queue;
+  QmReferenceJob other;
+  queue.Jobs.push_back(&other);
+  const int32_t before = static_cast<int32_t>(std::time(nullptr));
+  EXPECT_TRUE(driver.PushBackMsgFile(&job, Reports::REPLIED, true, "Yes"));
+  EXPECT_EQ(State(), "4 requeue");
+  EXPECT_GE(job.StatusTime, before);
+  EXPECT_LE(job.StatusTime, static_cast<int32_t>(std::time(nullptr)));
+  EXPECT_EQ(job.GetStatusText(), "Yes");
+
+  // Without a status the time is cleared and the status kept.
+  EXPECT_TRUE(driver.PushBackMsgFile(&job, Reports::NO_STATUS, false, "Running late"));
+  EXPECT_EQ(State(), "4 no-time");
+  const auto changes = job.TakeStatusChanges();
+  ASSERT_EQ(changes.size(), 2u);
+  EXPECT_EQ(changes[0].status, Reports::REPLIED);
+  EXPECT_EQ(changes[0].text, "Yes");
+  EXPECT_EQ(changes[1].text, "Running late");
+  EXPECT_TRUE(job.TakeStatusChanges().empty());
+
+  // For deletion only the flag changes.
+  job.RequeueFlag = true;
+  EXPECT_TRUE(driver.PushBackMsgFileForDeletion(&job));
+  EXPECT_EQ(State(), "4 no-time requeue delete");
+  EXPECT_EQ(queue.Jobs, (std::deque<QmMessageFile*>{&other, &job, &job, &job}));
+}
+
+TEST_F(PushTest, ReportsStoreTheStatusAndReachTheManagerInOrder) {
+  driver.ReportsManager = &reports;
+  EXPECT_TRUE(driver.WriteMessageReport(&job, Reports::DELIVERED, "d"));
+  EXPECT_EQ(job.Status, Reports::DELIVERED);
+  EXPECT_TRUE(driver.WriteMessageReport(&job, Reports::NO_STATUS, ""));
+  EXPECT_EQ(job.Status, Reports::DELIVERED);
+  QmReferenceJob other;
+  EXPECT_TRUE(driver.WriteMessageReport(&other, Reports::REPLIED_WITH, "late"));
+  const auto entries = reports.GetEntries();
+  ASSERT_EQ(entries.size(), 3u);
+  EXPECT_EQ(entries[0].status, Reports::DELIVERED);
+  EXPECT_EQ(entries[0].note, "d");
+  EXPECT_EQ(entries[1].status, Reports::NO_STATUS);
+  EXPECT_EQ(entries[1].job, &job);
+  EXPECT_EQ(entries[2].job, &other);
+  EXPECT_EQ(entries[2].note, "late");
+}
+
+}  // namespace

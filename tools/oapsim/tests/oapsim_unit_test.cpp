@@ -1,0 +1,243 @@
+// The simulator's parts in process: its check of received OAP-requests, the
+// documents it writes back, what its handsets keep and show, and its
+// command line.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "OapSimDocument.h"
+#include "OapSimHandsets.h"
+#include "OapSimOptions.h"
+#include "OapSimReply.h"
+#include "oapsim_test_documents.h"
+
+namespace {
+
+// The request read from an accepted document.
+OapSimDocument::Request Accepted(const std::string& text) {
+  OapSimDocument::Request request;
+  const auto verdict = OapSimDocument::Check(text, request);
+  EXPECT_TRUE(verdict.ok) << verdict.error;
+  return request;
+}
+
+// What a request is about, on one line.
+std::string Summary(const OapSimDocument::Request& r) {
+  return r.version + " #" + OapSimDocument::HexId(r.tracking) + " to " + r.handset + " via " +
+         r.listenerIp + ":" + std::to_string(r.listenerPort) +
+         (r.interactive ? " interactive" : "") + (r.update ? " update" : "") +
+         (r.hasEnvelopeId ? " envelope" : "") + (r.wipeOptions ? " wipe" : "") +
+         (r.deliveryStatus ? " delivery" : "") + " options " + std::to_string(r.options.size()) +
+         " warnings " + std::to_string(r.warnings.size());
+}
+
+// Which message a request concerns: the 4.0 envelope Id, else the root id.
+// Subjects, texts and options are pinned through the handsets' descriptions.
+TEST(OapSimDocumentTest, AcceptedRequestsAreReadWhole) {
+  const std::string plain30 =
+      "<?xml version=\"1.0\" encoding=\"iso-8859-1\"?>\n<OAP-request version=\"3.0\" id=\"ff\">\n"
+      "<Header>\n<IP>127.0.0.1</IP>\n<Port>7001</Port>\n</Header>\n"
+      "<Body service=\"message\"><To>1234</To>\n<BodyText>Hello</BodyText>\n"
+      "<Priority>6</Priority>\n<AvailabilityStatus/><DeliveryStatus/></Body></OAP-request>";
+  const std::string plain40 =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"20000\">\n"
+      "<Header>\n<Port>7002</Port>\n<To>5678</To>\n</Header>\n"
+      "<Body service=\"OA-XML\">\n<service version=\"1.0\">\n<Message>\n<Body>Hi</Body>\n"
+      "<Indication>\n</Indication>\n<Priority>6</Priority>\n</Message>\n</service>\n</Body>\n"
+      "</OAP-request>";
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {kInteractive30,
+       "3.0 #1a to 1234 via 127.0.0.1:7001 interactive delivery options 2 warnings 0"},
+      {kInteractive40,
+       "4.0 #1a0001 to 5678 via :7002 interactive envelope delivery options 5 warnings 0"},
+      {plain30, "3.0 #ff to 1234 via 127.0.0.1:7001 delivery options 0 warnings 0"},
+      {plain40, "4.0 #20000 to 5678 via :7002 options 0 warnings 0"},
+      {Replace(kInteractive30, "<AvailabilityStatus/><DeliveryStatus/><TTL>300</TTL>",
+               "<Update>OnlyExisting</Update>"),
+       "3.0 #1a to 1234 via 127.0.0.1:7001 interactive update options 2 warnings 0"},
+      {kWipeUpdate40,
+       "4.0 #1a0001 to 5678 via :7002 interactive update envelope wipe delivery options 0 warnings "
+       "0"},
+      // An envelope Id differing from the request id, UTF-8 text in a Latin-1 document.
+      {Replace(kInteractive40, "<Id>1a0001</Id>", "<Id>7</Id>"),
+       "4.0 #7 to 5678 via :7002 interactive envelope delivery options 5 warnings 1"},
+      {Replace(kInteractive30, "\xe9", "\xc3\xa9"),
+       "3.0 #1a to 1234 via 127.0.0.1:7001 interactive delivery options 2 warnings 1"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Summary(Accepted(c.first)), c.second);
+  EXPECT_EQ(Accepted(kInteractive30).options[1].key, "C");
+  EXPECT_EQ(Accepted(kInteractive40).fromNumber, "42");
+  const auto wipe = Accepted(kWipeUpdate40);
+  EXPECT_EQ(wipe.id, 0x1a0002u);
+  EXPECT_EQ(wipe.text, "Lunch?\n\nYou replied:\n-->>No");
+  EXPECT_NE(Accepted(cases[6].first).warnings[0].find("differs"), std::string::npos);
+  EXPECT_NE(Accepted(cases[7].first).warnings[0].find("looks like UTF-8"), std::string::npos);
+}
+
+struct BadCase {
+  std::string text;
+  const char* error;
+  int code = OapSimDocument::kNotUnderstood;
+};
+
+TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
+  std::string deep = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
+  for (int i = 0; i < 80; ++i) deep += "<a>";
+  const std::string option =
+      "<Option>\n<ID>1</ID>\n<Text>Yes</Text>\n<Function_key_ID>A</Function_key_ID>\n"
+      "<On_selection>\n<Data_response>N:Yes</Data_response>\n</On_selection>\n</Option>\n";
+  const BadCase cases[] = {
+      {kInteractive40.substr(0, 200), "malformed XML"},
+      {deep, "nested more than"},
+      {kInteractive40.substr(kInteractive40.find('\n') + 1), "no XML declaration"},
+      {Replace(Replace(kInteractive30, "ISO-8859-1", "UTF-8"), "\xe9", "e"), "expected ISO-8859-1"},
+      {Replace(kWipeUpdate40, "UTF-8", "ISO-8859-1"), "expected UTF-8"},
+      {Replace(Replace(kWipeUpdate40, "<OAP-request ", "<oap-request "), "</OAP-request>",
+               "</oap-request>"),
+       "not OAP-request"},
+      {Replace(kWipeUpdate40, "version=\"4.0\"", "version=\"5.0\""),
+       "unsupported OAP version '5.0'", OapSimDocument::kVersionMismatch},
+      {Replace(kInteractive30, "id=\"1a\"", "id=\"1A\""), "not lower-case hexadecimal"},
+      {Replace(kInteractive30, "id=\"1a\"", "id=\"001a\""), "leading zeros"},
+      {Replace(kInteractive30, "id=\"1a\"", "id=\"100000000\""), "32 bits"},
+      {Replace(kInteractive30, "Header>", "Heading>"), "has no Header"},
+      {Replace(kInteractive30, "<IP>127.0.0.1</IP>", ""), "has no IP"},
+      {Replace(kInteractive30, "<Port>7001</Port>", "<Port>0</Port>"), "Header Port"},
+      {Replace(kWipeUpdate40, "<To>5678</To>", ""), "has no To"},
+      {Replace(kInteractive30, "interactiveMessage", "OA-XML"),
+       "expected message or interactiveMessage"},
+      {Replace(kInteractive30, "interactiveMessage", "message"),
+       "must have service interactiveMessage"},
+      {Replace(kInteractive30, "<BodyText>Caf\xe9 open?</BodyText>", ""), "has no BodyText"},
+      {Replace(kInteractive30, "<Option id=\"2\">", "<Option id=\"3\">"), "option 2 has id '3'"},
+      {Replace(kInteractive30, "<DataResp>N:Yes</DataResp>",
+               "<DataResp>N:Yes</DataResp><UserResponse>x</UserResponse>"),
+       "exactly one of DataResp and UserResponse"},
+      {Replace(kInteractive30, "<Priority>6</Priority>", "<Update>Always</Update>"),
+       "expected OnlyExisting"},
+      {Replace(kWipeUpdate40, "\"OA-XML\"", "\"message\""), "expected OA-XML"},
+      {Replace(kWipeUpdate40, "<Id>1a0001</Id>", ""), "update without envelope Id"},
+      {Replace(kInteractive40, "</Interactive_Message>", "</Interactive_Message><Message/>"),
+       "exactly one of Message and Interactive_Message"},
+      {Replace(kInteractive40, "<Sticky_mode>mode1</Sticky_mode>", "<Option/>"),
+       "empty Option outside an update"},
+      {Replace(kWipeUpdate40, "<Option/>", "<Option/>" + option),
+       "wipes the options but also lists some"},
+      {Replace(kInteractive40, "<Function_key_ID>C</Function_key_ID>",
+               "<Function_key_ID>c</Function_key_ID>"),
+       "function key 'c'"},
+      {Replace(kInteractive40, "<Close_message/>",
+               "<Close_message/><Data_response>x</Data_response>"),
+       "exactly one of Data_response, User_response and Close_message"},
+  };
+  for (const BadCase& bad : cases) {
+    OapSimDocument::Request request;
+    const auto verdict = OapSimDocument::Check(bad.text, request);
+    EXPECT_FALSE(verdict.ok) << bad.error;
+    EXPECT_NE(verdict.error.find(bad.error), std::string::npos) << verdict.error;
+    EXPECT_EQ(verdict.code, bad.code) << bad.error;
+  }
+}
+
+// What the simulator writes back; the plain 4.0 answers are pinned by the
+// program's own tests.
+TEST(OapSimReplyTest, RepliesFollowTheVersionsShape) {
+  EXPECT_EQ(OapSimReply::Response("3.0", "1a", 1, 403, "Message not understood"),
+            "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
+            "<OAP-response version=\"3.0\" id=\"1a\">\n<Status service=\"message\">\n"
+            "<Type>1</Type>\n<Code>403</Code>\n<Text>Message not understood</Text>\n"
+            "</Status>\n</OAP-response>");
+  EXPECT_EQ(OapSimReply::Answer("3.0", "1a", "1234", "Caf\xc3\xa9 & <b>", true),
+            "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
+            "<OAP-response version=\"3.0\" id=\"1a\">\n<Status service=\"message\">\n"
+            "<Type>5</Type>\n<Code>200</Code>\n<TypeSpecific>\n<From>1234</From>\n"
+            "<UserResponse>Caf\xe9 &amp; &lt;b&gt;</UserResponse>\n</TypeSpecific>\n</Status>\n"
+            "</OAP-response>");
+  EXPECT_EQ(OapSimReply::Answer("4.0", "1a0001", "5678", "F:No", false),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+            "<OAP-request version=\"4.0\" id=\"1a0001\">\n<Body service=\"OA-XML\">\n"
+            "<service version=\"1.0\">\n<Id>1a0001</Id>\n<Interactive_Message_Response>\n"
+            "<Data_response>F:No</Data_response>\n</Interactive_Message_Response>\n</service>\n"
+            "</Body>\n</OAP-request>");
+  EXPECT_EQ(OapSimReply::ToLatin1("a\xe2\x82\xac\xc3\xbc"), "a?\xfc");
+}
+
+TEST(OapSimHandsetsTest, NewMessageIsKeptAndDescribed) {
+  OapSimHandsets handsets;
+  EXPECT_EQ(handsets.Store(Accepted(kInteractive30), "127.0.0.2"), OapSimHandsets::Added);
+  const OapSimHandsets::Message* message = handsets.Find(0x1a);
+  ASSERT_NE(message, nullptr);
+  EXPECT_EQ(message->driverHost, "127.0.0.2");
+  EXPECT_EQ(message->driverPort, 7001);
+  EXPECT_EQ(OapSimHandsets::Describe(*message),
+            "3.0 message #1a to 1234: subject 'Hi <there>' text 'Caf\xc3\xa9 open?' "
+            "options [1:Yes->N:Yes call 555] custom 'Other'");
+  EXPECT_EQ(handsets.Find(0x1b), nullptr);
+}
+
+// Updates with the wipe marker are described by the program's own tests.
+TEST(OapSimHandsetsTest, UpdatesReplaceKnownMessagesAndReusedNumbersStartAfresh) {
+  OapSimHandsets handsets;
+  handsets.Store(Accepted(kInteractive30), "127.0.0.1");
+  // The 3.0 shape has no wipe marker: an update without options wipes them.
+  OapSimDocument::Request bare = Accepted(kInteractive30);
+  bare.update = true;
+  bare.options.clear();
+  bare.text = "Bye";
+  EXPECT_EQ(handsets.Store(bare, "127.0.0.1"), OapSimHandsets::Updated);
+  EXPECT_TRUE(handsets.Find(0x1a)->wiped);
+  EXPECT_EQ(handsets.Find(0x1a)->text, "Bye");
+  EXPECT_EQ(handsets.Find(0x1a)->updates, 1);
+
+  bare.handset = "9999";
+  EXPECT_EQ(handsets.Store(bare, "127.0.0.1"), OapSimHandsets::UnknownUpdate);
+  bare.handset = "1234";
+  bare.tracking = 0x1b;
+  EXPECT_EQ(handsets.Store(bare, "127.0.0.1"), OapSimHandsets::UnknownUpdate);
+  EXPECT_EQ(handsets.All().size(), 1u);
+
+  handsets.MarkDelivered(0x1a);
+  handsets.AddAnswer(0x1a, "N:Yes");
+  EXPECT_TRUE(handsets.Find(0x1a)->delivered);
+  EXPECT_EQ(handsets.Store(Accepted(kInteractive30), "127.0.0.1"), OapSimHandsets::Reused);
+  EXPECT_FALSE(handsets.Find(0x1a)->delivered || handsets.Find(0x1a)->wiped);
+  EXPECT_TRUE(handsets.Find(0x1a)->answers.empty());
+}
+
+TEST(OapSimHandsetsTest, DescriptionsStayOnOneLine) {
+  EXPECT_EQ(OapSimHandsets::DescribeOptions({Accepted(kInteractive30).options[1]}),
+            "custom 'Other'");
+  EXPECT_EQ(OapSimHandsets::DescribeOptions({}), "");
+  EXPECT_EQ(OapSimHandsets::Quote("a\r\nb\tc\x01\rd"), "'a\\nb\\tc?\\rd'");
+}
+
+// The accepted command lines are run by the program's own tests.
+TEST(OapSimOptionsTest, ScriptActionsKeepTheirValues) {
+  OapSimOptions::Action action;
+  ASSERT_TRUE(OapSimOptions::ParseAction("text:see you", action));
+  EXPECT_EQ(action.kind, OapSimOptions::Action::Text);
+  EXPECT_EQ(action.words, "see you");
+  ASSERT_TRUE(OapSimOptions::ParseAction("option:12", action));
+  EXPECT_EQ(action.kind, OapSimOptions::Action::Option);
+  EXPECT_EQ(action.option, 12);
+}
+
+TEST(OapSimOptionsTest, RefusesBadArguments) {
+  const std::vector<std::vector<const char*>> bad = {
+      {"--listen", "127.0.0.1"}, {"--listen", "127.0.0.1:70000"},
+      {"--status", "200"},       {"--auto", "1234=jump"},
+      {"--auto", "=deliver"},    {"--auto", "1234=option:0"},
+      {"--auto-delay-ms", "-1"}, {"--exit-after-ms"},
+      {"--frobnicate", "1"},
+  };
+  for (auto args : bad) {
+    args.insert(args.begin(), "oapsim");
+    OapSimOptions options;
+    std::string error;
+    EXPECT_FALSE(options.Parse(static_cast<int>(args.size()), args.data(), error)) << args[1];
+    EXPECT_FALSE(error.empty()) << args[1];
+  }
+}
+
+}  // namespace
