@@ -111,7 +111,8 @@ unsigned long OAPClient::SendAMessage(MessageBody* body) {
 int OAPClient::GetStatus(const std::string& device, unsigned long tracking) {
   QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::GetStatus().");
   OAPDeviceController::MsgStatus status;
-  OAPDeviceController* controller = OAPDeviceRegistrar::GetInstance()->GetDevice(device, false);
+  OAPDeviceController* controller =
+      OAPDeviceRegistrar::GetInstance()->GetDevice(device, static_cast<uint32_t>(tracking));
   if (controller != nullptr) controller->GetStatus(static_cast<uint32_t>(tracking), status);
   const int state = status.state;
   QM_LOG(m_logger, Trace, kSource,
@@ -122,7 +123,8 @@ int OAPClient::GetStatus(const std::string& device, unsigned long tracking) {
 std::list<std::string> OAPClient::QueryResponse(const std::string& device, unsigned long tracking) {
   QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::QueryResponse().");
   std::list<std::string> replies;
-  OAPDeviceController* controller = OAPDeviceRegistrar::GetInstance()->GetDevice(device, false);
+  OAPDeviceController* controller =
+      OAPDeviceRegistrar::GetInstance()->GetDevice(device, static_cast<uint32_t>(tracking));
   if (controller != nullptr) {
     replies = controller->QueryResponse(device, static_cast<uint32_t>(tracking));
   }

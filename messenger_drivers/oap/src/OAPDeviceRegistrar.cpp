@@ -34,16 +34,25 @@ OAPDeviceController* OAPDeviceRegistrar::GetDevice(const std::string& address, b
   QmconCriticalSection guard(&m_lock, true, true, false);
   auto found = m_devices.find(address);
   if (found != m_devices.end()) return found->second.get();
-  if (!create) {
-    // Status and answer queries name the handset without its server's port
-    // (the controller's key); messages register it with the port.
-    for (const auto& entry : m_devices) {
-      if (entry.second->key == address) return entry.second.get();
-    }
-    return nullptr;
-  }
+  if (!create) return nullptr;
   auto inserted = m_devices.emplace(address, std::make_unique<OAPDeviceController>(address));
   return inserted.first->second.get();
+}
+
+OAPDeviceController* OAPDeviceRegistrar::GetDevice(const std::string& address,
+                                                   uint32_t trackingNumber) {
+  QmconCriticalSection guard(&m_lock, true, true, false);
+  auto found = m_devices.find(address);
+  if (found != m_devices.end()) return found->second.get();
+  // Status and answer queries name the handset without its server's port
+  // (the controller's key); messages register it with the port.
+  OAPDeviceController* first = nullptr;
+  for (const auto& entry : m_devices) {
+    if (entry.second->key != address) continue;
+    if (entry.second->HasStatus(trackingNumber)) return entry.second.get();
+    if (first == nullptr) first = entry.second.get();
+  }
+  return first;
 }
 
 OAPDeviceController* OAPDeviceRegistrar::GetDeviceByTrackingID(uint32_t trackingNumber) {

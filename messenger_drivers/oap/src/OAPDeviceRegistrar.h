@@ -27,9 +27,13 @@ class OAPDeviceRegistrar {
   static void Release();
 
   // The controller registered under exactly this address; with `create` a new
-  // one is registered when there is none. Without `create`, an address
-  // without port (handset "@" host) also finds the controller of that key.
+  // one is registered when there is none.
   OAPDeviceController* GetDevice(const std::string& address, bool create);
+  // For a query about one message: the controller registered under exactly
+  // this address, else, for an address without port (handset "@" host), the
+  // controller of that key that knows the tracking number (a handset may be
+  // reached through several servers on one host), else the first of that key.
+  OAPDeviceController* GetDevice(const std::string& address, uint32_t trackingNumber);
   // The first controller, in address order, that knows the tracking number.
   OAPDeviceController* GetDeviceByTrackingID(uint32_t trackingNumber);
   // Clears the client pointer of every controller that uses `client`, so that

@@ -83,6 +83,14 @@ TEST(EngineDeviceRegistrarTest, CreatesOnDemandAndFindsByTrackingNumber) {
   EXPECT_EQ(registry->GetDeviceByTrackingID(42), a);  // address order
   EXPECT_EQ(registry->GetDeviceByTrackingID(43), b);
   EXPECT_EQ(registry->GetDeviceByTrackingID(44), nullptr);
+  // Queries name the handset without the port; two servers on one host.
+  OAPDeviceController* b2 = registry->GetDevice("1@b:2", true);
+  b2->QueryResponse(b2->address, 45);
+  EXPECT_EQ(registry->GetDevice("1@b", false), nullptr);
+  EXPECT_EQ(registry->GetDevice("1@b", 45u), b2);
+  EXPECT_EQ(registry->GetDevice("1@b", 43u), b);
+  EXPECT_EQ(registry->GetDevice("1@b:2", 43u), b2);
+  EXPECT_EQ(registry->GetDevice("1@c", 43u), nullptr);
   OAPDeviceRegistrar::Release();
   EXPECT_EQ(OAPDeviceRegistrar::GetInstance()->GetDevice("1@b:1", false), nullptr);
   OAPDeviceRegistrar::Release();
