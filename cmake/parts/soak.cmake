@@ -1,0 +1,27 @@
+# The soak and fault suite: the plug-in loaded as a host loads it, driven
+# hard against an in-test OAP server and a busy listener. Registered with the
+# label "soak" and the name prefix "Soak." so that the normal suite leaves it
+# out (ctest -LE soak) and scripts/soak.sh runs it alone (ctest -L soak).
+if(QM_BUILD_TESTS AND TARGET qmoapdriver AND TARGET qm_refhost AND TARGET qm_core)
+  set(QM_SOAK_DIR ${CMAKE_CURRENT_SOURCE_DIR}/tests/soak)
+  set(QM_DRIVER_TESTS_DIR ${CMAKE_CURRENT_SOURCE_DIR}/messenger_drivers/oap/tests)
+
+  # qm_soak_test(<name> <timeout seconds> <test sources...>)
+  function(qm_soak_test name timeout)
+    add_executable(${name} ${ARGN}
+      ${QM_SOAK_DIR}/soak_support.cpp)
+    target_include_directories(${name} PRIVATE ${QM_SOAK_DIR} ${QM_DRIVER_TESTS_DIR})
+    target_compile_options(${name} PRIVATE ${QM_WARNINGS})
+    target_compile_definitions(${name} PRIVATE QM_DRIVER_PATH="$<TARGET_FILE:qmoapdriver>")
+    target_link_libraries(${name} PRIVATE qm_refhost qm_core GTest::gtest_main Threads::Threads)
+    add_dependencies(${name} qmoapdriver)
+    if(QM_SANITIZE)
+      target_compile_definitions(${name} PRIVATE QM_SOAK_SANITIZED=1)
+    endif()
+    gtest_discover_tests(${name} TEST_PREFIX "Soak." DISCOVERY_TIMEOUT 60
+      PROPERTIES LABELS soak TIMEOUT ${timeout})
+  endfunction()
+
+  qm_soak_test(soak_load_tests 420 ${QM_SOAK_DIR}/soak_load_test.cpp)
+  qm_soak_test(soak_fault_tests 90 ${QM_SOAK_DIR}/soak_fault_test.cpp)
+endif()

@@ -1,0 +1,265 @@
+#include "soak_support.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+#include "QmconCriticalSection.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Waits for data or the peer's close until the deadline.
+bool WaitReadable(int fd, Clock::time_point deadline) {
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+  pollfd entry{fd, POLLIN, 0};
+  return left.count() > 0 && poll(&entry, 1, static_cast<int>(left.count())) > 0;
+}
+
+// Reads and drops everything until the peer closes (or the deadline).
+void DrainUntilClosed(int fd, Clock::time_point deadline) {
+  char sink[1024];
+  while (WaitReadable(fd, deadline) && recv(fd, sink, sizeof sink, 0) > 0) {
+  }
+}
+
+void SendAll(int fd, const std::string& text) {
+  send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+}
+
+// The text between `open` and the next `close` after it; "" without `open`.
+std::string Between(const std::string& text, const std::string& open, const std::string& close) {
+  const size_t start = text.find(open);
+  if (start == std::string::npos) return "";
+  const size_t from = start + open.size();
+  return text.substr(from, text.find(close, from) - from);
+}
+
+}  // namespace
+
+bool LoopbackOapServer::Start(int port) {
+  Stop();
+  m_listenFd = socket(AF_INET, SOCK_STREAM, 0);
+  int on = 1;
+  setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  socklen_t length = sizeof address;
+  auto* raw = reinterpret_cast<sockaddr*>(&address);
+  if (bind(m_listenFd, raw, length) != 0 || listen(m_listenFd, 128) != 0 ||
+      getsockname(m_listenFd, raw, &length) != 0) {
+    return false;
+  }
+  m_port = ntohs(address.sin_port);
+  m_stop = false;
+  m_thread = std::thread(&LoopbackOapServer::Serve, this);
+  return true;
+}
+
+void LoopbackOapServer::Stop() {
+  m_stop = true;
+  if (m_thread.joinable()) m_thread.join();
+  if (m_listenFd >= 0) close(m_listenFd);
+  m_listenFd = -1;
+}
+
+size_t LoopbackOapServer::Messages() {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  return m_messages.size();
+}
+
+size_t LoopbackOapServer::Repeats() {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  return m_requests - m_messages.size();
+}
+
+void LoopbackOapServer::Serve() {
+  while (!m_stop) {
+    pollfd entry{m_listenFd, POLLIN, 0};
+    if (poll(&entry, 1, 50) <= 0) continue;
+    const int fd = accept(m_listenFd, nullptr, nullptr);
+    if (fd < 0) continue;
+    ServeOne(fd);
+    close(fd);
+  }
+}
+
+void LoopbackOapServer::ServeOne(int fd) {
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(5);
+  std::string request;
+  char buffer[4096];
+  while (request.find("</OAP-request>") == std::string::npos && WaitReadable(fd, deadline)) {
+    const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
+    if (got <= 0) return;
+    request.append(buffer, static_cast<size_t>(got));
+  }
+  const std::string id = Between(request, " id=\"", "\"");
+  {
+    // A version 4.0 update travels under a fresh id; its envelope names the
+    // message it replaces.
+    const std::string envelope = Between(request, "<Id>", "</Id>");
+    std::lock_guard<std::mutex> guard(m_mutex);
+    ++m_messages[envelope.empty() ? id : envelope];
+    ++m_requests;
+  }
+  std::string answer = ResponseDoc(id, 1, 200);
+  switch (m_mode.load()) {
+    case Mode::kAccept:
+      SendAll(fd, answer);
+      break;
+    case Mode::kSilent:
+      DrainUntilClosed(fd, deadline);
+      break;
+    case Mode::kSplit:
+      SendAll(fd, answer.substr(0, 60));
+      DrainUntilClosed(fd, deadline);
+      SendAll(fd, answer.substr(60));
+      break;
+    case Mode::kGarbage:
+      SendAll(fd, answer.substr(0, 80) + "\x01\x02<<&&>>");
+      break;
+    case Mode::kOversized:
+      SendAll(fd, answer.insert(answer.find("</Status>"),
+                                "<Text>" + std::string(2100, 'x') + "</Text>"));
+      break;
+  }
+  shutdown(fd, SHUT_WR);
+  DrainUntilClosed(fd, deadline);
+}
+
+size_t SoakLogger::Count(LogLevel level, const std::string& part) {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  size_t count = 0;
+  for (const auto& line : m_lines) {
+    count += line.first == level && line.second.find(part) != std::string::npos ? 1 : 0;
+  }
+  return count;
+}
+
+bool SoakLogger::Add(LogLevel level, const std::string& text) {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  m_lines.emplace_back(level, text);
+  return true;
+}
+
+void SoakDriverTest::SetUp() {
+  ASSERT_TRUE(loader.Load(QM_DRIVER_PATH)) << loader.GetError();
+  driver = loader.GetDriverInstance();
+  ASSERT_NE(driver, nullptr);
+  driver->Logger = withLogger ? &logger : nullptr;
+  driver->ReportsManager = &reports;
+  driver->MessageQueue = &queue;
+  threadsBefore = ThreadCount();
+  SetupOnFreePort();
+}
+
+void SoakDriverTest::TearDown() {
+  if (driver == nullptr) return;
+  const Clock::time_point start = Clock::now();
+  EXPECT_TRUE(driver->Cleanup());
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+  EXPECT_LE(ThreadsAfterWaiting(threadsBefore, 10000), threadsBefore);
+  server.Stop();
+  loader.ReleaseDriverInstance(driver);
+}
+
+void SoakDriverTest::SetupOnFreePort() {
+  // A port found free may be taken before the listener binds it: retried.
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    LoopbackOapServer probe;
+    listenerPort = probe.Port();
+    probe.Stop();
+    QmMessengerInstConfBasic conf;
+    snprintf(conf.ListenerPort, sizeof conf.ListenerPort, "%d", listenerPort);
+    snprintf(conf.ListenerAddress, sizeof conf.ListenerAddress, "127.0.0.1");
+    if (driver->Setup(&conf)) return;
+    driver->Cleanup();
+  }
+  FAIL() << "no listener port could be bound";
+}
+
+void SoakDriverTest::Address(QmReferenceJob& job, const std::string& handset,
+                             const std::string& version, bool interactive) {
+  job.DeviceId = handset;
+  job.ServerHost = "127.0.0.1";
+  job.ServerPort = server.Port();
+  job.OapVersion = version;
+  job.SubjectText = "Soak";
+  job.MessageText = "Take it?";
+  job.IsInteractive = job.ExpectsResponse = interactive;
+  job.ResponseChoices.assign(interactive ? 1 : 0, QmResponseChoice());
+  if (interactive) job.ResponseChoices.front().Text = "Yes";
+}
+
+std::vector<QmMessageFile*> SoakDriverTest::DrainQueue() {
+  QmconCriticalSection guard(queue.Lock.GetLockObj(), true, true, false);
+  std::vector<QmMessageFile*> jobs(queue.Jobs.begin(), queue.Jobs.end());
+  queue.Jobs.clear();
+  return jobs;
+}
+
+std::string ResponseDoc(const std::string& hexId, int type, int code) {
+  return "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<OAP-response version=\"3.0\" id=\"" +
+         hexId + "\"><Status service=\"message\"><Type>" + std::to_string(type) + "</Type><Code>" +
+         std::to_string(code) + "</Code></Status></OAP-response>";
+}
+
+std::string AnswerDoc(const std::string& hexId, const std::string& version, bool typed,
+                      const std::string& value) {
+  if (version == "4.0") {
+    const std::string tag = typed ? "User_response>" : "Data_response>";
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"1\">"
+           "<Body service=\"OA-XML\"><service version=\"1.0\"><Id>" +
+           hexId + "</Id><Interactive_Message_Response><" + tag + value + "</" + tag +
+           "</Interactive_Message_Response></service></Body></OAP-request>";
+  }
+  const std::string tag = typed ? "UserResponse>" : "DataResp>";
+  std::string doc = ResponseDoc(hexId, 5, 200);
+  return doc.insert(doc.find("</Status>"), "<TypeSpecific><From>70</From><" + tag + value + "</" +
+                                               tag + "</TypeSpecific>");
+}
+
+std::string Hex(const std::string& decimal) {
+  char text[32];
+  snprintf(text, sizeof text, "%lx", std::strtoul(decimal.c_str(), nullptr, 10));
+  return text;
+}
+
+size_t ThreadCount() {
+  size_t count = 0;
+  if (DIR* tasks = opendir("/proc/self/task")) {
+    while (dirent* entry = readdir(tasks)) count += entry->d_name[0] != '.' ? 1 : 0;
+    closedir(tasks);
+  }
+  return count;
+}
+
+size_t ThreadsAfterWaiting(size_t limit, int timeoutMs) {
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+  size_t count = ThreadCount();
+  while (count > limit && Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    count = ThreadCount();
+  }
+  return count;
+}
+
+long ResidentKiB() {
+  std::ifstream status("/proc/self/status");
+  std::string word;
+  long kib = 0;
+  while (status >> word && !(word == "VmRSS:" && status >> kib)) {
+  }
+  return kib;
+}
