@@ -1,0 +1,309 @@
+// The plug-in as a host drives it, against the loopback OAP server: outbound
+// sends and inbound answers beside raw-socket baselines doing the same
+// exchanges, the memory kept per accepted message and the CPU of an idle
+// driver.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "QmDriverLoader.h"
+#include "QmReferenceJob.h"
+#include "QmReferenceReportsManager.h"
+#include "QmconCriticalSection.h"
+#include "loopback_server.h"
+#include "paired.h"
+
+namespace {
+
+using Status = QmMessengerReportsMngrInterface::ReportsStatus;
+
+const int kAnswerBatch = 200;
+const int kMemoryWarmUp = 2000;
+const int kMemoryMessages = 20000;
+const auto kAnswerWait = std::chrono::seconds(30);
+
+int FreeLoopbackPort() {
+  LoopbackServer probe(LoopbackServer::Sink);
+  return probe.Port();
+}
+
+std::string Hex(const std::string& decimal) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%lx", std::strtoul(decimal.c_str(), nullptr, 10));
+  return text;
+}
+
+// A handset's answer choosing the first option of message `hexId`.
+std::string OptionAnswer(const std::string& hexId) {
+  return "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<OAP-response version=\"3.0\" id=\"" +
+         hexId +
+         "\"><Status service=\"message\"><Type>5</Type><Code>200</Code><TypeSpecific>"
+         "<From>4711</From><DataResp>N:Yes</DataResp></TypeSpecific></Status></OAP-response>";
+}
+
+// The plug-in loaded once per process and set up on a loopback listener,
+// with the OAP server its jobs point at. No logger is attached, so the
+// figures are the driver's own work.
+class Plugin {
+ public:
+  static Plugin& Get() {
+    static Plugin plugin;
+    return plugin;
+  }
+
+  ~Plugin() {
+    driver->Cleanup();
+    loader.ReleaseDriverInstance(driver);
+  }
+
+  // An interactive version 3.0 job with two choices for the server.
+  void Address(QmReferenceJob& job, const std::string& id) const {
+    job.JobId = id;
+    job.DeviceId = "4711";
+    job.ServerHost = "127.0.0.1";
+    job.ServerPort = server.Port();
+    job.OapVersion = "3.0";
+    job.SubjectText = "Lunch";
+    job.MessageText = "Coming?";
+    job.IsInteractive = true;
+    job.ExpectsResponse = true;
+    job.ResponseChoices.clear();
+    for (const char* text : {"Yes", "No"}) {
+      QmResponseChoice choice;
+      choice.Text = text;
+      choice.Kind = job.ResponseChoices.empty() ? 0 : 2;
+      job.ResponseChoices.push_back(choice);
+    }
+  }
+
+  // False when the server did not accept the job; lastError then says why.
+  bool Send(QmReferenceJob& job) {
+    Status status = QmMessengerReportsMngrInterface::NO_STATUS;
+    if (driver->SendAMessage(&job, status) && status == QmMessengerReportsMngrInterface::SENT) {
+      return true;
+    }
+    lastError = "send failed: " + job.GetErrorText();
+    return false;
+  }
+
+  bool Query(QmReferenceJob& job) {
+    Status status = job.Status;
+    return driver->Send2WayRespQuery(&job, status);
+  }
+
+  // The bytes the driver writes for the outbound job, taken from the server
+  // after one send.
+  const std::string& SampleRequest() {
+    if (sample.empty()) {
+      QmReferenceJob job;
+      Address(job, "sample");
+      if (Send(job)) sample = server.LastDocument();
+    }
+    return sample;
+  }
+
+  void DrainQueue() {
+    QmconCriticalSection guard(queue.Lock.GetLockObj(), true, true, false);
+    queue.Jobs.clear();
+  }
+
+  LoopbackServer server{LoopbackServer::Respond};
+  QmDriverLoader loader;
+  QmProtocolDriverInterface* driver = nullptr;
+  QmMessageQueue queue;
+  QmReferenceReportsManager reports;
+  int listenerPort = 0;
+  std::string sample;
+  std::string lastError;
+
+ private:
+  Plugin() {
+    if (!loader.Load(QM_DRIVER_PATH)) throw std::runtime_error(loader.GetError());
+    driver = loader.GetDriverInstance();
+    driver->Logger = nullptr;
+    driver->ReportsManager = &reports;
+    driver->MessageQueue = &queue;
+    // A port free when probed may be taken before the listener binds it.
+    for (int attempt = 0; attempt < 5 && listenerPort == 0; ++attempt) {
+      const int port = FreeLoopbackPort();
+      QmMessengerInstConfBasic conf;
+      std::snprintf(conf.ListenerPort, sizeof conf.ListenerPort, "%d", port);
+      std::snprintf(conf.ListenerAddress, sizeof conf.ListenerAddress, "127.0.0.1");
+      if (driver->Setup(&conf)) listenerPort = port;
+    }
+    if (listenerPort == 0) throw std::runtime_error("the driver's listener could not be set up");
+  }
+};
+
+// Queries every job until each has been handed back with its answer;
+// false when that takes longer than kAnswerWait.
+bool AwaitAnswers(Plugin& plugin, std::vector<std::unique_ptr<QmReferenceJob>>& jobs) {
+  std::vector<QmReferenceJob*> waiting;
+  for (auto& job : jobs) waiting.push_back(job.get());
+  const auto deadline = std::chrono::steady_clock::now() + kAnswerWait;
+  while (!waiting.empty() && std::chrono::steady_clock::now() < deadline) {
+    const size_t before = waiting.size();
+    for (size_t i = waiting.size(); i-- > 0;) {
+      plugin.Query(*waiting[i]);
+      if (waiting[i]->Status == QmMessengerReportsMngrInterface::REPLIED) {
+        waiting.erase(waiting.begin() + static_cast<long>(i));
+      }
+    }
+    plugin.DrainQueue();
+    if (waiting.size() == before) std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  return waiting.empty();
+}
+
+// SendAMessage through the plug-in against a raw client that replays the
+// bytes the driver writes to the same server: connect, write, one read, close.
+void BM_Outbound(benchmark::State& state) {
+  Plugin& plugin = Plugin::Get();
+  const std::string request = plugin.SampleRequest();
+  QmReferenceJob job;
+  plugin.Address(job, "outbound");
+  std::string error = plugin.lastError;
+  PairedRun run;
+  run.callsPerBlock = 20;
+  run.subject = [&] {
+    job.TakeStatusChanges();
+    if (plugin.Send(job)) return true;
+    error = plugin.lastError;
+    return false;
+  };
+  run.baseline = [&] {
+    if (!request.empty() && RawExchange(plugin.server.Port(), request) > 0) return true;
+    error = request.empty() ? error : "raw exchange failed";
+    return false;
+  };
+  run.failure = [&] { return error; };
+  RunPaired(state, run);
+}
+
+// One answer per message pushed to the driver's listener, one connection
+// each, until every answer is visible through the query; the messages are
+// sent untimed before each batch. The baseline pushes the same documents to
+// a raw accept-and-read loop; with echo:1 that loop also makes the one
+// exchange with the OAP server that the driver makes for every answer (the
+// "You replied:" update).
+void BM_Inbound(benchmark::State& state) {
+  Plugin& plugin = Plugin::Get();
+  const bool echo = state.range(0) != 0;
+  LoopbackServer sink(LoopbackServer::Sink, echo ? plugin.server.Port() : 0,
+                      echo ? plugin.SampleRequest() : "");
+  std::vector<std::unique_ptr<QmReferenceJob>> jobs;
+  std::vector<std::string> answers;
+  std::string error;
+  // A listener that found nothing for a second pauses a second before it
+  // accepts again; one document for no known message wakes it first, so
+  // the batches measure the steady flow.
+  PushDocument(plugin.listenerPort, OptionAnswer("0"));
+  PairedRun run;
+  run.operationsPerCall = kAnswerBatch;
+  run.prepare = [&] {
+    jobs.clear();
+    answers.clear();
+    for (int i = 0; i < kAnswerBatch; ++i) {
+      jobs.push_back(std::make_unique<QmReferenceJob>());
+      plugin.Address(*jobs.back(), "inbound-" + std::to_string(i));
+      if (!plugin.Send(*jobs.back())) error = plugin.lastError;
+      answers.push_back(OptionAnswer(Hex(jobs.back()->GetTrackingReceipt())));
+    }
+  };
+  run.subject = [&] {
+    for (const std::string& answer : answers) {
+      if (!PushDocument(plugin.listenerPort, answer)) error = "push to the listener failed";
+    }
+    if (!error.empty()) return false;
+    if (AwaitAnswers(plugin, jobs)) return true;
+    error = "answers did not arrive in time";
+    return false;
+  };
+  run.baseline = [&] {
+    const unsigned long target = sink.Served() + answers.size();
+    for (const std::string& answer : answers) {
+      if (!PushDocument(sink.Port(), answer)) error = "push to the raw loop failed";
+    }
+    if (error.empty() && sink.Served() != target) error = "documents were lost";
+    return error.empty();
+  };
+  run.failure = [&] { return error; };
+  RunPaired(state, run);
+}
+
+// Resident memory before and after a run of accepted messages, with freed
+// heap handed back first so only what is kept counts.
+long SettledResidentBytes() {
+  malloc_trim(0);
+  return ResidentBytes();
+}
+
+void BM_MemoryPerMessage(benchmark::State& state) {
+  Plugin& plugin = Plugin::Get();
+  QmReferenceJob job;
+  plugin.Address(job, "memory");
+  for (auto _ : state) {
+    for (int i = 0; i < kMemoryWarmUp; ++i) plugin.Send(job);
+    job.TakeStatusChanges();
+    const long before = SettledResidentBytes();
+    int accepted = 0;
+    for (int i = 0; i < kMemoryMessages; ++i) {
+      accepted += plugin.Send(job) ? 1 : 0;
+      job.TakeStatusChanges();
+    }
+    const long after = SettledResidentBytes();
+    if (accepted != kMemoryMessages) state.SkipWithError("not every message was accepted");
+    state.counters["bytes_per_message"] =
+        static_cast<double>(after - before) / static_cast<double>(kMemoryMessages);
+  }
+}
+
+double ProcessCpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// CPU the process spends while the driver's listener is up and nothing
+// happens: what an idle driver costs its host.
+void BM_IdleDriverCpu(benchmark::State& state) {
+  Plugin::Get();
+  const auto idle = std::chrono::seconds(2);
+  for (auto _ : state) {
+    const double before = ProcessCpuSeconds();
+    std::this_thread::sleep_for(idle);
+    state.counters["cpu_ms_per_s"] =
+        (ProcessCpuSeconds() - before) * 1000.0 / static_cast<double>(idle.count());
+  }
+}
+
+}  // namespace
+
+BENCHMARK(BM_Outbound)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Inbound)
+    ->ArgName("echo")
+    ->Arg(0)
+    ->Arg(1)
+    ->UseRealTime()
+    ->Iterations(4)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MemoryPerMessage)
+    ->UseRealTime()
+    ->Iterations(1)
+    ->Repetitions(1)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_IdleDriverCpu)
+    ->UseRealTime()
+    ->Iterations(1)
+    ->Repetitions(1)
+    ->Unit(benchmark::kMillisecond);
