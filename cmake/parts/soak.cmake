@@ -9,7 +9,7 @@ if(QM_BUILD_TESTS AND TARGET qmoapdriver AND TARGET qm_refhost AND TARGET qm_cor
   # qm_soak_test(<name> <timeout seconds> <test sources...>)
   function(qm_soak_test name timeout)
     add_executable(${name} ${ARGN}
-      ${QM_SOAK_DIR}/soak_support.cpp)
+      ${QM_SOAK_DIR}/soak_support.cpp ${QM_DRIVER_TESTS_DIR}/driver_fixture.cpp)
     target_include_directories(${name} PRIVATE ${QM_SOAK_DIR} ${QM_DRIVER_TESTS_DIR})
     target_compile_options(${name} PRIVATE ${QM_WARNINGS})
     target_compile_definitions(${name} PRIVATE QM_DRIVER_PATH="$<TARGET_FILE:qmoapdriver>")

@@ -1,14 +1,7 @@
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <functional>
 #include <set>
 
-#include "inbound_sender.h"
 #include "soak_support.h"
 
 // A worker still busy when the listener's pool stops is ended with a signal
@@ -27,7 +20,7 @@ using Level = QmLogInterface::LogLevel;
 using Mode = LoopbackOapServer::Mode;
 using Reports = QmMessengerReportsMngrInterface;
 
-// For states the driver tells nothing about but its log: polls (bounded).
+// For states the driver tells nothing about: polls (bounded).
 bool Eventually(const std::function<bool()>& condition) {
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
   while (!condition() && Clock::now() < deadline) {
@@ -40,10 +33,7 @@ bool Eventually(const std::function<bool()>& condition) {
 // does: stay idle, or write a document in pieces.
 int Connect(int port) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
+  sockaddr_in address = FakeOapServer::Loopback(port);
   EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   return fd;
 }
@@ -192,8 +182,7 @@ TEST_P(ListenerFaultTest, DriverKeepsTakingAnswers) {
     const std::string first = document.substr(0, document.size() / 2);
     const int fd = Connect(listenerPort);
     Write(fd, first);
-    EXPECT_TRUE(Eventually(
-        [&] { return logger.Count(Level::LEVEL_DEBUG, "paylaod [" + first + "]") == 1; }));
+    EXPECT_TRUE(logger.WaitFor(Level::LEVEL_DEBUG, "paylaod [" + first + "]", 1, 10000));
     Write(fd, document.substr(first.size()));
     EXPECT_TRUE(FinishAndWaitForClose(fd));
   }
@@ -253,10 +242,9 @@ TEST_F(SoakFaultTest, TenIdleConnectionsStopTheListener) {
   ASSERT_TRUE(Send(job, status));
   std::vector<int> idle;
   for (int i = 0; i < 10; ++i) idle.push_back(Connect(listenerPort));
-  ASSERT_TRUE(Eventually([&] { return logger.Count(Level::LEVEL_INFO, accepted) == 10; }));
+  ASSERT_TRUE(logger.WaitFor(Level::LEVEL_INFO, accepted, 10, 10000));
   idle.push_back(Connect(listenerPort));
-  ASSERT_TRUE(
-      Eventually([&] { return logger.Count(Level::LEVEL_ERROR, "Too Many Sockets") == 1; }));
+  ASSERT_TRUE(logger.WaitFor(Level::LEVEL_ERROR, "Too Many Sockets", 1, 10000));
 
   EXPECT_TRUE(Answer(job).empty());
   EXPECT_EQ(logger.Count(Level::LEVEL_INFO, accepted), 10u);

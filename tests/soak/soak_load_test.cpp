@@ -4,7 +4,6 @@
 #include <iostream>
 #include <set>
 
-#include "inbound_sender.h"
 #include "soak_support.h"
 
 namespace {

@@ -1,18 +1,11 @@
 #include "soak_support.h"
 
-#include <arpa/inet.h>
 #include <dirent.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
-
-#include "QmconCriticalSection.h"
 
 namespace {
 
@@ -51,10 +44,7 @@ bool LoopbackOapServer::Start(int port) {
   m_listenFd = socket(AF_INET, SOCK_STREAM, 0);
   int on = 1;
   setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
+  sockaddr_in address = FakeOapServer::Loopback(port);
   socklen_t length = sizeof address;
   auto* raw = reinterpret_cast<sockaddr*>(&address);
   if (bind(m_listenFd, raw, length) != 0 || listen(m_listenFd, 128) != 0 ||
@@ -138,102 +128,32 @@ void LoopbackOapServer::ServeOne(int fd) {
   DrainUntilClosed(fd, deadline);
 }
 
-size_t SoakLogger::Count(LogLevel level, const std::string& part) {
-  std::lock_guard<std::mutex> guard(m_mutex);
-  size_t count = 0;
-  for (const auto& line : m_lines) {
-    count += line.first == level && line.second.find(part) != std::string::npos ? 1 : 0;
-  }
-  return count;
-}
-
-bool SoakLogger::Add(LogLevel level, const std::string& text) {
-  std::lock_guard<std::mutex> guard(m_mutex);
-  m_lines.emplace_back(level, text);
-  return true;
-}
-
 void SoakDriverTest::SetUp() {
-  ASSERT_TRUE(loader.Load(QM_DRIVER_PATH)) << loader.GetError();
-  driver = loader.GetDriverInstance();
-  ASSERT_NE(driver, nullptr);
-  driver->Logger = withLogger ? &logger : nullptr;
-  driver->ReportsManager = &reports;
-  driver->MessageQueue = &queue;
+  DriverTest::SetUp();
+  if (HasFatalFailure()) return;
+  if (!withLogger) driver->Logger = nullptr;
   threadsBefore = ThreadCount();
   SetupOnFreePort();
 }
 
 void SoakDriverTest::TearDown() {
-  if (driver == nullptr) return;
-  const Clock::time_point start = Clock::now();
-  EXPECT_TRUE(driver->Cleanup());
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
-  EXPECT_LE(ThreadsAfterWaiting(threadsBefore, 10000), threadsBefore);
-  server.Stop();
-  loader.ReleaseDriverInstance(driver);
-}
-
-void SoakDriverTest::SetupOnFreePort() {
-  // A port found free may be taken before the listener binds it: retried.
-  for (int attempt = 0; attempt < 5; ++attempt) {
-    LoopbackOapServer probe;
-    listenerPort = probe.Port();
-    probe.Stop();
-    QmMessengerInstConfBasic conf;
-    snprintf(conf.ListenerPort, sizeof conf.ListenerPort, "%d", listenerPort);
-    snprintf(conf.ListenerAddress, sizeof conf.ListenerAddress, "127.0.0.1");
-    if (driver->Setup(&conf)) return;
-    driver->Cleanup();
+  if (driver != nullptr) {
+    const Clock::time_point start = Clock::now();
+    EXPECT_TRUE(driver->Cleanup());
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+    EXPECT_LE(ThreadsAfterWaiting(threadsBefore, 10000), threadsBefore);
   }
-  FAIL() << "no listener port could be bound";
+  server.Stop();
+  DriverTest::TearDown();
 }
 
 void SoakDriverTest::Address(QmReferenceJob& job, const std::string& handset,
                              const std::string& version, bool interactive) {
+  DriverTest::Address(job, server.Port(), version);
   job.DeviceId = handset;
-  job.ServerHost = "127.0.0.1";
-  job.ServerPort = server.Port();
-  job.OapVersion = version;
-  job.SubjectText = "Soak";
-  job.MessageText = "Take it?";
   job.IsInteractive = job.ExpectsResponse = interactive;
   job.ResponseChoices.assign(interactive ? 1 : 0, QmResponseChoice());
   if (interactive) job.ResponseChoices.front().Text = "Yes";
-}
-
-std::vector<QmMessageFile*> SoakDriverTest::DrainQueue() {
-  QmconCriticalSection guard(queue.Lock.GetLockObj(), true, true, false);
-  std::vector<QmMessageFile*> jobs(queue.Jobs.begin(), queue.Jobs.end());
-  queue.Jobs.clear();
-  return jobs;
-}
-
-std::string ResponseDoc(const std::string& hexId, int type, int code) {
-  return "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<OAP-response version=\"3.0\" id=\"" +
-         hexId + "\"><Status service=\"message\"><Type>" + std::to_string(type) + "</Type><Code>" +
-         std::to_string(code) + "</Code></Status></OAP-response>";
-}
-
-std::string AnswerDoc(const std::string& hexId, const std::string& version, bool typed,
-                      const std::string& value) {
-  if (version == "4.0") {
-    const std::string tag = typed ? "User_response>" : "Data_response>";
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"1\">"
-           "<Body service=\"OA-XML\"><service version=\"1.0\"><Id>" +
-           hexId + "</Id><Interactive_Message_Response><" + tag + value + "</" + tag +
-           "</Interactive_Message_Response></service></Body></OAP-request>";
-  }
-  const std::string tag = typed ? "UserResponse>" : "DataResp>";
-  std::string doc = ResponseDoc(hexId, 5, 200);
-  return doc.insert(doc.find("</Status>"), "<TypeSpecific><From>70</From><" + tag + value + "</" +
-                                               tag + "</TypeSpecific>");
-}
-
-std::string Hex(const std::string& decimal) {
-  char text[32];
-  snprintf(text, sizeof text, "%lx", std::strtoul(decimal.c_str(), nullptr, 10));
-  return text;
 }
 
 size_t ThreadCount() {

@@ -1,27 +1,28 @@
 #ifndef QM_TESTS_SOAK_SOAK_SUPPORT_H
 #define QM_TESTS_SOAK_SOAK_SUPPORT_H
 
-#include <gtest/gtest.h>
-
 #include <atomic>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "QmDriverLoader.h"
-#include "QmLogInterface.h"
-#include "QmReferenceJob.h"
-#include "QmReferenceReportsManager.h"
+#include "driver_fixture.h"  // also the fake server's documents and the recording logger
 
-// Documents the OAP server sends: responses, and the answers it pushes to
-// the driver's listener.
-std::string ResponseDoc(const std::string& hexId, int type, int code);
-std::string AnswerDoc(const std::string& hexId, const std::string& version, bool typed,
-                      const std::string& value);
+// A handset's answer to the message with the hexadecimal id: option data
+// ("N:Yes") or typed text, in the document shape of the OAP version.
+inline std::string AnswerDoc(const std::string& hexId, const std::string& version, bool typed,
+                             const std::string& value) {
+  const std::string tag = version == "4.0" ? (typed ? "User_response>" : "Data_response>")
+                                           : (typed ? "UserResponse>" : "DataResp>");
+  const std::string element = "<" + tag + value + "</" + tag;
+  return version == "4.0" ? Answer4(hexId, element) : OptionAnswer(hexId, element);
+}
 // A decimal tracking receipt as the hexadecimal id of the documents.
-std::string Hex(const std::string& decimal);
+inline std::string Hex(const std::string& decimal) {
+  return Hex(std::strtoul(decimal.c_str(), nullptr, 10));
+}
 
 // Threads of this process; the second waits (bounded) until they are at most
 // `limit`, since ended threads leave on their own.
@@ -30,8 +31,10 @@ size_t ThreadsAfterWaiting(size_t limit, int timeoutMs);
 // Resident set size of this process in KiB.
 long ResidentKiB();
 
-// The OAP server side of the soak and fault tests, on 127.0.0.1. One thread
-// serves the connections one after another: it reads a request up to its
+// The OAP server side of the soak and fault tests, on 127.0.0.1. Unlike the
+// fake server of the driver tests it keeps no requests and no thread per
+// connection, so that ten thousand messages cost it nothing: one thread
+// serves the connections one after another, reads a request up to its
 // closing tag, counts the message it is about and answers the way the mode
 // says. Every connection ends well-mannered: half-close, then wait (bounded)
 // until the driver has closed its end.
@@ -72,66 +75,22 @@ class LoopbackOapServer {
   std::thread m_thread;
 };
 
-// Keeps every line the driver writes; safe for the listener's threads.
-class SoakLogger : public QmLogInterface {
- public:
-  // Lines at the level that contain the text.
-  size_t Count(LogLevel level, const std::string& part);
-
-#define QM_SOAK_WRITE(Name, Level)                             \
-  bool Name(const std::string& m, int, const char*) override { \
-    return Add(Level, m);                                      \
-  }
-  QM_SOAK_WRITE(WriteTrace, LEVEL_TRACE)
-  QM_SOAK_WRITE(WriteDebug, LEVEL_DEBUG)
-  QM_SOAK_WRITE(WriteInfo, LEVEL_INFO)
-  QM_SOAK_WRITE(WriteWarn, LEVEL_WARN)
-  QM_SOAK_WRITE(WriteError, LEVEL_ERROR)
-  QM_SOAK_WRITE(WriteCritical, LEVEL_CRITICAL)
-  QM_SOAK_WRITE(WriteFatal, LEVEL_FATAL)
-#undef QM_SOAK_WRITE
-  void EnableThreadIdPrefix(bool) override {}
-  LogLevel GetLogLevel() override {
-    return LEVEL_TRACE;
-  }
-  std::string GetLoggerName() override {
-    return "soak";
-  }
-
- private:
-  bool Add(LogLevel level, const std::string& text);
-
-  std::mutex m_mutex;
-  std::vector<std::pair<LogLevel, std::string>> m_lines;
-};
-
-// The plug-in loaded as a host loads it, its driver wired to a logger, a
-// queue and a reports manager, and set up on a free listener port. Every test
-// ends with a Cleanup that must return promptly and leave no thread behind
-// (counted while the server still runs: its thread is one, and a sanitizer's
-// own thread starts with the first thread of the process).
-class SoakDriverTest : public ::testing::Test {
+// The driver test fixture set up on a free listener port, with a loopback
+// server. Every test ends with a Cleanup that must return promptly and leave
+// no thread behind (counted while the server still runs: its thread is one,
+// and a sanitizer's own thread starts with the first thread of the process).
+class SoakDriverTest : public DriverTest {
  protected:
-  using Status = QmMessengerReportsMngrInterface::ReportsStatus;
-
   void SetUp() override;
   void TearDown() override;
-  void SetupOnFreePort();
   // Addresses the job to the server's handset `handset`, with one choice
   // "Yes" of kind 0 (interactive) or none (plain).
   void Address(QmReferenceJob& job, const std::string& handset, const std::string& version,
                bool interactive);
-  std::vector<QmMessageFile*> DrainQueue();
 
   size_t threadsBefore = 0;  // with the server's thread, before Setup
   LoopbackOapServer server;
-  QmDriverLoader loader;
-  QmProtocolDriverInterface* driver = nullptr;
-  SoakLogger logger;
   bool withLogger = true;
-  QmMessageQueue queue;
-  QmReferenceReportsManager reports;
-  int listenerPort = 0;
 };
 
 #endif
