@@ -70,6 +70,7 @@ class QmioSocketPool : public QmconDelegate {
   bool SelectOnce(int highest);
   void Wake();
   void DrainWakePipe();
+  void IdleSleep();
   void WaitForSelectThreadEnd();
   void DeleteWaitingSockets();
 
@@ -87,7 +88,6 @@ class QmioSocketPool : public QmconDelegate {
   std::atomic<bool> m_stopping{false};
   bool m_running = false;
   int m_wakePipe[2] = {-1, -1};
-  QmconEvent m_wakeEvent;
   QmconEvent m_finished{true};
   std::shared_ptr<ServedSockets> m_served;
 };

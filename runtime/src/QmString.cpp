@@ -119,7 +119,11 @@ std::string QmstringReplaceColon(const std::string& text) {
 }
 
 unsigned int QmHexStrToUInt(const std::string& text) {
-  std::istringstream stream(text);
+  // One stream per thread, reset for every call: setting up a new stream
+  // (its locale above all) costs more than the read itself.
+  thread_local std::istringstream stream;
+  stream.clear();
+  stream.str(text);
   unsigned int value = 0;
   stream >> std::hex >> value;
   return value;  // 0 when no hex digit was read, the maximum on overflow

@@ -1,6 +1,7 @@
 #include "QmioSocketPool.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -153,7 +154,7 @@ void QmioSocketPool::DoWork(void* /*data*/) {
       if (m_stopping.load()) break;
       const int highest = BuildSelectList();
       if (highest <= 0) {
-        m_wakeEvent.Wait(kIdleSleepMs);
+        IdleSleep();
         continue;
       }
       if (!SelectOnce(highest)) break;
@@ -162,6 +163,15 @@ void QmioSocketPool::DoWork(void* /*data*/) {
     // An event or lock failure ends the select thread, as a failed select does.
   }
   m_finished.Broadcast();
+}
+
+// Nothing to watch: sleeps up to 500 ms, cut short by Wake() through the
+// wake pipe. (The event's timed wait counts the part of a time-out below one
+// second in microseconds, so waiting on it would wake every half millisecond.)
+// Without the pipe, poll ignores the negative descriptor and only sleeps.
+void QmioSocketPool::IdleSleep() {
+  pollfd wake{m_wakePipe[0], POLLIN, 0};
+  if (poll(&wake, 1, kIdleSleepMs) > 0) DrainWakePipe();
 }
 
 bool QmioSocketPool::SelectOnce(int highest) {
@@ -256,7 +266,6 @@ void QmioSocketPool::Wake() {
     ssize_t ignored = write(m_wakePipe[1], &byte, 1);
     (void)ignored;
   }
-  m_wakeEvent.Broadcast();
 }
 
 void QmioSocketPool::DrainWakePipe() {
