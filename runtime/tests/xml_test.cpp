@@ -6,8 +6,7 @@
 #include <cstdio>
 #include <fstream>
 #include <functional>
-#include <random>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -18,6 +17,7 @@ namespace {
 using Node = XmlReaderWriter::Node;
 using NodeString = XmlReaderWriter::NodeString;
 using NodeException = XmlReaderWriter::NodeException;
+using Action = std::function<void()>;
 
 const std::string kDecl = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"no\"?>\n\n";
 
@@ -31,8 +31,8 @@ std::string Serialized(const XmlReaderWriter& doc) {
   return out;
 }
 
-// Runs `action` and returns the message it threw, or "<no exception>".
-std::string Thrown(const std::function<void()>& action) {
+// The message `action` threw, or "<no exception>".
+std::string Thrown(const Action& action) {
   try {
     action();
   } catch (const NodeException& e) {
@@ -47,31 +47,23 @@ TEST(XmlParse, ContentsAttributesEntitiesAndEncodings) {
                     "<a z=\"1\" b=\"&lt;2&gt;\" m='3'> x <b>  hi </b> &#65;&amp;<![CDATA[<x>]]>"
                     " <c> </c><d/>\n z\t</a>"));
   Node root = doc.getRootNode();
-  EXPECT_TRUE(root.value() == "x  A&<x> \n z");
-  EXPECT_TRUE(root["b"].value() == "hi");
+  EXPECT_TRUE(root.value() == "x  A&<x> \n z" && root["b"].value() == "hi");
   EXPECT_FALSE(root["c"].hasValue() || root["d"].hasValue());
-  EXPECT_TRUE(root["c"].value() == static_cast<const char*>(nullptr));
   ASSERT_EQ(root.getAttributeCount(), 3u);
   EXPECT_TRUE(root.attributeName(0) == "z" && root.attributeName(2) == "m");
   EXPECT_TRUE(root.attributeValue("b") == "<2>");
-  ASSERT_TRUE(
-      Parse(doc, "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><m t=\"\xe9\">caf\xe9</m>"));
-  EXPECT_TRUE(doc.getRootNode().value() == "caf\xc3\xa9");
-  EXPECT_TRUE(doc.getRootNode().attributeValue("t") == "\xc3\xa9");
 }
 
-TEST(XmlWriter, GoldenSerialisations) {
-  const std::string latin = "<?xml version=\"1.0\" encoding=\"ISO-8859-1\" standalone=\"no\"?>\n\n";
-  const std::string alone = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n\n";
+TEST(XmlWriter, GoldenSerialisationsAndEscaping) {
   const struct {
     std::string in, out;
   } cases[] = {
       {"<r/>", kDecl + "<r>\n</r>\n"},
-      {"<?xml version=\"1.0\"?><r/>", kDecl + "<r>\n</r>\n"},
-      {"<?xml version=\"1.0\" standalone=\"yes\"?><r/>", alone + "<r>\n</r>\n"},
-      {"<?xml version=\"1.0\" encoding=\"ISO-8859-1\" standalone=\"no\"?><r/>",
-       latin + "<r>\n</r>\n"},
+      {"<?xml version=\"1.0\" encoding=\"ISO-8859-1\" standalone=\"yes\"?><r/>",
+       "<?xml version=\"1.0\" encoding=\"ISO-8859-1\" standalone=\"yes\"?>\n\n<r>\n</r>\n"},
       {"<a x=\"1\"><b>t</b><c/></a>", kDecl + "<a x=\"1\">\n  <b>t</b>\n  <c/>\n</a>\n"},
+      {"<a y='it&apos;s \"q\"'>&lt;&amp;</a>",
+       kDecl + "<a y=\"it&apos;s &quot;q&quot;\">&lt;&amp;</a>\n"},
       {"<r><p>text<q><s/></q></p></r>",
        kDecl + "<r>\n  <p>    <q>\n      <s/>\n    </q>\ntext</p>\n</r>\n"},
   };
@@ -79,6 +71,8 @@ TEST(XmlWriter, GoldenSerialisations) {
     XmlReaderWriter doc;
     ASSERT_TRUE(Parse(doc, c.in)) << c.in;
     EXPECT_EQ(Serialized(doc), c.out) << c.in;
+    ASSERT_TRUE(Parse(doc, c.out));  // the output reads back to itself
+    EXPECT_EQ(Serialized(doc), c.out);
   }
   XmlReaderWriter doc;
   doc.createDocument();
@@ -92,52 +86,25 @@ TEST(XmlWriter, GoldenSerialisations) {
       root.toString(),
       "<r q=\"&quot;it&apos;s&quot; &lt;&amp;&gt;\">a&lt;b &amp; c&amp;d&#39;e&amp;#x27;</r>\n");
   EXPECT_EQ(XmlReaderWriter::encodeSpecialChar(nullptr), "");
+  for (const char* text : {"&#39;", "&#;", "&amp;", "&Q7z;"})
+    EXPECT_TRUE(XmlReaderWriter::isEncodedSequence(text)) << text;
+  for (const char* text : {"&#x27;", "&#X27;", "&;", "&amp", "&#12", "&a-b;", "& b;", "&", "x&a;",
+                           "&\xc3\xa9;", static_cast<const char*>(nullptr)})
+    EXPECT_FALSE(XmlReaderWriter::isEncodedSequence(text)) << (text ? text : "null");
 }
 
-TEST(XmlWriter, RecognisesEncodedSequences) {
-  const struct {
-    const char* text;
-    bool encoded;
-  } cases[] = {{"&#39;", true},   {"&#;", true},        {"&amp;", true}, {"&Q7z;", true},
-               {"&#x27;", false}, {"&#X27;", false},    {"&;", false},   {"&amp", false},
-               {"&#12", false},   {"&a-b;", false},     {"& b;", false}, {"&", false},
-               {"x&a;", false},   {"&\xc3\xa9;", false}};
-  for (const auto& c : cases)
-    EXPECT_EQ(XmlReaderWriter::isEncodedSequence(c.text), c.encoded) << c.text;
-  EXPECT_FALSE(XmlReaderWriter::isEncodedSequence(nullptr));
-}
-
-TEST(XmlWriter, RoundTripsKeepTheDocument) {
-  for (const char* text : {
-           "<a x=\"1\" y=\"&quot;two&quot;\"><b>t</b><c/><b>u &lt; v</b></a>",
-           "<?xml version=\"1.0\" standalone=\"yes\"?><OAP-request version=\"3.0\" id=\"ff01\">"
-           "<Header><Port>8080</Port></Header><Body>caf\xc3\xa9 &amp; bar</Body></OAP-request>",
-           "<r>mixed<k a='it&apos;s'>x</k>tail</r>",
-           "<d><e><f><g>deep</g></f></e><e/></d>",
-       }) {
-    XmlReaderWriter first, second;
-    ASSERT_TRUE(Parse(first, text)) << text;
-    const std::string once = Serialized(first);
-    ASSERT_TRUE(Parse(second, once)) << once;
-    EXPECT_EQ(Serialized(second), once);
-    EXPECT_TRUE(first.getRootNode() == second.getRootNode()) << text;
-  }
-}
-
-TEST(XmlParse, MalformedInputLeavesNoTree) {
-  for (const char* text : {"", "<a>", "<a><b></a>", "<a x=1/>", "<a/><b/>", "text only",
-                           "<a x='1' x='2'/>", "<a>&undefined;</a>", "<a>\x01</a>",
-                           "<?xml version=\"1.0\" encoding=\"UTF-8\"?><a>\xff</a>"}) {
-    XmlReaderWriter doc;
-    ASSERT_TRUE(Parse(doc, "<good/>"));
-    EXPECT_FALSE(Parse(doc, text)) << text;
-    EXPECT_FALSE(doc.isDocumentPresent()) << text;
-    std::string out;
-    EXPECT_FALSE(doc.toString(out));
-    EXPECT_EQ(Thrown([&] { doc.getRootNode(); }), "NULL XML document object");
-  }
+TEST(XmlParse, MalformedOrTruncatedInputLeavesNoTree) {
+  const std::string good = "<?xml version=\"1.0\"?><a x='1'><b>t&amp;</b><!--c--><![CDATA[d]]></a>";
+  std::vector<std::string> bad = {"<a/><b/>", "<a>&undefined;</a>", "<a>\xff</a>"};
+  for (size_t cut = 0; cut < good.size(); ++cut) bad.push_back(good.substr(0, cut));
   XmlReaderWriter doc;
-  EXPECT_FALSE(doc.readFrom(nullptr, 10));
+  for (const std::string& text : bad) {
+    ASSERT_TRUE(Parse(doc, good));
+    EXPECT_FALSE(Parse(doc, text) || doc.isDocumentPresent()) << text;
+  }
+  std::string out;
+  EXPECT_FALSE(doc.toString(out) || doc.readFrom(nullptr, 10));
+  EXPECT_EQ(Thrown([&] { doc.getRootNode(); }), "NULL XML document object");
 }
 
 TEST(XmlHostile, EntitiesAreNeitherExpandedNorLoaded) {
@@ -158,22 +125,19 @@ TEST(XmlHostile, EntitiesAreNeitherExpandedNorLoaded) {
 }
 
 TEST(XmlHostile, DepthIsBoundedWhenParsedAndUnboundedWhenBuilt) {
-  auto nested = [](int depth) {
-    std::string open, close;
-    for (int i = 0; i < depth; ++i) open += "<e>", close += "</e>";
-    return open + close;
-  };
+  std::string open, close, megabyte;
+  for (int i = 0; i < XmlTree::kMaxDepth; ++i) open += "<e>", close += "</e>";
   XmlReaderWriter doc;
-  ASSERT_TRUE(Parse(doc, nested(XmlTree::kMaxDepth)));
-  EXPECT_FALSE(Parse(doc, nested(XmlTree::kMaxDepth + 1)));
-  std::string megabyte;
+  ASSERT_TRUE(Parse(doc, open + close));
+  EXPECT_FALSE(Parse(doc, "<e>" + open + close + "</e>"));
   while (megabyte.size() < (1u << 20)) megabyte += "<deep a='1'>";
   EXPECT_FALSE(Parse(doc, megabyte));
 
+  // A tree built by hand may be far deeper: writing and freeing it must not recurse.
   doc.createDocument();
   ASSERT_TRUE(doc.createRootNode("r"));
-  Node node = doc.getRootNode(), subtree;
   const int depth = 100000, tail = 2000;
+  Node node = doc.getRootNode(), subtree;
   for (int i = 0; i < depth; ++i) {
     node = node.addChild("n", "");
     if (i == depth - tail) subtree = node;
@@ -182,33 +146,7 @@ TEST(XmlHostile, DepthIsBoundedWhenParsedAndUnboundedWhenBuilt) {
   const std::string out = subtree.toString();
   EXPECT_EQ(out.rfind("<n>\n  <n>\n", 0), 0u);
   EXPECT_NE(out.find(std::string(2 * (tail - 1), ' ') + "<n>leaf</n>\n"), std::string::npos);
-  doc.getRootNode().delAllChildren();
-  EXPECT_EQ(doc.getRootNode().getChildrenCount(), 0u);
-  node = doc.getRootNode();
-  for (int i = 0; i < depth; ++i) node = node.addChild("n", "");  // freed with the document
-}
-
-TEST(XmlHostile, RandomAndTruncatedInputNeverCrashes) {
-  const std::string good =
-      "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><OAP-request version=\"4.0\" "
-      "id=\"1f\"><Header><To>7</To></Header><Body a='&amp;'>t&#65;x<![CDATA[c]]></Body>"
-      "<!-- note --><?pi data?></OAP-request>";
-  const std::string alphabet = "<>/=\"'&;#x!?[]-a1 \t\n\xc3\xe9\xff";
-  std::mt19937 random(20240611);
-  XmlReaderWriter doc;
-  for (size_t cut = 0; cut < good.size(); ++cut) EXPECT_FALSE(Parse(doc, good.substr(0, cut)));
-  for (int round = 0; round < 3000; ++round) {
-    std::string text = good;
-    for (int e = 0, edits = 1 + static_cast<int>(random() % 4); e < edits; ++e) {
-      text[random() % text.size()] =
-          round % 3 == 0 ? static_cast<char>(random() % 256) : alphabet[random() % alphabet.size()];
-    }
-    std::string once;
-    if (Parse(doc, text)) {
-      ASSERT_TRUE(doc.toString(once));
-    }
-  }
-}
+}  // freed with the document
 
 TEST(XmlPaths, WalkCreateAndReport) {
   XmlReaderWriter doc;
@@ -219,91 +157,56 @@ TEST(XmlPaths, WalkCreateAndReport) {
   doc.createDocumentPath(3, "r", "a", "b").value() = "v";
   doc.createDocumentPath({"r", "a", "c"});
   EXPECT_FALSE(doc.createRootNode("again"));
-  EXPECT_TRUE(doc.isNode({"ignored", "a", "b"}));
-  EXPECT_FALSE(doc.isNode(3, "r", "a", "zz"));
+  EXPECT_TRUE(doc.isNode({"ignored", "a", "b"}) && !doc.isNode(3, "r", "a", "zz"));
   EXPECT_TRUE(doc.getNode(3, "r", "a", "b").value() == "v");
   EXPECT_EQ(doc.getRootNode()["a"].getChildrenCount(), 2u);
   EXPECT_EQ(Thrown([&] { doc.getNode({"r", "a", "missing"}); }), "Node not present");
 }
 
-class XmlFileTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/xml_file_test_XXXXXX";
-    const int fd = mkstemp(pattern);
-    ASSERT_GE(fd, 0);
-    ::close(fd);
-    m_path = pattern;
-  }
-  void TearDown() override { std::remove(m_path.c_str()); }
-  std::string Contents() const {
-    std::stringstream text;
-    text << std::ifstream(m_path).rdbuf();
-    return text.str();
-  }
-  void SetContents(const std::string& text) const { std::ofstream(m_path) << text; }
-
-  std::string m_path;
-};
-
-TEST_F(XmlFileTest, WritesAndReadsBackThroughFlagsAndOwnFile) {
+TEST(XmlFile, WritesReadsOpensAndLocks) {
+  const std::string path = ::testing::TempDir() + "xml_file_test_" + std::to_string(getpid());
+  auto contents = [&] {
+    return std::string(std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {});
+  };
+  using X = XmlReaderWriter;
   XmlReaderWriter doc;
-  EXPECT_FALSE(doc.read() || doc.write() || doc.write(m_path));  // no file, no tree
+  EXPECT_FALSE(doc.read() || doc.write() || doc.write(path));  // no file, no tree
   ASSERT_TRUE(Parse(doc, "<cfg><item k=\"1\">a much longer text than the result</item></cfg>"));
   EXPECT_FALSE(doc.write("/nonexistent-dir/x.xml"));
-  ASSERT_TRUE(doc.write(m_path));
-  XmlReaderWriter loaded(m_path, XmlReaderWriter::OPEN_FILE | XmlReaderWriter::OPEN_READ |
-                                     XmlReaderWriter::OPEN_LOCK | XmlReaderWriter::OPEN_UNLOCK);
+  ASSERT_TRUE(doc.write(path));
+  X loaded(path, X::OPEN_FILE | X::OPEN_READ | X::OPEN_LOCK | X::OPEN_UNLOCK);
   EXPECT_TRUE(loaded.isFileOpened() && loaded.isFileLoaded());
   EXPECT_FALSE(loaded.isFileLocked() || loaded.isMutable());
   EXPECT_TRUE(loaded.getRootNode()["item"].attributeValue("k") == 1);
 
-  XmlReaderWriter own(m_path, 0);
-  EXPECT_FALSE(own.write());  // not opened yet
-  ASSERT_TRUE(own.open(false, true));
+  X own(path, 0);
+  ASSERT_TRUE(!own.write() && own.open(false, true) && own.read());
   EXPECT_FALSE(own.open(false, true));  // already opened
-  ASSERT_TRUE(own.read());
   own.getRootNode()["item"].value() = "b";
-  own.getRootNode()["new"].attributeValue("n") = 7;
+  own.getRootNode()["new"].attributeValue("n") = 7;  // mutable: created
   ASSERT_TRUE(own.write());
-  EXPECT_EQ(Contents(), kDecl + "<cfg>\n  <item k=\"1\">b</item>\n  <new n=\"7\"/>\n</cfg>\n");
+  EXPECT_EQ(contents(), kDecl + "<cfg>\n  <item k=\"1\">b</item>\n  <new n=\"7\"/>\n</cfg>\n");
   ASSERT_TRUE(own.read());  // reads its own output again
   EXPECT_TRUE(own.getRootNode()["new"].attributeValue("n") == 7);
-  EXPECT_TRUE(own.close());
-  EXPECT_FALSE(own.close());
-  EXPECT_FALSE(own.isFileOpened() || own.isFileLoaded() || own.isFileLocked());
-  EXPECT_TRUE(own.isDocumentPresent());  // the tree stays
-  EXPECT_FALSE(own.open(true, false));   // the file object is gone
+  EXPECT_TRUE(own.close() && !own.close() && own.isDocumentPresent());  // the tree stays
+  EXPECT_FALSE(own.isFileOpened() || own.isFileLoaded() || own.open(true, false));
 
-  SetContents("<broken>");
-  XmlReaderWriter bad(m_path, XmlReaderWriter::OPEN_FILE | XmlReaderWriter::OPEN_READ);
-  EXPECT_TRUE(bad.isFileOpened());
-  EXPECT_FALSE(bad.isFileLoaded() || bad.isDocumentPresent());
-}
+  std::ofstream(path) << "<broken>";
+  X bad(path, X::OPEN_FILE | X::OPEN_READ);
+  EXPECT_TRUE(bad.isFileOpened() && !bad.isFileLoaded() && !bad.isDocumentPresent());
+  EXPECT_FALSE(X(path + ".missing", X::OPEN_FILE).isFileOpened());
+  X created(path + ".new", X::OPEN_FILE | X::OPEN_CREATE);
+  EXPECT_TRUE(created.isFileOpened() && !created.read());  // empty file: no document
+  std::remove((path + ".new").c_str());
 
-TEST_F(XmlFileTest, OpenFlagsCreateTruncateAndLock) {
-  EXPECT_FALSE(XmlReaderWriter(m_path + ".missing", XmlReaderWriter::OPEN_FILE).isFileOpened());
-  XmlReaderWriter created(m_path + ".new",
-                          XmlReaderWriter::OPEN_FILE | XmlReaderWriter::OPEN_CREATE);
-  EXPECT_TRUE(created.isFileOpened());
-  EXPECT_FALSE(created.read());  // empty file: no document
-  std::remove((m_path + ".new").c_str());
-
-  SetContents("<old/>");
-  XmlReaderWriter doc(m_path, 0);
-  EXPECT_FALSE(doc.open(XmlReaderWriter::OPEN_CREATE));  // bit 1 missing
-  EXPECT_FALSE(doc.lock(true, false) || doc.unlock());
-  ASSERT_TRUE(doc.open(XmlReaderWriter::OPEN_FILE | XmlReaderWriter::OPEN_TRUNCATE |
-                       XmlReaderWriter::OPEN_LOCK | XmlReaderWriter::OPEN_MUTABLE));
-  EXPECT_EQ(Contents(), "");
-  EXPECT_TRUE(doc.isFileLocked() && doc.isMutable());
-  XmlReaderWriter other(m_path, XmlReaderWriter::OPEN_FILE);
-  EXPECT_TRUE(other.lock(true, false));  // shared locks coexist
-  EXPECT_TRUE(other.unlock());
+  X locked(path, 0);
+  EXPECT_FALSE(locked.open(X::OPEN_CREATE) || locked.lock(true, false) || locked.unlock());
+  ASSERT_TRUE(locked.open(X::OPEN_FILE | X::OPEN_TRUNCATE | X::OPEN_LOCK | X::OPEN_MUTABLE));
+  EXPECT_TRUE(contents().empty() && locked.isFileLocked() && locked.isMutable());
+  X other(path, X::OPEN_FILE);
   EXPECT_FALSE(other.lock(false, false));  // exclusive is refused while shared is held
-  EXPECT_TRUE(doc.unlock());
-  EXPECT_TRUE(other.lock(false, false));
-  EXPECT_TRUE(other.lock(false, false));  // already locked
+  EXPECT_TRUE(locked.unlock() && other.lock(false, false) && other.lock(false, false));
+  std::remove(path.c_str());
 }
 
 class XmlNodeTest : public ::testing::Test {
@@ -319,14 +222,12 @@ class XmlNodeTest : public ::testing::Test {
 };
 
 TEST_F(XmlNodeTest, ReadsAndWalksWithCursors) {
-  std::vector<std::string> names;
-  while (m_root.nextChildNode()) names.push_back(m_root.childNode().name());
-  EXPECT_EQ(names,
-            (std::vector<std::string>{"item", "other", "item", "num", "flag", "real", "empty"}));
+  std::string names;
+  while (m_root.nextChildNode()) names += std::string(m_root.childNode().name()) + ",";
+  EXPECT_EQ(names, "item,other,item,num,flag,real,empty,");
   EXPECT_TRUE(m_root.childNode().name() == "item");  // cursor ran off: first child again
   EXPECT_TRUE(m_root.isAttribute("kind") && !m_root.isAttribute("Kind"));
   EXPECT_TRUE(m_root.hasChild("num") && !m_root.hasChild("nu"));
-  EXPECT_EQ(m_root.getSameChildrenCount("item"), 2u);
   EXPECT_TRUE(m_root.getChildNode("item", 1).attributeValue("n") == "2");
   EXPECT_TRUE(m_root.getChildNode(3).value() == -42);
   EXPECT_TRUE(m_root.isChildValue("item", "one") && !m_root.isChildValue("item", "two"));
@@ -340,23 +241,19 @@ TEST_F(XmlNodeTest, ReadsAndWalksWithCursors) {
   EXPECT_TRUE(other.leftSibling("item").value() == "one");
   EXPECT_TRUE(other.isRightSibling("real") && !other.isRightSibling("other"));
   EXPECT_TRUE(other.isLeftSibling("") && !other.isLeftSibling("num"));
-  EXPECT_TRUE(other.parentNode() == m_root);
-  EXPECT_TRUE(other.isParentNode() && !m_root.isParentNode());
+  EXPECT_TRUE(other.parentNode() == m_root && other.isParentNode() && !m_root.isParentNode());
   std::string attributes;
-  while (m_root.nextAttribute()) {
+  while (m_root.nextAttribute())
     attributes +=
         std::string(m_root.attributeName()) + "=" + std::string(m_root.attributeValue()) + ";";
-  }
   EXPECT_EQ(attributes, "id=1a;kind=x;");
-  EXPECT_TRUE(m_root.attributeName(1) == "kind");  // an index moves the cursor
-  EXPECT_TRUE(m_root.attributeValue() == "x");
+  EXPECT_TRUE(m_root.attributeName(1) == "kind" && m_root.attributeValue() == "x");  // cursor
   EXPECT_TRUE(m_root["item"] == "item");
 }
 
-TEST_F(XmlNodeTest, ReadOnlyDocumentThrowsTheDefinedTexts) {
-  Node first = m_root[0u];
-  Node last = m_root["empty"];
-  const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+TEST_F(XmlNodeTest, ReadOnlyAndDetachedNodesThrowTheDefinedTexts) {
+  Node first = m_root[0u], last = m_root["empty"];
+  const std::vector<std::pair<Action, std::string>> cases = {
       {[&] { m_root["gone"]; }, "Unable to find child node 'gone'."},
       {[&] { m_root[7u]; }, "Unable to find child node."},
       {[&] { m_root.getChildNode(-1); }, "Unable to find child node."},
@@ -378,8 +275,18 @@ TEST_F(XmlNodeTest, ReadOnlyDocumentThrowsTheDefinedTexts) {
       {[] { Node().value(); }, "NULL node or node name."},
   };
   for (const auto& c : cases) EXPECT_EQ(Thrown(c.first), c.second);
-  EXPECT_EQ(m_root.getChildrenCount(), 7u);
-  EXPECT_EQ(m_root.getAttributeCount(), 2u);
+  EXPECT_TRUE(m_root.getChildrenCount() == 7u && m_root.getAttributeCount() == 2u);  // no growth
+
+  Node none, dummy("d", "v");
+  EXPECT_EQ(dummy.toString(), "<d>v</d>\n");
+  for (Node* n : {&none, &dummy}) {
+    for (const Action& action : std::vector<Action>{
+             [&] { (*n)["x"]; }, [&] { (*n)[0u]; }, [&] { n->childNode(); },
+             [&] { n->nextChildNode(); }, [&] { n->parentNode(); }, [&] { n->rightSibling(""); },
+             [&] { n->attributeValue("x"); }, [&] { n->isAttribute("x"); },
+             [&] { n->addChild("x", ""); }, [&] { n->delAllChildren(); }})
+      EXPECT_EQ(Thrown(action), "Not an actual node in the XML tree.");
+  }
 }
 
 TEST_F(XmlNodeTest, MutableDocumentGrowsInsteadOfThrowing) {
@@ -390,8 +297,7 @@ TEST_F(XmlNodeTest, MutableDocumentGrowsInsteadOfThrowing) {
   Node third = m_root.getChildNode("item", 5);  // one new child, whatever the index
   EXPECT_EQ(m_root.getSameChildrenCount("item"), 3u);
   EXPECT_FALSE(third.isRightSibling(""));  // appended at the end
-  EXPECT_TRUE(m_root.attributeValue("new") == "");
-  EXPECT_TRUE(m_root.attributeName(2) == "new");
+  EXPECT_TRUE(m_root.attributeValue("new") == "" && m_root.attributeName(2) == "new");
   EXPECT_EQ(Thrown([&] { m_root.attributeValue(""); }),
             "Unable to create new attribute by given name.");
   Node copy = m_root.addChild("item", "one");
@@ -409,16 +315,13 @@ TEST_F(XmlNodeTest, ChangesChildrenAndAttributes) {
   EXPECT_TRUE(m_root.addAttribute("kind", "y"));  // replaces in place
   EXPECT_TRUE(m_root.attributeName(1) == "kind" && m_root.attributeValue(1) == "y");
   EXPECT_FALSE(m_root.delAttribute("kind", "x"));
-  EXPECT_TRUE(m_root.delAttribute("kind", "y"));
-  EXPECT_FALSE(m_root.delAttribute("kind"));
+  EXPECT_TRUE(m_root.delAttribute("kind", "y") && !m_root.delAttribute("kind"));
   m_root.delAllAttributes();
   EXPECT_EQ(m_root.getAttributeCount(), 0u);
-  EXPECT_TRUE(m_root.delChild("item", "two"));
-  EXPECT_FALSE(m_root.delChild("item", "two"));
+  EXPECT_TRUE(m_root.delChild("item", "two") && !m_root.delChild("item", "two"));
   EXPECT_TRUE(m_root.delChild("item"));
   EXPECT_TRUE(m_root[m_root.getChildrenCount() - 1].value() == "three");
-  EXPECT_TRUE(m_root.delChild(0));  // "other"
-  EXPECT_FALSE(m_root.delChild(99));
+  EXPECT_TRUE(m_root.delChild(0) && !m_root.delChild(99));       // "other"
   EXPECT_TRUE(m_root["num"].rightSibling("").name() == "flag");  // siblings renumbered
   m_root.addChild("num", "");
   EXPECT_EQ(m_root.delSameChildren("num"), 2u);
@@ -427,59 +330,31 @@ TEST_F(XmlNodeTest, ChangesChildrenAndAttributes) {
   EXPECT_EQ(m_root.toString(), "<root>\n</root>\n");
 }
 
-TEST_F(XmlNodeTest, DetachedNodesOnlyKnowTheirOwnElement) {
-  Node none;
-  Node dummy("d", "v");
-  EXPECT_EQ(dummy.toString(), "<d>v</d>\n");
-  for (Node* node : {&none, &dummy}) {
-    const std::vector<std::function<void()>> actions = {
-        [&] { (*node)["x"]; },
-        [&] { (*node)[0u]; },
-        [&] { node->childNode(); },
-        [&] { node->nextChildNode(); },
-        [&] { node->parentNode(); },
-        [&] { node->rightSibling(""); },
-        [&] { node->attributeValue("x"); },
-        [&] { node->isAttribute("x"); },
-        [&] { node->addChild("x", ""); },
-        [&] { node->delAllChildren(); },
-    };
-    for (const auto& action : actions) {
-      EXPECT_EQ(Thrown(action), "Not an actual node in the XML tree.");
-    }
-  }
-}
-
 TEST_F(XmlNodeTest, NodeStringConversions) {
   NodeString absent = m_root["empty"].value();
   EXPECT_EQ(static_cast<char*>(absent), nullptr);
-  EXPECT_EQ(std::string(absent), "");
-  EXPECT_EQ(static_cast<int>(absent), 0);
-  EXPECT_FALSE(static_cast<bool>(absent));
-  EXPECT_FALSE(absent == "");
+  EXPECT_TRUE(absent == static_cast<const char*>(nullptr) && !(absent == ""));
+  EXPECT_TRUE(std::string(absent).empty() && static_cast<int>(absent) == 0 && !bool(absent));
   EXPECT_EQ(static_cast<long>(m_root["num"].value()), -42L);
   EXPECT_EQ(static_cast<unsigned long>(m_root.attributeValue("kind")), 0ul);
   EXPECT_EQ(static_cast<unsigned int>(m_root["item"].attributeValue("n")), 1u);
-  EXPECT_FLOAT_EQ(static_cast<float>(m_root["real"].value()), 2.5f);
-  EXPECT_TRUE(m_root["real"].value() == 2.5);
-  EXPECT_TRUE(m_root["flag"].value() == false);
-  EXPECT_TRUE(m_root["item"].value() == true);
+  EXPECT_TRUE(static_cast<float>(m_root["real"].value()) == 2.5f && m_root["real"].value() == 2.5);
+  EXPECT_TRUE(m_root["flag"].value() == false && m_root["item"].value() == true);
   EXPECT_TRUE(m_root["item"].value() != std::string("two"));
   NodeString flag = m_root["flag"].value();
-  for (const char* falsy : {"false", "FALSE", "0", "no", "nO", ""}) {
-    flag = falsy;
-    EXPECT_FALSE(static_cast<bool>(flag)) << falsy;
-  }
-  for (const char* truthy : {"true", "yes", "1", "00", "n"}) {
-    flag = truthy;
-    EXPECT_TRUE(static_cast<bool>(flag)) << truthy;
+  const std::pair<const char*, bool> truths[] = {
+      {"false", false}, {"FALSE", false}, {"0", false}, {"no", false}, {"nO", false}, {"", false},
+      {"true", true},   {"yes", true},    {"1", true},  {"00", true},  {"n", true}};
+  for (const auto& t : truths) {
+    flag = t.first;
+    EXPECT_EQ(static_cast<bool>(flag), t.second) << t.first;
   }
 }
 
 TEST_F(XmlNodeTest, NodeStringAssignmentsWriteIntoTheTree) {
   Node num = m_root["num"];
   NodeString value = num.value();
-  const std::vector<std::pair<std::function<void()>, const char*>> cases = {
+  const std::vector<std::pair<Action, const char*>> cases = {
       {[&] { value = 70000u; }, "4464"},
       {[&] { value = -5; }, "-5"},
       {[&] { value = 1.5; }, "1.500000"},
@@ -488,8 +363,7 @@ TEST_F(XmlNodeTest, NodeStringAssignmentsWriteIntoTheTree) {
       {[&] { value = 4294967295ul; }, "4294967295"},
       {[&] { value = true; }, "true"},
       {[&] { value = std::string("s"); }, "s"},
-      {[&] { value = m_root["item"].value(); }, "one"},
-  };
+      {[&] { value = m_root["item"].value(); }, "one"}};
   for (const auto& c : cases) {
     c.first();
     EXPECT_TRUE(num.value() == c.second) << c.second;
@@ -503,27 +377,21 @@ TEST_F(XmlNodeTest, NodeStringAssignmentsWriteIntoTheTree) {
             "NULL assignment to node string Lvalue.");
 }
 
-TEST_F(XmlNodeTest, NodeStringMisuseThrowsTheDefinedTexts) {
+TEST(XmlNodeString, MisuseThrowsTheDefinedTexts) {
   NodeString nothing;
-  for (const auto& use : std::vector<std::function<void()>>{
-           [&] { static_cast<void>(static_cast<char*>(nothing)); },
-           [&] { static_cast<void>(static_cast<unsigned long>(nothing)); },
-           [&] { static_cast<void>(nothing == "x"); },
-           [&] { nothing = "x"; },
-           [&] { nothing = 1; },
-       }) {
+  for (const Action& use :
+       std::vector<Action>{[&] { static_cast<void>(static_cast<char*>(nothing)); },
+                           [&] { static_cast<void>(static_cast<unsigned long>(nothing)); },
+                           [&] { static_cast<void>(nothing == "x"); }, [&] { nothing = "x"; },
+                           [&] { nothing = 1; }})
     EXPECT_EQ(Thrown(use), "NULL node string.");
-  }
   XmlElement element("e");
   NodeString wrongKind(3, &element, nullptr, NodeString::PART_NAME);
   EXPECT_EQ(Thrown([&] { wrongKind = "x"; }), "Unwanted exception at node string assignment.");
   EXPECT_EQ(Thrown([&] { wrongKind = 3; }), "Unwanted exception at node int assignment.");
   NodeString wrongPart(NodeString::KIND_ATTRIBUTE, &element, nullptr, NodeString::PART_VALUE);
   EXPECT_EQ(Thrown([&] { wrongPart = true; }), "Unwanted exception at node int assignment.");
-  EXPECT_EQ(element.name(), "e");
-
   EXPECT_EQ(NodeException().getMessage(), "Some error occurred.");
-  EXPECT_EQ(NodeException("%s-%d", "a", 7).getMessage(), "a-7");
   EXPECT_EQ(NodeException("%s", std::string(5000, 'z').c_str()).getMessage(),
             std::string(2047, 'z'));
 }
