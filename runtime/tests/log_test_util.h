@@ -17,20 +17,17 @@
 #include "QmsysSystemLog.h"
 
 // A fresh directory under /tmp, removed with its contents at scope end.
-class LogTempDir {
- public:
+struct LogTempDir {
   LogTempDir() {
     char pattern[] = "/tmp/qmlogtest.XXXXXX";
-    m_path = mkdtemp(pattern) != nullptr ? pattern : "";
+    dir = mkdtemp(pattern) != nullptr ? pattern : "";
   }
   ~LogTempDir() {
-    if (!m_path.empty()) std::filesystem::remove_all(m_path);
+    if (!dir.empty()) std::filesystem::remove_all(dir);
   }
-  const std::string& path() const { return m_path; }
-  std::string file(const std::string& name) const { return m_path + "/" + name; }
-
- private:
-  std::string m_path;
+  const std::string& path() const { return dir; }
+  std::string file(const std::string& name) const { return dir + "/" + name; }
+  std::string dir;
 };
 
 inline std::string LogReadFile(const std::string& path) {
@@ -96,13 +93,11 @@ class SystemLogCapture {
     QmsysSystemLog::SetListener(&Record);
   }
   ~SystemLogCapture() { QmsysSystemLog::SetListener(nullptr); }
-
   // True when an entry from `function` contains `text`.
   bool contains(const std::string& function, const std::string& text) const {
     std::lock_guard<std::mutex> lock(s_mutex);
-    for (const auto& entry : s_entries) {
-      if (entry.first == function && entry.second.find(text) != std::string::npos) return true;
-    }
+    for (const auto& e : s_entries)
+      if (e.first == function && e.second.find(text) != std::string::npos) return true;
     return false;
   }
 

@@ -13,43 +13,42 @@ using Logger = QmsysEventLogInterface;
 class LoggerConfigTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    LogWriteFile(configPath(),
-                 "[main]\nmodA=shared\nmodB=shared\nmodC=own\n"
-                 "[shared]\nwriter=file\nlevel=debug\n"
-                 "[own]\nwriter=file\nlevel=error\n"
-                 "[common]\nwriter=file\nlevel=warn\n");
+    LogWriteFile(Logger::getConfigFileName(dir()),
+                 "[main]\nmodA=shared\nmodB=shared\nmodC=own\n[shared]\nwriter=file\nlevel=debug\n"
+                 "[own]\nwriter=file\nlevel=error\n[common]\nwriter=file\nlevel=warn\n");
   }
-  std::string configPath() const { return Logger::getConfigFileName(m_dir.path()); }
-  IniReaderWriter reread() const { return IniReaderWriter(configPath(), true, false, false); }
-
+  const std::string& dir() const { return m_dir.path(); }
+  bool has(const std::string& head) const {
+    return IniReaderWriter(Logger::getConfigFileName(dir()), true, false, false)
+        .isHeadPresent(head);
+  }
+  std::string level(const std::string& module) const {
+    return Logger::getModuleAttributeValues(dir(), module, "level");
+  }
   LogTempDir m_dir;
 };
 
 TEST_F(LoggerConfigTest, DeleteLoggerKeepsSectionsOthersStillUse) {
-  ASSERT_TRUE(Logger::deleteLogger(m_dir.path(), "modA"));
-  ASSERT_TRUE(Logger::deleteLogger(m_dir.path(), "modC"));
-  IniReaderWriter ini = reread();
-  EXPECT_FALSE(ini.isKeyPresent("[main]", "modA"));
-  EXPECT_FALSE(ini.isKeyPresent("[main]", "modC"));
-  EXPECT_TRUE(ini.isHeadPresent("[shared]"));  // modB still logs through it
-  EXPECT_FALSE(ini.isHeadPresent("[own]"));
-  EXPECT_EQ("warn", Logger::getModuleAttributeValues(m_dir.path(), "modC", "level"));
-
-  ASSERT_TRUE(Logger::deleteLogger(m_dir.path(), "modB"));
-  EXPECT_FALSE(reread().isHeadPresent("[shared]"));
-  EXPECT_TRUE(Logger::deleteLogger(m_dir.path(), "unknown"));  // nothing to change
-  EXPECT_TRUE(reread().isHeadPresent("[common]"));
+  ASSERT_TRUE(Logger::deleteLogger(dir(), "modA"));
+  ASSERT_TRUE(Logger::deleteLogger(dir(), "modC"));
+  EXPECT_EQ("debug", level("modB"));  // modB still logs through "[shared]"
+  EXPECT_FALSE(has("[own]"));
+  EXPECT_EQ("warn", level("modA"));  // both now fall back to "[common]"
+  EXPECT_EQ("warn", level("modC"));
+  ASSERT_TRUE(Logger::deleteLogger(dir(), "modB"));
+  EXPECT_FALSE(has("[shared]"));
+  EXPECT_TRUE(Logger::deleteLogger(dir(), "unknown"));  // nothing to change
+  EXPECT_TRUE(has("[common]"));
 }
 
 TEST_F(LoggerConfigTest, UpdateLoggerNameRepointsOrCreatesTheSection) {
-  ASSERT_TRUE(Logger::updateLoggerName(m_dir.path(), "modA", "own"));
-  EXPECT_EQ("error", Logger::getModuleAttributeValues(m_dir.path(), "modA", "level"));
-
-  ASSERT_TRUE(Logger::updateLoggerName(m_dir.path(), "modD", "fresh_logger"));
-  EXPECT_EQ("info", Logger::getModuleAttributeValues(m_dir.path(), "modD", "level"));
-  const std::string logPath = Logger::getModuleAttributeValues(m_dir.path(), "modD", "filePath");
+  ASSERT_TRUE(Logger::updateLoggerName(dir(), "modA", "own"));
+  EXPECT_EQ("error", level("modA"));
+  ASSERT_TRUE(Logger::updateLoggerName(dir(), "modD", "fresh_logger"));
+  EXPECT_EQ("info", level("modD"));
+  const std::string logPath = Logger::getModuleAttributeValues(dir(), "modD", "filePath");
   EXPECT_TRUE(LogFileExists(logPath)) << logPath;
-  EXPECT_FALSE(Logger::updateLoggerName(m_dir.path(), "modD", ""));
+  EXPECT_FALSE(Logger::updateLoggerName(dir(), "modD", ""));
 }
 
 TEST(LoggerConfigMissingTest, EditsOfAMissingFileFail) {

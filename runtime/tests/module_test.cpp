@@ -3,19 +3,16 @@
 #include <atomic>
 #include <functional>
 #include <stdexcept>
-#include <string>
 
 #include "QmThreadModule.h"
 #include "QmconException.h"
 #include "QmioException.h"
 #include "QmsysEventLogInterface.h"
-#include "log_test_util.h"
 #include "net_test_support.h"
 
 namespace {
 
-class PlainModule : public QmPlainModule {
- public:
+struct PlainModule : QmPlainModule {
   std::string GetRunningModuleName() override { return "NetModuleTest"; }
   bool InitializeSpecial() override { return ++initialised, initResult; }
   bool FinalizeSpecial() override { return ++finalised, false; }  // Finalize still says true
@@ -26,41 +23,32 @@ class PlainModule : public QmPlainModule {
 };
 
 // A thread module whose work loop is given by the test.
-class LoopModule : public QmThreadModule {
- public:
-  explicit LoopModule(std::function<void(LoopModule&)> loop) : m_loop(std::move(loop)) {}
+struct LoopModule : QmThreadModule {
+  explicit LoopModule(std::function<void(LoopModule&)> loop) : loop(std::move(loop)) {}
   std::string GetRunningModuleName() override { return "Loop Module"; }
-  void DoThreadWork() override { m_loop(*this); }
+  void DoThreadWork() override { loop(*this); }
   bool FinalizeSpecial() override { return ++finalised, true; }
-
+  std::function<void(LoopModule&)> loop;
   std::atomic<int> finalised{0};
-
- private:
-  std::function<void(LoopModule&)> m_loop;
 };
 
 TEST(PlainModuleTest, LoggerRules) {
   RecordingLogger log;
-  PlainModule without;
-  EXPECT_TRUE(without.Initialize(nullptr, ""));
+  PlainModule without, given, optional, owning;
+  EXPECT_TRUE(without.Initialize(nullptr, ""));  // required but none given or made
   EXPECT_EQ(nullptr, without.GetLogger());
   EXPECT_EQ(1, without.initialised);
-
-  PlainModule given;
   given.initResult = false;
   EXPECT_FALSE(given.Initialize(&log, "/nonexistent"));
   EXPECT_EQ(&log, given.GetLogger());
   EXPECT_TRUE(given.Finalize());
   EXPECT_EQ(1, given.finalised);
-
-  PlainModule optional;  // needs none: keeps the one it has when passed none
-  optional.loggerRequired = false;
+  optional.loggerRequired = false;  // keeps the one it has when passed none
   optional.Initialize(&log, "");
   optional.Initialize(nullptr, "/tmp");
   EXPECT_EQ(&log, optional.GetLogger());
 
   LogTempDir dir;  // without one passed, creates its own and stops it at the end
-  PlainModule owning;
   EXPECT_TRUE(owning.Initialize(nullptr, dir.path()));
   auto* created = dynamic_cast<QmsysEventLogInterface*>(owning.GetLogger());
   ASSERT_NE(nullptr, created);

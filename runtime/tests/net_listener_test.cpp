@@ -17,8 +17,12 @@ namespace {
 // What the handlers of one listener saw.
 struct Traffic {
   std::mutex mutex;
-  std::vector<std::string> connections;  // all data of each finished connection
+  std::multiset<std::string> connections;  // all data of each finished connection
   std::atomic<int> calls{0}, handlers{0}, destroyed{0};
+  void Finished(const std::string& seen) {
+    std::lock_guard<std::mutex> lock(mutex);
+    connections.insert(seen);
+  }
 };
 
 // Acknowledges each piece with "k"; "bye" ends the connection, "hang" blocks
@@ -26,19 +30,16 @@ struct Traffic {
 class AckHandler : public QmioSocketAdvHandler {
  public:
   AckHandler(Traffic* traffic, QmLogInterface* logger)
-      : QmioSocketAdvHandler("", 100), m_traffic(traffic) {
+      : QmioSocketAdvHandler("", 100), m_t(traffic) {
     SetLogger(logger);
-    ++m_traffic->handlers;
+    ++m_t->handlers;
   }
   ~AckHandler() override {
-    {
-      std::lock_guard<std::mutex> lock(m_traffic->mutex);
-      m_traffic->connections.push_back(m_seen);
-    }
-    ++m_traffic->destroyed;  // last touch of the shared record
+    m_t->Finished(m_seen);
+    ++m_t->destroyed;  // last touch of the shared record
   }
   bool OnData(const std::string& data) override {
-    ++m_traffic->calls;
+    ++m_t->calls;
     m_seen += data;
     if (data == "bye") return false;
     while (data == "hang") pause();
@@ -47,22 +48,18 @@ class AckHandler : public QmioSocketAdvHandler {
   }
 
  private:
-  Traffic* m_traffic;
+  Traffic* m_t;
   std::string m_seen;
 };
 
-class TestListener : public QmioSocketListener {
- public:
+struct TestListener : QmioSocketListener {
   TestListener(int limit, int threads, Traffic* traffic)
-      : QmioSocketListener(limit, threads), m_traffic(traffic) {}
+      : QmioSocketListener(limit, threads), traffic(traffic) {}
   std::string GetRunningModuleName() override { return "Test Listener"; }
   bool OnConnection(QmioSocket*) override { return accept; }
-  QmioSocketEventHandler* GetHandler() override { return new AckHandler(m_traffic, m_logger); }
-
+  QmioSocketEventHandler* GetHandler() override { return new AckHandler(traffic, m_logger); }
+  Traffic* traffic;
   std::atomic<bool> accept{true};
-
- private:
-  Traffic* m_traffic;
 };
 
 class ListenerTest : public ::testing::Test {
@@ -82,6 +79,9 @@ class ListenerTest : public ::testing::Test {
   }
   bool Logged(QmLogInterface::LogLevel level, const std::string& text) {
     return WaitUntil([&] { return log.Count(level, text) == 1; }, 5000);
+  }
+  bool Reaches(std::atomic<int>& counter, int value) {
+    return WaitUntil([&] { return counter == value; }, 5000);
   }
 
   RecordingLogger log;
@@ -108,11 +108,9 @@ TEST_F(ListenerTest, ServesFiftyConcurrentClientsPieceByPiece) {
   ASSERT_TRUE(WaitUntil([&] { return traffic.destroyed == clients; }, 20000));
   EXPECT_EQ(clients * pieces, traffic.calls.load());
   std::multiset<std::string> expected;  // each handler saw its own pieces, in order
-  for (int c = 0; c < clients; ++c) {
+  for (int c = 0; c < clients; ++c)
     expected.insert(piece(c, 0) + piece(c, 1) + piece(c, 2) + piece(c, 3));
-  }
-  EXPECT_EQ(expected,
-            std::multiset<std::string>(traffic.connections.begin(), traffic.connections.end()));
+  EXPECT_EQ(expected, traffic.connections);
   EXPECT_EQ(clients, log.Count(QmLogInterface::LEVEL_INFO,
                                "Connection with client [IP address '127.0.0.1'] accepted."));
   EXPECT_LT(StopListener(), 6000);
@@ -156,11 +154,11 @@ TEST_F(ListenerTest, StopsPromptlyWhileConnectionsAreOpen) {
   reading.Send("hello");
   EXPECT_EQ("k", reading.Receive(1, 5000));
   RawClient silent(port);  // stays with the select thread
-  ASSERT_TRUE(WaitUntil([&] { return traffic.handlers == 2; }, 5000));
+  ASSERT_TRUE(Reaches(traffic.handlers, 2));
   EXPECT_LT(StopListener(), 4000);
   EXPECT_TRUE(reading.SeesClose(3000));
   EXPECT_TRUE(silent.SeesClose(3000));
-  EXPECT_TRUE(WaitUntil([&] { return traffic.destroyed == 2; }, 3000));
+  EXPECT_TRUE(Reaches(traffic.destroyed, 2));
   EXPECT_FALSE(RawClient(port).Connected());
 }
 
@@ -169,11 +167,11 @@ TEST_F(ListenerTest, StopEndsAWorkerStuckInsideItsHandler) {
   Start(8, 2);
   RawClient stuck(port);
   stuck.Send("hang");
-  ASSERT_TRUE(WaitUntil([&] { return traffic.calls == 1; }, 5000));
+  ASSERT_TRUE(Reaches(traffic.calls, 1));
   // The kill unwinds through the handler's catch-all without stopping the
   // process, and the connection goes with its handler.
   EXPECT_LT(StopListener(), 8000);
-  EXPECT_TRUE(WaitUntil([&] { return traffic.destroyed == 1; }, 5000));
+  EXPECT_TRUE(Reaches(traffic.destroyed, 1));
   EXPECT_TRUE(stuck.SeesClose(3000));
   EXPECT_EQ(0, log.Count(QmLogInterface::LEVEL_NONE, "Unknown exception occured"));
 }
@@ -181,7 +179,7 @@ TEST_F(ListenerTest, StopEndsAWorkerStuckInsideItsHandler) {
 TEST_F(ListenerTest, FullPoolEndsTheAcceptLoop) {
   Start(1, 1);
   RawClient first(port);
-  ASSERT_TRUE(WaitUntil([&] { return traffic.handlers == 1; }, 5000));
+  ASSERT_TRUE(Reaches(traffic.handlers, 1));
   RawClient second(port);
   EXPECT_TRUE(second.SeesClose(5000));
   EXPECT_TRUE(listener->WaitForThreadStop(5000));  // ended without a stop request

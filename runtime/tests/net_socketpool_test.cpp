@@ -18,21 +18,18 @@ struct HandlerLog {
 };
 
 // Reads whatever is there once and echoes its size back.
-class OneShotHandler : public QmioSocketEventHandler {
- public:
-  explicit OneShotHandler(HandlerLog* log) : m_log(log) {}
-  ~OneShotHandler() override { ++m_log->destroyed; }
+struct OneShotHandler : QmioSocketEventHandler {
+  explicit OneShotHandler(HandlerLog* log) : log(log) {}
+  ~OneShotHandler() override { ++log->destroyed; }
   void OnSocketEvent(QmioSocket* socket, SocketEvent event, void*) override {
     if (event != EVENT_DATA_READY) return;
-    ++m_log->events;
+    ++log->events;
     unsigned char buffer[256];
     QmioSocket::SocketStatus status;
     const int got = socket->Read(buffer, sizeof(buffer), 1000, status, true);
     if (got > 0) socket->Write(std::to_string(got));
   }
-
- private:
-  HandlerLog* m_log;
+  HandlerLog* log;
 };
 
 class SocketPoolTest : public ::testing::Test {

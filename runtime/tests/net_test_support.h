@@ -69,7 +69,6 @@ class RecordingLogger : public QmLogInterface {
   std::string GetLoggerName() override {
     return "recording";
   }
-
   // Lines containing `text`, at `level` (LEVEL_NONE: at any level).
   int Count(LogLevel level, const std::string& text) const {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -90,9 +89,8 @@ class RecordingLogger : public QmLogInterface {
 };
 
 inline long ElapsedMs(std::chrono::steady_clock::time_point start) {
-  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                               std::chrono::steady_clock::now() - start)
-                               .count());
+  using namespace std::chrono;
+  return static_cast<long>(duration_cast<milliseconds>(steady_clock::now() - start).count());
 }
 
 // Polls `done` every few milliseconds until it holds or `limitMs` passes.
@@ -126,17 +124,15 @@ class RawClient {
   // Up to `size` bytes within the limit; "" on time-out or end of stream.
   std::string Receive(size_t size, int limitMs) {
     pollfd p{m_fd, POLLIN, 0};
-    if (poll(&p, 1, limitMs) <= 0) return "";
     std::string buffer(size, '\0');
-    const ssize_t rc = recv(m_fd, &buffer[0], size, 0);
-    return rc > 0 ? buffer.substr(0, static_cast<size_t>(rc)) : "";
+    const ssize_t rc = poll(&p, 1, limitMs) > 0 ? recv(m_fd, &buffer[0], size, 0) : 0;
+    return buffer.substr(0, rc > 0 ? static_cast<size_t>(rc) : 0);
   }
   // True when the peer closes within the limit.
   bool SeesClose(int limitMs) {
     char byte;
-    for (pollfd p{m_fd, POLLIN, 0}; poll(&p, 1, limitMs) > 0;) {
+    for (pollfd p{m_fd, POLLIN, 0}; poll(&p, 1, limitMs) > 0;)
       if (recv(m_fd, &byte, 1, 0) <= 0) return true;
-    }
     return false;
   }
 

@@ -23,32 +23,25 @@ struct Journal {
 
 // Records its thread; holds for `holdMs` after `release` is set (StopWork
 // sets it), or for ever in a system call when `holdMs` is negative.
-class RecordingWork : public QmconDelegate {
- public:
+struct RecordingWork : QmconDelegate {
   RecordingWork(Journal* journal, int holdMs, QmconEvent* release = nullptr)
-      : m_journal(journal), m_holdMs(holdMs), m_release(release) {}
-  ~RecordingWork() override { ++m_journal->destroyed; }
-
+      : journal(journal), holdMs(holdMs), release(release) {}
+  ~RecordingWork() override { ++journal->destroyed; }
   void DoWork(void*) override {
-    {
-      std::lock_guard<std::mutex> lock(m_journal->mutex);
-      m_journal->threads.insert(pthread_self());
-    }
-    ++m_journal->started;
-    while (m_holdMs < 0) pause();
-    if (m_release != nullptr) m_release->Wait(5000);
-    std::this_thread::sleep_for(std::chrono::milliseconds(m_holdMs));
-    ++m_journal->ran;
+    std::lock_guard<std::mutex>{journal->mutex}, journal->threads.insert(pthread_self());
+    ++journal->started;
+    while (holdMs < 0) pause();
+    if (release != nullptr) release->Wait(5000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(holdMs));
+    ++journal->ran;
   }
   void StopWork() override {
-    ++m_journal->stopCalls;
-    if (m_release != nullptr) m_release->Broadcast();
+    ++journal->stopCalls;
+    if (release != nullptr) release->Broadcast();
   }
-
- private:
-  Journal* m_journal;
-  int m_holdMs;
-  QmconEvent* m_release;
+  Journal* journal;
+  int holdMs;
+  QmconEvent* release;
 };
 
 TEST(ThreadPoolTest, OneWorkerRunsItemsInTurnRetiresWhenIdleAndStops) {
