@@ -95,9 +95,8 @@ class FakeOapServer {
     char buffer[4096];
     ssize_t n = 0;
     while (request.find("</OAP-request>") == std::string::npos && WaitReadable(fd, deadline) &&
-           (n = recv(fd, buffer, sizeof buffer, 0)) > 0) {
+           (n = recv(fd, buffer, sizeof buffer, 0)) > 0)
       request.append(buffer, static_cast<size_t>(n));
-    }
     Reply reply;
     Responder responder;  // called unlocked: it may wait on the client
     {
@@ -119,8 +118,7 @@ class FakeOapServer {
     }
     // Let the client close first, so that it always sees the whole answer.
     if (!reply.silent) shutdown(fd, SHUT_WR);
-    while (WaitReadable(fd, deadline) && recv(fd, buffer, sizeof buffer, 0) > 0) {
-    }
+    while (WaitReadable(fd, deadline) && recv(fd, buffer, sizeof buffer, 0) > 0) continue;
     close(fd);
   }
 

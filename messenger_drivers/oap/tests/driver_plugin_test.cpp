@@ -1,7 +1,5 @@
 // The plug-in as a host loads it: its exported symbols, the one driver
 // object, its names, the housekeeping calls, and Setup and Cleanup.
-#include <dlfcn.h>
-
 #include <cstdio>
 #include <set>
 
@@ -25,13 +23,6 @@ class ForeignDriver : public QmProtocolDriverInterface {
 };
 
 TEST(DriverPlugin, ExportsExactlyTheTwoEntryPoints) {
-  void* handle = dlopen(QM_DRIVER_PATH, RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(handle, nullptr) << dlerror();
-  EXPECT_NE(dlsym(handle, "GetDriverInstance"), nullptr);
-  EXPECT_NE(dlsym(handle, "ReleaseDriverInstance"), nullptr);
-  EXPECT_EQ(dlsym(handle, "InitialLib"), nullptr);
-  dlclose(handle);
-
   FILE* nm = popen("nm -D --defined-only " QM_DRIVER_PATH, "r");
   ASSERT_NE(nm, nullptr);
   std::set<std::string> names;
@@ -76,10 +67,9 @@ TEST_F(DriverTest, OneDriverUntilReleased) {
 }
 
 TEST_F(DriverTest, NamesItselfAndTracesHousekeeping) {
-  EXPECT_STREQ(driver->GetName(), "OAP");
-  EXPECT_STREQ(driver->GetVersion(), "3.x/4.x");
-  EXPECT_STREQ(driver->GetProtocolName(), "Open Access Protocol (OAP)");
-  EXPECT_STREQ(driver->GetCarrierName(), "*");
+  EXPECT_EQ(std::string(driver->GetName()) + "|" + driver->GetVersion() + "|" +
+                driver->GetProtocolName() + "|" + driver->GetCarrierName(),
+            "OAP|3.x/4.x|Open Access Protocol (OAP)|*");
   EXPECT_TRUE(logger.TextsFrom("QmOAPDriver").empty());
 
   std::map<std::string, std::string> settings{{"ignored", "yes"}};
@@ -94,7 +84,6 @@ TEST_F(DriverTest, NamesItselfAndTracesHousekeeping) {
     expected.push_back(std::string("Leaving QmOAPDriver::") + op + "() with TRUE.");
   }
   EXPECT_EQ(logger.TextsFrom("QmOAPDriver"), expected);
-  EXPECT_EQ(logger.Count(kTrace, "Entering QmOAPDriver::Configure().", true), 1u);
 }
 
 TEST_F(DriverTest, SetupRefusesPortsBelowOneAndPortsInUse) {
@@ -104,7 +93,12 @@ TEST_F(DriverTest, SetupRefusesPortsBelowOneAndPortsInUse) {
   EXPECT_EQ(logger.Count(kCritical, "Invalid OAP Listener port number: 0.", true), 2u);
   EXPECT_EQ(logger.Count(kCritical, "Invalid OAP Listener port number: -5.", true), 1u);
   EXPECT_EQ(logger.Count(kCritical, "Failed to Initialize OAP Client.", true), 1u);
+  EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Failed to Start OAP Listener on '127.0.0.1:" +
+                                               std::to_string(occupant.Port()) + "'"));
   EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::Setup() with FALSE.", true), 4u);
+  // The client kept after the failure has no listener to stop.
+  driver->Cleanup();
+  EXPECT_TRUE(logger.Has(kTrace, "Leaving OAPClient::FinalizeSpecial() with FALSE."));
 }
 
 TEST_F(DriverTest, SetupReadsLeadingDigitsAndCleanupStopsTheListener) {

@@ -12,12 +12,8 @@ using Reports = QmMessengerReportsMngrInterface;
 using Jobs = std::vector<QmMessageFile*>;
 const auto kTrace = Log::LEVEL_TRACE;
 
-QmResponseChoice Choice(const std::string& text, uint32_t kind, const std::string& value = "") {
-  QmResponseChoice choice;
-  choice.Text = text;
-  choice.Kind = kind;
-  choice.Value = value;
-  return choice;
+QmResponseChoice Choice(const char* text, uint32_t kind, const char* value = "") {
+  return {0, text, value, 0, kind};
 }
 
 class SendTest : public DriverTest {
@@ -67,37 +63,33 @@ TEST_F(SendTest, RequestsCarryWhatTheJobAsksFor) {
   // Every job carries choices and presentation settings; they are used only
   // when its flags say so.
   struct Case {
-    struct {
-      const char* version;
-      bool interactive, expectsResponse, settings;
-    } job;
-    std::vector<std::string> present, absent;
+    const char* version;
+    bool interactive, expectsResponse, settings;
+    std::string present, absent;
   } cases[] = {
-      {{"3.0", false, false, false},
-       {"<OAP-request version=\"3.0\" id=\"", "<Body service=\"message\"><To>4711</To>\n",
-        "<SubjectText>Subject</SubjectText>\n<BodyText>Hello</BodyText>\n<Priority>6</Priority>"},
-       {"<TTL>", "<Option"}},
-      {{"3.0", true, false, false}, {"<Body service=\"message\">"}, {"<Option"}},
-      {{"3.0", true, true, false},
-       {"<Option id=\"1\">\n<Text>Yes</Text>\n<OnSelection>\n<DataResp>N:Yes</DataResp>\n",
-        "<Option id=\"2\">\n<Text>Call:back</Text>\n<OnSelection>\n"
-        "<CallNo method=\"\">0815</CallNo>\n<DataResp>F:Call:back</DataResp>\n",
-        "<UserResponse>Other</UserResponse>"},
-       {}},
-      {{"4.0", false, false, false},
-       {"<OAP-request version=\"4.0\"", "<Priority>6</Priority>"},
-       {"<TTL>", "<Colour>"}},
-      {{"4.0", false, false, true},
-       {"<TTL>300</TTL>\n<Priority>2</Priority>\n", "<Urgent/>\n<Colour>red</Colour>\n"},
-       {}},
-      {{"3.0", false, false, true}, {"<AvailabilityStatus/><DeliveryStatus/><TTL>300</TTL>\n"}, {}},
+      {"3.0", false, false, false,
+       "<Body service=\"message\"><To>4711</To>\n<SubjectText>Subject</SubjectText>\n<BodyText>"
+       "Hello</BodyText>\n<Priority>6</Priority>\n<AvailabilityStatus/><DeliveryStatus/></Body>",
+       "version=\"4.0\""},
+      {"3.0", true, false, false, "<Body service=\"message\">", "<Option"},
+      {"3.0", true, true, false, "<Text>Yes</Text>\n<OnSelection>\n<DataResp>N:Yes</DataResp>\n",
+       ""},
+      {"3.0", true, true, false,
+       "<Text>Call:back</Text>\n<OnSelection>\n<CallNo method=\"\">0815</CallNo>\n"
+       "<DataResp>F:Call:back</DataResp>\n",
+       ""},
+      {"3.0", true, true, false, "<UserResponse>Other</UserResponse>", ""},
+      {"4.0", false, false, true,
+       "<Urgent/>\n<Colour>red</Colour>\n</Indication>\n<TTL>300</TTL>\n<Priority>2</Priority>\n",
+       "version=\"3.0\""},
+      {"3.0", false, false, true, "<AvailabilityStatus/><DeliveryStatus/><TTL>300</TTL>\n", ""},
   };
   for (const Case& c : cases) {
     QmReferenceJob job;
-    Address(job, server.Port(), c.job.version);
-    job.IsInteractive = c.job.interactive;
-    job.ExpectsResponse = c.job.expectsResponse;
-    job.OapSettingsPresent = c.job.settings;
+    Address(job, server.Port(), c.version);
+    job.IsInteractive = c.interactive;
+    job.ExpectsResponse = c.expectsResponse;
+    job.OapSettingsPresent = c.settings;
     job.CustomResponseLabel = "Other";
     job.ResponseChoices = {Choice("Yes", 1), Choice("Call%3aback", 2, "0815")};
     job.TtlMinutes = 5;
@@ -106,10 +98,10 @@ TEST_F(SendTest, RequestsCarryWhatTheJobAsksFor) {
     job.Priority = 2;
     const std::string request = Send(job);
     SCOPED_TRACE(request);
-    for (const std::string& part : c.present) EXPECT_NE(request.find(part), std::string::npos);
-    for (const std::string& part : c.absent) EXPECT_EQ(request.find(part), std::string::npos);
+    EXPECT_NE(request.find(c.present), std::string::npos);
+    EXPECT_TRUE(c.absent.empty() || request.find(c.absent) == std::string::npos);
     EXPECT_EQ(job.GetTrackingReceipt(),
-              c.job.expectsResponse
+              c.expectsResponse
                   ? std::to_string(std::strtoul(RequestId(request).c_str(), nullptr, 16))
                   : "");
   }
@@ -153,28 +145,20 @@ TEST_F(SendTest, CallerNumberRules) {
             1u);
 }
 
+// One refusal and one failure to connect; the other failures of an exchange
+// and their texts are pinned by the controller's tests.
 TEST_F(SendTest, FailedSendsKeepSendingStatusAndTellWhy) {
-  const std::string refused = ResponseDoc("0", 1, 407);  // the id is not checked
-  struct Case {
-    const char *reply, *error;
-  } cases[] = {
-      {refused.c_str(), "Client not registered"},
-      {"<html>busy</html>", "Dispatch Failure"},
-      {"", "Socket is closed"},  // the server hangs up
-  };
-  for (const Case& c : cases) {
-    server.Queue({c.reply});
-    QmReferenceJob job;
-    Address(job, server.Port());
-    Send(job, false);
-    EXPECT_EQ(job.GetTrackingReceipt(), "");
-    EXPECT_EQ(job.GetErrorText(), c.error);
+  server.Queue({ResponseDoc("0", 1, 407)});  // the id is not checked
+  QmReferenceJob refused, unreachable;
+  Address(refused, server.Port());
+  Address(unreachable, UnusedPort());
+  for (QmReferenceJob* job : {&refused, &unreachable}) {
+    Send(*job, false);
+    EXPECT_EQ(job->GetTrackingReceipt(), "");
   }
-  QmReferenceJob job;
-  Address(job, UnusedPort());
-  Send(job, false);
-  EXPECT_EQ(job.GetErrorText(), "Socket Connecting Failed");
-  EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::SendAMessage() with FALSE.", true), 4u);
+  EXPECT_EQ(refused.GetErrorText(), "Client not registered");
+  EXPECT_EQ(unreachable.GetErrorText(), "Socket Connecting Failed");
+  EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::SendAMessage() with FALSE.", true), 2u);
   size_t exceptionLines = 0;
   for (const std::string& text : logger.TextsFrom("QmOAPDriver")) {
     exceptionLines += text.rfind("Exception occurred [Exception raised! ", 0) == 0 &&
@@ -235,6 +219,11 @@ TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
                                                 : OptionAnswer(hexId, element));
     }
     EXPECT_EQ(Query(job), Jobs(c.handedBack, &job));
+    EXPECT_EQ(logger.Count(Log::LEVEL_INFO,
+                           "Handling request from Handset '4711' for Msg Tracking #" +
+                               job.GetTrackingReceipt(),
+                           true),
+              c.inbound.size());
     EXPECT_EQ(status, c.status);
     EXPECT_EQ(job.Status, c.status);
     EXPECT_EQ(job.GetStatusText(), c.text);
@@ -246,6 +235,8 @@ TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
       logger.Count(Log::LEVEL_INFO, "Creating REPORT entry REPLIED_WITH for job: job-1.", true),
       1u);
   EXPECT_EQ(logger.Count(Log::LEVEL_DEBUG, "<job-2> Response 'Yes' is not a new one", true), 1u);
+  EXPECT_TRUE(logger.Has(
+      Log::LEVEL_DEBUG, "Processing incoming paylaod [<?xml version=\"1.0\" encoding=\"UTF-8\"?>"));
 }
 
 }  // namespace

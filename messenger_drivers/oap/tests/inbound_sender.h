@@ -29,8 +29,7 @@ inline bool SendInbound(int port, const std::string& document) {
     shutdown(fd, SHUT_WR);
     pollfd closed{fd, POLLIN, 0};
     char sink[256];
-    while (poll(&closed, 1, 5000) > 0 && recv(fd, sink, sizeof sink, 0) > 0) {
-    }
+    while (poll(&closed, 1, 5000) > 0 && recv(fd, sink, sizeof sink, 0) > 0) continue;
   }
   close(fd);
   return ok;

@@ -96,8 +96,15 @@ TEST(ModelBody, GoldenSerialisations) {
        "<Message>\n<Indication>\n</Indication>\n</Message>"},
       {kV4, "x>y",
        [](B b) {
-         b.subjectText = "S&T", b.beep = 2, b.intensity = "High", b.urgent = true, b.colour = "Red";
-         b.intervalTime = 10, b.numberOfRepetitions = 3, b.ttl = 60, b.priority = 1;
+         b.subjectText = "S&T";
+         b.beep = 2;
+         b.intensity = "High";
+         b.urgent = true;
+         b.colour = "Red";
+         b.intervalTime = 10;
+         b.numberOfRepetitions = 3;
+         b.ttl = 60;
+         b.priority = 1;
        },
        "<Message>\n<Subject>S&amp;T</Subject>\n<Body>x&gt;y</Body>\n<Indication>\n<Beep>2</Beep>\n"
        "<Intensity>High</Intensity>\n<Urgent/>\n<Colour>Red</Colour>\n<Repetition>\n"
@@ -114,7 +121,8 @@ TEST(ModelBody, GoldenSerialisations) {
       // Three options: all keys A, custom (always A), then a closing option.
       {kV4Interactive, "Q",
        [](B b) {
-         b.sticky = true, b.userResponseLabel = "Say";
+         b.sticky = true;
+         b.userResponseLabel = "Say";
          b.options = {Opt("a", "1", "55"), Opt("b", "2"), Opt("c", "3")};
        },
        kQ + kMode1 + V4Opt(1, "a", 'A', Data("1") + kCall55 + kReset) + V4Opt(2, "b", 'A', Data("2") + kReset) +
@@ -138,7 +146,8 @@ TEST(ModelBody, GoldenSerialisations) {
     OAXMLMessageBody v4;
     OAXMLInterActiveMessageBody interactive;
     MessageBody& body = c.kind == kV3 ? v3 : c.kind == kV4 ? v4 : interactive;
-    body.to = "1234", body.bodyText = c.text;
+    body.to = "1234";
+    body.bodyText = c.text;
     c.set(body);
     EXPECT_EQ(body.Serialize(), c.expected);
   }
@@ -167,7 +176,9 @@ TEST(ModelBlock, RequestDocumentsEnvelopesAndRootNames) {
   // Version 4: an empty header (a negative port writes no line), the envelope
   // with its hexadecimal Id.
   OAPRequestBlock request;
-  request.version = "4.0", request.encoding = "UTF-8", request.id = 0x1000;
+  request.version = "4.0";
+  request.encoding = "UTF-8";
+  request.id = 0x1000;
   request.SetHeader(new OAPBlockHeader());
   request.header->port = -5;
   auto* envelope = new OAXMLService();
@@ -308,7 +319,8 @@ TEST(ModelStatus, TextsForKnownAndUnknownPairs) {
   ASSERT_EQ(OAPResponseBlock::GenStatus::statusResponseCount, 35u);
   for (const auto& row : rows) {
     OAPResponseBlock::GenStatus status;
-    status.type = row.type, status.code = row.code;
+    status.type = row.type;
+    status.code = row.code;
     EXPECT_EQ(status.GetMessage(), row.text) << row.type << "/" << row.code;
   }
 }
