@@ -33,8 +33,7 @@ if(TARGET qm_core AND TARGET qm_ini_codec AND TARGET qm_log)
   target_link_libraries(qmlogview PRIVATE qm_logview qm_core qm_ini_codec qm_log)
 
   qm_add_test(qmlogview_tests
-    SOURCES tools/qmlogview/tests/qmlogview_format_test.cpp
-            tools/qmlogview/tests/qmlogview_process_test.cpp
+    SOURCES tools/qmlogview/tests/qmlogview_test.cpp
     LIBS qm_logview qm_core qm_ini_codec qm_log)
   if(TARGET qmlogview_tests)
     add_dependencies(qmlogview_tests qmlogview)

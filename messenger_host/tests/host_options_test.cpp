@@ -29,29 +29,22 @@ TEST(HostOptions, FullCommandLine) {
       &options, &error))
       << error;
   EXPECT_EQ(options.plugin + "|" + options.workdir + "|" + options.listenPort + "|" +
-                options.listenAddress,
-            "/lib/p.so|/tmp/w|7100|0.0.0.0");
-  EXPECT_EQ(options.pollMs, 50);
-  EXPECT_EQ(options.durationMs, 3000);
-  EXPECT_TRUE(options.untilExpected);
+                options.listenAddress + "|" + std::to_string(options.pollMs) + "|" +
+                std::to_string(options.durationMs) + (options.untilExpected ? "|until" : ""),
+            "/lib/p.so|/tmp/w|7100|0.0.0.0|50|3000|until");
   ASSERT_EQ(options.jobs.size(), 2u);
   const QmHostOptions::Job& a = options.jobs[0];
-  EXPECT_EQ(a.id + "|" + a.handset + "|" + a.serverHost + "|" + a.version + "|" + a.customLabel,
-            "a|4711|srv|4.0|Other");
-  EXPECT_EQ(a.serverPort, 7000);
-  EXPECT_TRUE(a.interactive && a.settingsPresent);
-  EXPECT_EQ(a.ttlMinutes, 5);
-  ASSERT_EQ(a.choices.size(), 3u);
-  std::string choices;
-  for (const QmResponseChoice& c : a.choices) {
-    choices += c.Text + ":" + std::to_string(c.Kind) + ":" + c.Value + " ";
-  }
-  EXPECT_EQ(choices, "Yes:0: Stop:2: Call%3aus:3:0815 ");
+  std::string job = a.id + "|" + a.handset + "|" + a.serverHost + ":" +
+                    std::to_string(a.serverPort) + "|" + a.version + "|" + a.customLabel + "|" +
+                    std::to_string(a.ttlMinutes) + (a.interactive ? "|interactive" : "") +
+                    (a.settingsPresent ? "|settings" : "") + "|";
+  for (const QmResponseChoice& c : a.choices)
+    job += c.Text + ":" + std::to_string(c.Kind) + ":" + c.Value + " ";
+  EXPECT_EQ(job,
+            "a|4711|srv:7000|4.0|Other|5|interactive|settings|Yes:0: Stop:2: Call%3aus:3:0815 ");
   EXPECT_EQ(a.expected, (std::set<int>{3, 6, 15}));
   const QmHostOptions::Job& b = options.jobs[1];
-  EXPECT_EQ(b.version, "3.0");
-  EXPECT_FALSE(b.settingsPresent || b.interactive);
-  EXPECT_TRUE(b.expected.empty());
+  EXPECT_TRUE(b.version == "3.0" && !b.settingsPresent && !b.interactive && b.expected.empty());
 }
 
 TEST(HostOptions, PresentationOptionsMarkSettingsPresent) {
@@ -87,6 +80,8 @@ TEST(HostOptions, BadCommandLinesAreNamed) {
       {"--choice Yes:x", true, true, "invalid choice kind in --choice 'Yes:x'"},
       {"--choice :1", true, true, "empty choice text in --choice ':1'"},
       {"--expect SENT,LOST", true, true, "unknown status 'LOST' in --expect"},
+      {"--expect sent", true, true, "unknown status 'sent' in --expect"},
+      {"--expect 7", true, true, "unknown status '7' in --expect"},
       {"--ttl-minutes -1", true, true, "invalid number for --ttl-minutes: '-1'"},
   };
   for (const Case& c : cases) {
@@ -95,25 +90,6 @@ TEST(HostOptions, BadCommandLinesAreNamed) {
     EXPECT_FALSE(QmHostOptions::Parse(Words(c.line, c.base, c.job), &options, &error)) << c.error;
     EXPECT_EQ(error, c.error);
   }
-}
-
-TEST(HostOptions, StatusNamesAndNumbers) {
-  const std::vector<std::pair<int, std::string>> table{
-      {2, "SENDING"},           {3, "SENT"},      {4, "REPLIED"},
-      {5, "REPLIED_WITH"},      {6, "DELIVERED"}, {15, "REPLIED_SPECIAL_A"},
-      {16, "REPLIED_SPECIAL_B"}};
-  for (const auto& entry : table) {
-    EXPECT_EQ(QmHostOptions::StatusName(entry.first), entry.second);
-    for (const std::string& text : {entry.second, std::to_string(entry.first)}) {
-      int status = -1;
-      EXPECT_TRUE(QmHostOptions::ParseStatus(text, &status));
-      EXPECT_EQ(status, entry.first) << text;
-    }
-  }
-  int status = 0;
-  EXPECT_FALSE(QmHostOptions::ParseStatus("7", &status));
-  EXPECT_FALSE(QmHostOptions::ParseStatus("sent", &status));
-  EXPECT_EQ(QmHostOptions::StatusName(7), "UNKNOWN");
 }
 
 }  // namespace

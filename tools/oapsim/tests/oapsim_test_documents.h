@@ -38,12 +38,10 @@ inline const std::string kInteractive40 =
     "<On_selection>\n<Data_response>N:Yes</Data_response>\n</On_selection>\n</Option>\n"
     "<Option>\n<ID>2</ID>\n<Text>No</Text>\n<Function_key_ID>A</Function_key_ID>\n"
     "<On_selection>\n<Data_response>F:No</Data_response>\n</On_selection>\n</Option>\n"
-    "<Option>\n<ID>3</ID>\n<Text>Maybe</Text>\n<Function_key_ID>A</Function_key_ID>\n"
-    "<On_selection>\n<Data_response>N:Maybe</Data_response>\n</On_selection>\n</Option>\n"
-    "<Option>\n<ID>4</ID>\n<Text>Custom</Text>\n<Function_key_ID>A</Function_key_ID>\n"
+    "<Option>\n<ID>3</ID>\n<Text>Custom</Text>\n<Function_key_ID>A</Function_key_ID>\n"
     "<On_selection>\n<User_response>\n<Text_label>Say</Text_label>\n</User_response>\n"
     "</On_selection>\n</Option>\n"
-    "<Option>\n<ID>5</ID>\n<Text>Close</Text>\n<Function_key_ID>C</Function_key_ID>\n"
+    "<Option>\n<ID>4</ID>\n<Text>Close</Text>\n<Function_key_ID>C</Function_key_ID>\n"
     "<On_selection>\n<Close_message/>\n</On_selection>\n</Option>\n"
     "</Interactive_Message>\n</service>\n</Body>\n</OAP-request>";
 

@@ -1,18 +1,113 @@
-// The qmlogview program run as a child process against log databases
-// written by the log database processor and by a configured logger.
+// The viewer: its command line rules and output escaping in process, then
+// runs against log databases written by the log database processor, most in
+// process and one per path of the program as a child process (list, filter,
+// page, follow, locked database).
 
 #include <sqlite3.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "../../oapsim/tests/child_process.h"
+#include "LogViewFormatter.h"
+#include "LogViewOptions.h"
+#include "LogViewer.h"
 #include "QmLogSQLiteProcessor.h"
 #include "QmsysEventLogInterface.h"
 
 namespace {
+
+// Times are read and shown in UTC, here and in the viewer started as a child.
+const bool kUtc = [] {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  return true;
+}();
+
+bool ParseArgs(std::vector<std::string> args, LogViewOptions& options, std::string& error) {
+  args.insert(args.begin(), "qmlogview");
+  std::vector<const char*> argv;
+  for (const std::string& arg : args) argv.push_back(arg.c_str());
+  return LogViewOptions::Parse(static_cast<int>(argv.size()), argv.data(), options, error);
+}
+
+TEST(LogViewOptionsTest, ReadsValuesInBothSpellingsAndRepeatsModules) {
+  LogViewOptions options;
+  std::string error;
+  ASSERT_TRUE(ParseArgs({"--db", "x.db", "--module=a", "--module", "b", "--levels", "warn, 6,error",
+                         "--page=3", "--page-size", "7", "--json", "--sort", "module,level"},
+                        options, error))
+      << error;
+  EXPECT_EQ(
+      options.dbPath + " " + std::to_string(options.page) + " " + std::to_string(options.pageSize),
+      "x.db 3 7");
+  EXPECT_EQ(options.modules, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(options.levels, (std::vector<int>{4, 6, 5}));
+  EXPECT_TRUE(options.json && options.sortByModule && options.sortByLevel && !options.sortByTime);
+}
+
+TEST(LogViewOptionsTest, RefusesBadValuesCombinationsAndQuotesThatWouldReachSql) {
+  for (const char* line :
+       {"--level loud", "--level 8", "--level 0", "--levels 4,,5", "--page 0", "--page-size -1",
+        "--page 2x", "--sort size", "--since yesterday", "--bogus", "--page", "--json=1",
+        "--config dir", "--logger l", "--level 4 --levels 5", "--follow --list-modules",
+        "--message o'clock", "--date o'clock", "--module o'clock"}) {
+    std::istringstream words(std::string("--db x.db ") + line);
+    std::vector<std::string> args;
+    for (std::string word; words >> word;) args.push_back(word);
+    LogViewOptions options;
+    std::string error;
+    EXPECT_FALSE(ParseArgs(args, options, error)) << line;
+    EXPECT_FALSE(error.empty()) << line;
+    EXPECT_TRUE(args.back() != "o'clock" || error.find("single quote") != std::string::npos)
+        << error;
+  }
+  LogViewOptions options;
+  std::string error;
+  EXPECT_FALSE(ParseArgs({}, options, error));
+  EXPECT_FALSE(error.empty());
+}
+
+// Numbers outside 1..7 and unknown words are no level; names follow the
+// logging configuration's spellings.
+TEST(LogViewOptionsTest, LevelsAndTimesAsTheyMayBeWritten) {
+  const std::vector<std::pair<const char*, int>> levels{
+      {"7", 7}, {"Information", 3}, {"criti", 6}, {"verbose", 0}, {"0", 0}, {"12", 0}};
+  for (const auto& c : levels) EXPECT_EQ(LogViewOptions::ParseLevel(c.first), c.second) << c.first;
+  // Local date and time (UTC here), a date, or epoch seconds; -1 for none.
+  const std::vector<std::pair<const char*, long>> times{{"1700000000", 1700000000L},
+                                                        {"2023-11-14 22:13:20", 1700000000L},
+                                                        {"2023-11-14", 1699920000L},
+                                                        {"1970-01-01 00:00:00", 0L}};
+  for (const auto& c : times) EXPECT_EQ(LogViewOptions::ParseTime(c.first), c.second) << c.first;
+  for (const char* bad : {"2023-02-30 00:00:00", "2023-11-14 25:00:00", "2023-11-14 22:13",
+                          "2023-11-14 22:13:20 junk", "-5", "99999999999"}) {
+    EXPECT_EQ(LogViewOptions::ParseTime(bad), -1) << bad;
+  }
+}
+
+TEST(LogViewFormatterTest, JsonEscapingKeepsUtf8AndReadsOtherBytesAsLatin1) {
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"a\"b\\c/d", "a\\\"b\\\\c/d"},
+      {"l1\nl2\r\t\b\f", "l1\\nl2\\r\\t\\b\\f"},
+      {std::string("\x01\x1f\x7f", 3), "\\u0001\\u001f\\u007f"},
+      {std::string("nul\0x", 5), "nul\\u0000x"},
+      {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x93\x9f", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x93\x9f"},
+      {"caf\xe9", "caf\\u00e9"},
+      // Over-long form, lone continuation byte, truncated sequence, surrogate.
+      {"\xc0\xaf", "\\u00c0\\u00af"},
+      {"\x80z", "\\u0080z"},
+      {"\xe2\x82", "\\u00e2\\u0082"},
+      {"\xed\xa0\x80", "\\u00ed\\u00a0\\u0080"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(LogViewFormatter::JsonEscape(c.first), c.second);
+}
 
 // The table as the viewer writes it: 19-character time, module padded to
 // the widest module shown (at least 6), level padded to 8. Rows are
@@ -33,7 +128,7 @@ const time_t kBase = 1700000000;  // 2023-11-14 22:13:20 UTC
 class LogViewTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    setenv("TZ", "UTC", 1);  // inherited by the viewer
+    ASSERT_TRUE(kUtc);
     char pattern[] = "/tmp/qmlogview_test_XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
     m_dir = pattern;
@@ -53,11 +148,6 @@ class LogViewTest : public ::testing::Test {
     ASSERT_TRUE(db.writeLogRecord("web.front-1", "request", kBase + 90, 3, "web.cpp", 6));
   }
 
-  std::vector<std::string> Args(std::vector<std::string> more) {
-    more.insert(more.begin(), {"--db", m_db});
-    return more;
-  }
-
   // One run of the viewer and what it must do.
   struct Run {
     std::vector<std::string> args;
@@ -65,16 +155,31 @@ class LogViewTest : public ::testing::Test {
     int code = 0;
     std::string errorHas = "";  // found in the error stream
   };
-  // Runs each; the test's database is read unless the run names its own
-  // source (--db or --config).
-  void Expect(const std::vector<Run>& runs) {
+  // Runs each in process, or as the program when `child`; the test's
+  // database is read unless the run names its own source (--db or --config).
+  void Expect(const std::vector<Run>& runs, bool child = false) {
     for (const Run& run : runs) {
       const bool ownSource =
           !run.args.empty() && (run.args[0] == "--db" || run.args[0] == "--config");
-      ChildProcess viewer(QMLOGVIEW_PATH, ownSource ? run.args : Args(run.args));
-      EXPECT_EQ(viewer.Finish(), run.code) << viewer.err;
-      EXPECT_EQ(viewer.out, run.out) << (run.args.empty() ? "" : run.args.back());
-      EXPECT_NE(viewer.err.find(run.errorHas), std::string::npos) << viewer.err;
+      std::vector<std::string> args = run.args;
+      if (!ownSource) args.insert(args.begin(), {"--db", m_db});
+      std::string out, err;
+      int code = LogViewer::EXIT_USAGE;
+      if (child) {
+        ChildProcess viewer(QMLOGVIEW_PATH, args);
+        code = viewer.Finish();
+        out = viewer.out, err = viewer.err;
+      } else {
+        LogViewOptions options;
+        std::ostringstream outStream, errStream;
+        if (ParseArgs(args, options, err)) {
+          code = LogViewer(options, outStream, errStream).Run([](int) { return true; });
+        }
+        out = outStream.str(), err += errStream.str();
+      }
+      EXPECT_EQ(code, run.code) << err;
+      EXPECT_EQ(out, run.out) << (run.args.empty() ? "" : run.args.back());
+      EXPECT_NE(err.find(run.errorHas), std::string::npos) << err;
     }
   }
 
@@ -91,16 +196,15 @@ TEST_F(LogViewTest, ListsFiltersAndSortsInAnAlignedTable) {
   const std::vector<std::string> request{"22:14:50", "web.front-1", "INFO", "request"};
   const std::vector<std::string> route{"22:13:50", "web.front-1", "CRITICAL", "no route"};
   const size_t w = 11;
+  Expect({{{}, Table(w, {tick, failed, request, disk, route, started})},
+          {{"--module", "agent", "--level", "warn"}, Table(6, {disk})}},
+         true);
   Expect({
-      {{}, Table(w, {tick, failed, request, disk, route, started})},
       {{"--sort", "module,level", "--levels", "3,4,6"}, Table(w, {started, disk, request, route})},
       {{"--list-modules"}, "agent\nweb.front-1\n"},
-      {{"--module", "agent", "--level", "warn"}, Table(6, {disk})},
       {{"--module", "agent", "--levels", "2,ERROR"}, Table(6, {tick, failed})},
       {{"--module", "agent", "--message", "%fail%"}, Table(6, {failed})},
-      // Local time (UTC here) and epoch seconds name the same start.
       {{"--module", "agent", "--since", "2023-11-14 22:15:20"}, Table(6, {tick, failed})},
-      {{"--module", "agent", "--since", std::to_string(kBase + 120)}, Table(6, {tick, failed})},
       {{"--module", "agent", "--date", "11/14/2023 22:14:%"}, Table(6, {disk})},
       {{"--module", "agent", "--message", "nothing like this"}, "No matching log entries.\n"},
   });
@@ -124,9 +228,10 @@ TEST_F(LogViewTest, PagesOneModuleAndSeveralModulesAlike) {
   auto mixed = [](int i) -> std::vector<std::string> {
     return {"22:13:2" + std::to_string(i), i % 2 ? "odd" : "even", "WARN", "m" + std::to_string(i)};
   };
+  Expect({{{"--module", "solo", "--page-size", "3", "--page", "2"},
+           Table(6, {solo(3), solo(2), solo(1)}, "Page 2 of 3\n")}},
+         true);
   Expect({
-      {{"--module", "solo", "--page-size", "3", "--page", "2"},
-       Table(6, {solo(3), solo(2), solo(1)}, "Page 2 of 3\n")},
       {{"--module", "odd", "--module", "even", "--page-size", "3", "--page", "2"},
        Table(6, {mixed(3), mixed(2), mixed(1)}, "Page 2 of 3\n")},
       {{"--module", "solo", "--page-size", "3", "--page", "3"},
@@ -137,28 +242,27 @@ TEST_F(LogViewTest, PagesOneModuleAndSeveralModulesAlike) {
        Table(6, {solo(6), solo(5)}, "Page 1 of 4\n")},
       {{"--module", "solo", "--level", "3", "--date", "%22:13:2%", "--page-size", "2"},
        Table(6, {solo(6), solo(5)}, "Page 1 of 4\n")},
-  });
-  Expect({
-      {{"--module", "solo", "--page-size", "3", "--page", "4"},
-       "",
-       1,
-       "page 4 is past the last page (3)"},
-      {{"--module", "solo", "--page-size", "100000", "--page", "1000000000"},
+      {{"--module=solo", "--page-size=3", "--page=4"}, "", 1, "page 4 is past the last page (3)"},
+      {{"--module=solo", "--page-size=100000", "--page=1000000000"},
        "",
        1,
        "past the last page (1)"},
   });
 }
 
-TEST_F(LogViewTest, JsonLinesAreEscapedAndPageNotesGoToStandardError) {
+// Line breaks and control bytes are escaped in both forms; in JSON, bytes
+// that are no UTF-8 are read as ISO-8859-1.
+TEST_F(LogViewTest, EntriesStayOnOneLineInTablesAndJson) {
   {
     QmLogSQLiteProcessor db(m_db, true);
-    ASSERT_TRUE(db.writeLogRecord("agent", "say \"hi\"\\\nnext\tcaf\xe9", kBase, 7, "a\\b.cpp", 3));
+    ASSERT_TRUE(
+        db.writeLogRecord("agent", "say \"hi\"\\\nnext\tcaf\xe9\x01\r", kBase, 7, "a\\b.cpp", 3));
   }
-  Expect({{{"--json"},
+  Expect({{{}, Table(6, {{"22:13:20", "agent", "FATAL", "say \"hi\"\\\\nnext\\tcaf\xe9\\x01\\r"}})},
+          {{"--json"},
            "{\"time\":1700000000,\"local_time\":\"2023-11-14 22:13:20\",\"module\":\"agent\","
            "\"level\":7,\"level_name\":\"FATAL\",\"message\":\"say \\\"hi\\\"\\\\\\nnext\\tcaf"
-           "\\u00e9\",\"file\":\"a\\\\b.cpp\",\"line\":3}\n",
+           "\\u00e9\\u0001\\r\",\"file\":\"a\\\\b.cpp\",\"line\":3}\n",
            0,
            "Page 1 of 1\n"}});
 }
@@ -174,18 +278,19 @@ TEST_F(LogViewTest, FollowPrintsNewMatchingEntriesUntilSignalled) {
   for (int signal : {SIGTERM, SIGINT}) {
     ASSERT_TRUE(db.writeLogRecord("agent", "old", kBase, 4, "f", 1));
     ASSERT_TRUE(db.writeLogRecord("agent", "stored", kBase + 10, 4, "f", 2));
-    std::vector<std::string> args{"--follow", "--interval", "50", "--level", "4"};
+    std::vector<std::string> args{"--db", m_db, "--follow", "--interval", "50", "--level", "4"};
     if (signal == SIGINT) args.insert(args.end(), {"--since", std::to_string(kBase + 5)});
-    ChildProcess viewer(QMLOGVIEW_PATH, Args(args));
+    ChildProcess viewer(QMLOGVIEW_PATH, args);
     // The head line comes once the stored entries have been passed over.
     ASSERT_NE(viewer.WaitFor("MESSAGE"), "") << viewer.err;
-    ASSERT_TRUE(db.writeLogRecord("agent", "first", kBase + 11, 4, "f", 3));
-    ASSERT_TRUE(db.writeLogRecord("agent", "skipped", kBase + 12, 3, "f", 4));
-    ASSERT_NE(viewer.WaitFor("first"), "") << viewer.out;
-    ASSERT_TRUE(db.writeLogRecord("newcomer", "from a new module", kBase + 13, 4, "f", 5));
-    ASSERT_NE(viewer.WaitFor("from a new module"), "") << viewer.out;
-    ASSERT_TRUE(db.writeLogRecord("agent", "last", kBase + 14, 4, "f", 6));
-    ASSERT_NE(viewer.WaitFor("last"), "") << viewer.out;
+    // Each entry shown is waited for before the next is written.
+    time_t at = kBase + 10;
+    for (const std::string text : {"first", "skipped", "from a new module", "last"}) {
+      const bool shown = text != "skipped";  // INFO, below the level asked for
+      ASSERT_TRUE(db.writeLogRecord(text == "from a new module" ? "newcomer" : "agent", text, ++at,
+                                    shown ? 4 : 3, "f", 1));
+      EXPECT_TRUE(!shown || viewer.WaitFor(text) != "") << text << " not shown: " << viewer.out;
+    }
     viewer.Signal(signal);
     EXPECT_EQ(viewer.Finish(), 0) << viewer.err;
     auto rows = fresh;
@@ -195,12 +300,14 @@ TEST_F(LogViewTest, FollowPrintsNewMatchingEntriesUntilSignalled) {
   }
 }
 
+// Entries written by a logger configured for SQLite, read back through the
+// logging configuration that names its database.
 TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
   const std::string config = m_dir + "/config";
-  ASSERT_EQ(system(("mkdir -p '" + config + "' '" + m_dir + "/logs'").c_str()), 0);
-  std::ofstream(config + "/qmlogs.ini") << "[main]\nviewtest=db_logger\n\n"
-                                        << "[db_logger]\nwriter=sqlite\nlevel=trace\n"
-                                        << "dbfilename=" << m_db << "\n";
+  ASSERT_EQ(std::system(("mkdir -p '" + config + "' '" + m_dir + "/logs'").c_str()), 0);
+  std::ofstream(config + "/qmlogs.ini")
+      << "[main]\nviewtest=db_logger\n\n[db_logger]\n"
+      << "writer=sqlite\nlevel=trace\ndbfilename=" << m_db << "\n";
   QmsysEventLogInterface* logger = QmsysEventLogInterface::CreateInstance(
       "viewtest", QmsysEventLogInterface::SINGLE_THREADED, config, "viewproc.bin");
   ASSERT_NE(logger, nullptr);
@@ -216,11 +323,10 @@ TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
                             "\"level_name\":\"TRACE\",\"message\":\"fine detail\""}) {
     EXPECT_NE(viewer.out.find(entry), std::string::npos) << viewer.out;
   }
-  Expect({{{"--config", config, "--logger", "db_logger", "--list-modules"}, "viewproc\n"},
-          {{"--config", config, "--logger", "common"},
-           "",
-           1,
-           "does not write to an SQLite database"}});
+  Expect(
+      {{{"--config", config, "--logger", "db_logger", "--list-modules"}, "viewproc\n"},
+       {{"--config", config, "--logger", "common"}, "", 1, "does not write to an SQLite database"},
+       {{"--config", m_dir + "/nowhere"}, "", 1, "cannot read logging configuration"}});
 }
 
 TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
@@ -228,10 +334,10 @@ TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
   EXPECT_NE(access(m_db.c_str(), F_OK), 0) << "the viewer created the database";
   WriteSample();
   Expect({
-      {{"--module", "agent", "--module", "ghost"}, "", 1, "unknown module 'ghost'"},
-      {{"--module", "ghost"}, "", 1, "(known: agent, web.front-1)"},
-      {{"--message", "x' OR '1'='1"}, "", 2, "must not contain a single quote"},
-      {{"--config", m_dir + "/nowhere"}, "", 1, "cannot read logging configuration"},
+      {{"--module", "agent", "--module", "ghost"},
+       "",
+       1,
+       "unknown module 'ghost' in " + m_db + " (known: agent, web.front-1)"},
   });
   std::ofstream(m_db) << "this is not a database, just some text long enough to be read";
   Expect({{{}, "", 1, "cannot open log database"}});
@@ -246,7 +352,7 @@ TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
                          "INSERT INTO metatable VALUES (1, 'a', 'a');",
                          nullptr, nullptr, nullptr),
             SQLITE_OK);
-  Expect({{{"--db", locked}, "", 1, "log database is locked: " + locked}});
+  Expect({{{"--db", locked}, "", 1, "log database is locked: " + locked}}, true);
   sqlite3_exec(holder, "ROLLBACK;", nullptr, nullptr, nullptr);
   sqlite3_close(holder);
 }
