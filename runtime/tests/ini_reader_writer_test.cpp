@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <stdexcept>
 #include <string>
 
@@ -47,6 +48,22 @@ TEST_F(IniTest, ReadsCaseInsensitivelyAndKeepsOnlyMeaningfulLines) {
   // Comments are no keys, "key =  " was dropped, "flag" has an empty value.
   auto line = [&](int i) { return ini.getKey("[s]", i) + "=" + ini.getKeyValue("[s]", i); };
   EXPECT_EQ(line(0) + "," + line(1) + "," + line(2) + "," + line(-1), "flag=,spaced=v w,=,=");
+}
+
+TEST_F(IniTest, RandomBytesBeforeASectionDoNotSpoilIt) {
+  std::mt19937 random(99);
+  const std::string alphabet = "[]=#; \t\nab\r\xff";
+  for (int round = 0; round < 200; ++round) {
+    std::string text;
+    for (int i = 0, n = static_cast<int>(random() % 200); i < n; ++i) {
+      text += round % 2 ? static_cast<char>(random() % 256) : alphabet[random() % alphabet.size()];
+    }
+    // Whatever comes before it, a well-formed section after it is read.
+    writeFile(text + "\n[known]\nkey=value\n");
+    IniReaderWriter ini(path(), true, false, false);
+    ASSERT_TRUE(ini.isFileLoaded()) << text;
+    EXPECT_EQ(ini.getKeyValue("[known]", "key"), "value") << text;
+  }
 }
 
 TEST_F(IniTest, WritingBackNormalisesLinesAndCutsOverlongOnes) {
