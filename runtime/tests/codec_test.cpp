@@ -27,6 +27,11 @@ std::string base64(const std::string& data, bool lineBreaks = false) {
                          static_cast<int>(data.size()), lineBreaks);
 }
 
+// `codec` with its flag argument bound.
+Codec With(std::string (*codec)(const std::string&, bool), bool flag) {
+  return [=](const std::string& text) { return codec(text, flag); };
+}
+
 // Decodes a copy of `text` in place; `ok` receives the result flag.
 std::string unbase64(const std::string& text, bool& ok) {
   std::vector<char> buffer(text.begin(), text.end());
@@ -37,8 +42,6 @@ std::string unbase64(const std::string& text, bool& ok) {
 
 // The decoders whose exact rules are the implementer's own are held to being inverses (below).
 TEST(Codec, GoldenTexts) {
-  const Codec web = [](const std::string& s) { return Q::EncodeWebInputData(s, false); };
-  const Codec html = [](const std::string& s) { return Q::EncodeHTML(s, false); };
   const struct {
     Codec codec;
     std::vector<std::pair<std::string, std::string>> pairs;  // input, output
@@ -49,24 +52,20 @@ TEST(Codec, GoldenTexts) {
        {{"a+b%2Dc%2ed%E9", "a b-c.d\xE9"}, {"a+b%2", ""}, {"abc%", ""}, {"%zz1", "%zz1"}}},
       {Q::EncodeName, {{"ab-1\xE9", "ab%2D1%FFFFFFE9"}}},
       {Q::EncodeFileName, {{"a b_\x80\x7F", "a%20b%5F%FFFFFF80%7F"}}},
-      {web,
+      {With(Q::EncodeWebInputData, false),
        {{"&><'\"|\t\r\n ", "&amp;&gt;&lt;&#x27;&quot;&#x7C;&#x09;&#x0D;&#x0A;&nbsp;"},
         {"&lt;", "&amp;lt;"}}},
-      {[](const std::string& s) { return Q::EncodeWebInputData(s, true); },
-       {{"a&b c", "a&amp;b c"}}},
+      {With(Q::EncodeWebInputData, true), {{"a&b c", "a&amp;b c"}}},
       // The ampersand is decoded last.
-      {[](const std::string& s) { return Q::DecodeWebInputData(s, false); },
-       {{"&amp;lt;&gt;&nbsp;", "&lt;> "}}},
-      {[](const std::string& s) { return Q::DecodeWebInputData(s, true); },
-       {{"a&nbsp;&#x7C;", "a&nbsp;|"}}},
-      {[](const std::string& s) { return Q::EncodeWebInputAndEscapeBackSlash(s, false); },
-       {{"a\\b c", "a\\\\b&nbsp;c"}}},
-      {[](const std::string& s) { return Q::EncodeXmlData(s, true); },
+      {With(Q::DecodeWebInputData, false), {{"&amp;lt;&gt;&nbsp;", "&lt;> "}}},
+      {With(Q::DecodeWebInputData, true), {{"a&nbsp;&#x7C;", "a&nbsp;|"}}},
+      {With(Q::EncodeWebInputAndEscapeBackSlash, false), {{"a\\b c", "a\\\\b&nbsp;c"}}},
+      {With(Q::EncodeXmlData, true),
        {{"&><'\"\t\n\r.", "&amp;&gt;&lt;&apos;&quot;&#x9;&#xa;&#xd;."}, {"&amp;", "&amp;amp;"}}},
       {Q::DecodeXmlData, {{"&amp;lt;&lt;&#xa;&#xd;&#x9;&apos;&quot;&gt;", "&lt;<\n\r\t'\">"}}},
-      {html, {{"a\r\nb\nc\"&#x0A;", "a<br>b<br>c&quot;&#x0A;"}, {"\r\r\n\n", "\r<br><br>"}}},
-      {[](const std::string& s) { return Q::EncodeHTML(s, true); },
-       {{"a\r\nb\nc\"&#x0A;", "a<br>b<br>c&quot;<br>"}}},
+      {With(Q::EncodeHTML, false),
+       {{"a\r\nb\nc\"&#x0A;", "a<br>b<br>c&quot;&#x0A;"}, {"\r\r\n\n", "\r<br><br>"}}},
+      {With(Q::EncodeHTML, true), {{"a\r\nb\nc\"&#x0A;", "a<br>b<br>c&quot;<br>"}}},
       {Q::DecodeHTML, {{"a<br>b<br><br>", "a\nb\n\n"}}},
       {Q::EncodeNewLineCharacters, {{"x\r\ny\n\"z\"", "x<br>y<br>\"z\""}}},
       {Q::EncodeMultiLineData, {{"a\r\nb\n\rc", "a<CR><LF>b<LF><CR>c"}}},

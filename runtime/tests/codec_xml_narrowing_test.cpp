@@ -11,7 +11,6 @@
 
 TEST(CodecXmlNarrowing, OneCallWithoutFullNarrowsEveryLaterCall) {
   const std::string special = "&><'\"\t\n\r", full = "&amp;&gt;&lt;&apos;&quot;&#x9;&#xa;&#xd;";
-  EXPECT_EQ(QmsysCodec::EncodeXmlData(special, true), full);
   std::atomic<bool> narrowed{false}, stop{false};
   std::atomic<int> wrong{0};  // unknown outputs, or the full form once narrowed
   std::vector<std::thread> encoders;

@@ -17,38 +17,27 @@ class ThreadTest : public ::testing::Test {
   static void SetUpTestSuite() { QmconThread::InitializeLibrary(); }
 };
 
-// Counts its runs and signals when done.
-class CountingWork : public QmconDelegate {
+// Counts its runs and, unless made with spin = false, spins until told to stop, counting
+// iterations; reports its own deletion when given an event for it.
+class Work : public QmconDelegate {
  public:
+  explicit Work(bool spin = true, QmconEvent* deleted = nullptr)
+      : stop(!spin), m_deleted(deleted) {}
+  ~Work() override {
+    if (m_deleted) m_deleted->Broadcast();
+  }
   void DoWork(void*) override {
     ++runs;
-    done.Broadcast();
-  }
-  std::atomic<int> runs{0};
-  QmconEvent done{true};
-};
-
-// Spins until told to stop, counting iterations.
-class SpinningWork : public QmconDelegate {
- public:
-  void DoWork(void*) override {
     started.Broadcast();
     while (!stop) {
       ++ticks;
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
   }
-  std::atomic<bool> stop{false};
+  std::atomic<bool> stop;
+  std::atomic<int> runs{0};
   std::atomic<long> ticks{0};
   QmconEvent started{true};
-};
-
-// Deletes itself through auto-clean and reports it.
-class SelfDeletingWork : public QmconDelegate {
- public:
-  explicit SelfDeletingWork(QmconEvent* deleted) : m_deleted(deleted) {}
-  ~SelfDeletingWork() override { m_deleted->Broadcast(); }
-  void DoWork(void*) override {}
 
  private:
   QmconEvent* m_deleted;
@@ -56,8 +45,7 @@ class SelfDeletingWork : public QmconDelegate {
 
 TEST_F(ThreadTest, RunsOneDelegateAtATimeThenBecomesIdle) {
   QmconThread thread;
-  SpinningWork first;
-  CountingWork second;
+  Work first, second(false);
   thread.Run(&first);
   ASSERT_EQ(first.started.Wait(5000), QmconEvent::SIGNALLED);
   thread.Run(&second);  // busy: starts nothing
@@ -66,7 +54,7 @@ TEST_F(ThreadTest, RunsOneDelegateAtATimeThenBecomesIdle) {
   EXPECT_EQ(second.runs.load(), 0);
   EXPECT_EQ(thread.GetThreadID(), QmconThread::kNoThread);
   thread.Run(&second);
-  ASSERT_EQ(second.done.Wait(5000), QmconEvent::SIGNALLED);
+  ASSERT_EQ(second.started.Wait(5000), QmconEvent::SIGNALLED);
   thread.WaitForThreadObject(5000);
   EXPECT_EQ(second.runs.load(), 1);
 }
@@ -75,13 +63,13 @@ TEST_F(ThreadTest, AutoCleanDeletesThreadAndDelegate) {
   QmconEvent deleted(true);
   auto* thread = new QmconThread();
   thread->SetAutoClean(true);
-  thread->Run(new SelfDeletingWork(&deleted));
+  thread->Run(new Work(false, &deleted));
   EXPECT_EQ(deleted.Wait(5000), QmconEvent::SIGNALLED);
 }
 
 TEST_F(ThreadTest, SuspendStopsProgressUntilSigusr2) {
   QmconThread thread;
-  SpinningWork work;
+  Work work;
   thread.Run(&work);
   ASSERT_EQ(work.started.Wait(5000), QmconEvent::SIGNALLED);
   thread.Stop();
@@ -100,7 +88,7 @@ TEST_F(ThreadTest, SuspendStopsProgressUntilSigusr2) {
 
 TEST_F(ThreadTest, KillEndsTheThreadNotTheProcess) {
   QmconThread thread;
-  SpinningWork work;
+  Work work;
   thread.Run(&work);
   ASSERT_EQ(work.started.Wait(5000), QmconEvent::SIGNALLED);
   // Kill only once the thread is in its loop: a thread ended inside a call
@@ -115,7 +103,7 @@ TEST_F(ThreadTest, KillEndsTheThreadNotTheProcess) {
 
 TEST_F(ThreadTest, WaitForThreadObjectPollsUntilEndWhenCountIsNotAMultiple) {
   QmconThread thread;
-  SpinningWork work;
+  Work work;
   thread.Run(&work);
   ASSERT_EQ(work.started.Wait(5000), QmconEvent::SIGNALLED);
   std::thread stopper([&] {
