@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <ctime>
-#include <functional>
 #include <future>
 #include <thread>
 
@@ -26,13 +25,6 @@ void RawExec(const std::string& db, const std::string& sql) {
   sqlite3_close(handle);
 }
 
-// A default filter changed by `set`.
-Filter With(const std::function<void(Filter&)>& set) {
-  Filter filter;
-  set(filter);
-  return filter;
-}
-
 // The messages of the module's rows that `filter` selects, in result order.
 std::vector<std::string> Messages(QmLogSQLiteProcessor& db, const std::string& module,
                                   const Filter& filter = Filter()) {
@@ -45,22 +37,19 @@ std::vector<std::string> Messages(QmLogSQLiteProcessor& db, const std::string& m
 
 TEST(LogDbText, TableNamesConditionsAndPageCounts) {
   EXPECT_EQ("my_module_x_1", Db::convModuleName2TableName("my.module-x 1"));
-  EXPECT_EQ(" LIMIT -1 OFFSET 0 ", Db::getSQLCondition(Filter()));
-  EXPECT_EQ(" LIMIT -1 OFFSET 0 ",
-            Db::getSQLCondition(With([](Filter& f) { f.limit = 0, f.offset = -5; })));
-  EXPECT_EQ(" LIMIT 7 OFFSET 3 ",
-            Db::getSQLCondition(With([](Filter& f) { f.limit = 7, f.offset = 3; })));
-  EXPECT_EQ("WHERE  timestamp>=100 ORDER BY level LIMIT -1 OFFSET 0 ",
-            Db::getSQLCondition(With([](Filter& f) { f.startTime = 100, f.sortByLevel = true; })));
-  EXPECT_EQ(
-      "WHERE module IN ('a', 'b') AND level IN (3, 5) AND message LIKE '%x%' AND level = 2 "
-      " AND timestamp>=100 AND tempcol LIKE '11/%' ORDER BY timestamp DESC, module, level"
-      " LIMIT 10 OFFSET 20 ",
-      Db::getSQLCondition(With([](Filter& f) {
-        f.modules = {"a", "b"}, f.levels = {3, 5}, f.messagePattern = "%x%", f.level = 2;
-        f.startTime = 100, f.datePattern = "11/%", f.limit = 10, f.offset = 20;
-        f.sortByTimeDesc = f.sortByModule = f.sortByLevel = true;
-      })));
+  // Filters by: modules, levels, message, level, start time, date; sorts by time (descending),
+  // module, level; limit, offset.
+  const std::pair<Filter, const char*> conditions[] = {
+      {Filter(), " LIMIT -1 OFFSET 0 "},
+      {{{}, {}, "", 0, 0, "", false, false, false, 0, -5}, " LIMIT -1 OFFSET 0 "},
+      {{{}, {}, "", 0, 0, "", false, false, false, 7, 3}, " LIMIT 7 OFFSET 3 "},
+      {{{}, {}, "", 0, 100, "", false, false, true, 0, 0},
+       "WHERE  timestamp>=100 ORDER BY level LIMIT -1 OFFSET 0 "},
+      {{{"a", "b"}, {3, 5}, "%x%", 2, 100, "11/%", true, true, true, 10, 20},
+       "WHERE module IN ('a', 'b') AND level IN (3, 5) AND message LIKE '%x%' AND level = 2 "
+       " AND timestamp>=100 AND tempcol LIKE '11/%' ORDER BY timestamp DESC, module, level"
+       " LIMIT 10 OFFSET 20 "}};
+  for (const auto& c : conditions) EXPECT_EQ(c.second, Db::getSQLCondition(c.first));
   const std::string count =
       "SELECT  strftime('%m/%d/%Y %H:%M:%S',timestamp,'unixepoch','localtime') entry_time, "
       "message, level,'4','5',COUNT(*) as records,'7' FROM t ";
@@ -76,13 +65,16 @@ class LogDbTest : public ::testing::Test {
   LogTempDir m_dir;
 };
 
-TEST_F(LogDbTest, RowsRoundTripAndFilter) {
-  QmLogSQLiteProcessor processor(db(), true);
+TEST_F(LogDbTest, RowsRoundTripFilterAndReplaceAStaleTable) {
+  RawExec(db(), "CREATE TABLE other_mod (junk TEXT); INSERT INTO other_mod VALUES ('stale');");
   const time_t base = 1700000000;
-  for (int i = 0; i < 5; ++i)
-    ASSERT_TRUE(processor.writeLogRecord("other.mod", "m" + std::to_string(i), base + i, 1 + i,
-                                         "src.cpp", 10 * i))
-        << processor.getDBString();
+  auto write = [&](auto&& db, int i) {
+    return db.writeLogRecord("other.mod", "m" + std::to_string(i), base + i, 1 + i, "src.cpp",
+                             10 * i);
+  };
+  ASSERT_TRUE(write(QmLogSQLiteProcessor(db(), true), 0));
+  QmLogSQLiteProcessor processor(db(), true);  // the registration survives reopening
+  for (int i = 1; i < 5; ++i) ASSERT_TRUE(write(processor, i)) << processor.getDBString();
   EXPECT_TRUE(processor.isTableExists("other_mod"));
   Db::EntrySet rows;
   ASSERT_TRUE(processor.readLogRecord(rows, "other.mod", Filter()));
@@ -92,31 +84,20 @@ TEST_F(LogDbTest, RowsRoundTripAndFilter) {
                                                      std::to_string(row.level) + "|" +
                                                      std::to_string(row.line) + "|" + row.srcfile);
   using Texts = std::vector<std::string>;
-  EXPECT_EQ((Texts{"m3", "m1"}), Messages(processor, "other.mod", With([](Filter& f) {
-                                            f.levels = {2, 4}, f.sortByTimeDesc = true;
-                                          })));
-  EXPECT_EQ(Texts{"m2"}, Messages(processor, "other.mod",
-                                  With([&](Filter& f) { f.datePattern = LogStampOf(base + 2); })));
+  EXPECT_EQ((Texts{"m3", "m1"}),
+            Messages(processor, "other.mod", {{}, {2, 4}, "", 0, 0, "", true, false, false, 0, 0}));
+  EXPECT_EQ(Texts{"m2"},
+            Messages(processor, "other.mod",
+                     {{}, {}, "", 0, 0, LogStampOf(base + 2), false, false, false, 0, 0}));
   EXPECT_EQ(3, processor.getNumberOfPages("other.mod", 2, 0, "", ""));
   EXPECT_EQ(1, processor.getNumberOfPages("other.mod", 2, 4, "", ""));
   EXPECT_EQ(1, processor.getNumberOfPages("other.mod", 10, 0, "%1", ""));
-}
-
-TEST_F(LogDbTest, TablesAreRegisteredOnceAndStaleOnesReplaced) {
-  RawExec(db(), "CREATE TABLE a_b (junk TEXT); INSERT INTO a_b VALUES ('stale');");
-  {
-    QmLogSQLiteProcessor processor(db(), true);
-    ASSERT_TRUE(processor.writeLogRecord("a-b", "first", 1, 3, "f", 1)) << processor.getDBString();
-  }
-  QmLogSQLiteProcessor processor(db(), true);  // the registration survives reopening
-  ASSERT_TRUE(processor.writeLogRecord("a-b", "second", 2, 3, "f", 2));
-  EXPECT_EQ((std::vector<std::string>{"first", "second"}), Messages(processor, "a-b"));
   Db::EntrySet registered;
   ASSERT_TRUE(processor.executeSelectQuery(
-      "SELECT id, table_name FROM metatable WHERE module_name='a-b';", registered));
+      "SELECT id, table_name FROM metatable WHERE module_name='other.mod';", registered));
   EXPECT_EQ(1u, registered.size());
-  ASSERT_TRUE(processor.cleanModuleTable("a-b"));
-  EXPECT_TRUE(Messages(processor, "a-b").empty());
+  ASSERT_TRUE(processor.cleanModuleTable("other.mod"));
+  EXPECT_TRUE(Messages(processor, "other.mod").empty());
 }
 
 TEST_F(LogDbTest, WaitsForAnotherConnectionHoldingTheDatabase) {

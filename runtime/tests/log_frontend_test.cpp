@@ -36,7 +36,6 @@ class LogFrontEndTest : public ::testing::Test {
   void TearDown() override { Logger::ReleaseAll(); }
   std::string configDir() const { return m_root.file("config"); }
   std::string configFile() const { return configDir() + "/qmlogs.ini"; }
-  IniReaderWriter readConfig() const { return IniReaderWriter(configFile(), true, false, false); }
   // A file logger section writing to `file` under the temp root.
   std::string fileSection(const std::string& name, const std::string& level,
                           const std::string& file) const {
@@ -72,6 +71,13 @@ TEST(LogConfigNames, ConfigFileAndLogPaths) {
     EXPECT_EQ(root.file("logs/") + next, Logger::getLogDirPath(config, "my name"));
     LogWriteFile(root.file("logs/") + next, "");  // taken: the next call numbers past it
   }
+  // Deleting a module's files takes its logs and every lock, nothing else.
+  for (const char* f : {"modA_logger.txt", "modA_logger.txt.1", "x.txt.lock", "other.txt"})
+    LogWriteFile(root.file(f), "x");
+  EXPECT_TRUE(Logger::DeleteLoggerFiles(root.path(), "modA"));
+  for (const char* f : {"modA_logger.txt", "modA_logger.txt.1", "x.txt.lock", "other.txt"})
+    EXPECT_EQ(f[0] == 'o', LogFileExists(root.file(f))) << f;
+  EXPECT_FALSE(Logger::DeleteLoggerFiles(root.file("missing"), "modA"));
 }
 
 TEST_F(LogFrontEndTest, FreshConfigurationDirectoryGetsDefaultsAndALogFile) {
@@ -92,6 +98,15 @@ TEST_F(LogFrontEndTest, FreshConfigurationDirectoryGetsDefaultsAndALogFile) {
   EXPECT_TRUE(logger->WriteInfo("hello", __LINE__, "test"));
   EXPECT_FALSE(logger->WriteDebug("hidden", __LINE__, "test"));
   ExpectLines(logPath, {R"(agent \[INFO\] hello)"});
+  // A damaged file is repaired with the same defaults.
+  Logger::ReleaseAll();
+  LogWriteFile(fresh + "/qmlogs.ini", std::string("\x01\x02 garbage\n[[broken\n=\nkey only\n", 31));
+  logger = Logger::CreateInstance("modE", Logger::SINGLE_THREADED, fresh, "agent");
+  ASSERT_TRUE(logger != nullptr && logger->Start());
+  EXPECT_TRUE(logger->WriteInfo("works", 1, "f"));  // through the restored "[common]"
+  IniReaderWriter repaired(fresh + "/qmlogs.ini", true, false, false);
+  EXPECT_TRUE(repaired.isHeadPresent("[main]"));
+  ExpectLines(repaired.getKeyValue("[common]", "filePath"), {R"(agent \[INFO\] works)"});
 }
 
 TEST_F(LogFrontEndTest, ModuleUsesItsSectionFromMainOrElseCommon) {
@@ -105,8 +120,7 @@ TEST_F(LogFrontEndTest, ModuleUsesItsSectionFromMainOrElseCommon) {
                {"modB", "verbose", "info", QmLogInterface::LEVEL_WARN, "custom.log", "common.log"}};
   for (const auto& c : cases) {
     Logger::ReleaseAll();
-    LogWriteFile(m_root.file("custom.log"), "");
-    LogWriteFile(m_root.file("common.log"), "");
+    for (const char* f : {"custom.log", "common.log"}) LogWriteFile(m_root.file(f), "");
     Logger* logger = configured(c.module, "[main]\nmodB=custom\n" +
                                               fileSection("custom", c.customLevel, "custom.log") +
                                               fileSection("common", c.commonLevel, "common.log"));
@@ -118,42 +132,15 @@ TEST_F(LogFrontEndTest, ModuleUsesItsSectionFromMainOrElseCommon) {
   }
 }
 
-TEST_F(LogFrontEndTest, ModuleWithoutAnyLoggerStaysSilentUntilRepaired) {
-  // Another module already uses the name the new logger would get.
-  LogWriteFile(configFile(), "[main]\nmodB=modD_logger\n" +
-                                 fileSection("modD_logger", "debug", "custom.log") +
-                                 "[common]\nlevel=info\n");
-  QmsysEventLogSingleThreaded bare("modD");
-  EXPECT_FALSE(bare.initialize(configDir(), "agent"));
-  EXPECT_FALSE(bare.Start());
-  EXPECT_FALSE(bare.WriteFatal("nowhere", 1, "f"));
-  // Creating it through the registry repairs the file with a logger of its own.
-  Logger* logger = Logger::CreateInstance("modD", Logger::SINGLE_THREADED, configDir(), "agent");
-  ASSERT_TRUE(logger != nullptr && logger->Start());
-  IniReaderWriter ini = readConfig();
-  EXPECT_EQ("modD(01)_logger", ini.getKeyValue("[main]", "modD"));
-  EXPECT_EQ("modD_logger", ini.getKeyValue("[main]", "modB"));
-  EXPECT_TRUE(logger->WriteInfo("repaired", 1, "f"));
-  ExpectLines(ini.getKeyValue("[modD(01)_logger]", "filePath"), {R"(agent \[INFO\] repaired)"});
-  EXPECT_EQ("", LogReadFile(m_root.file("custom.log")));
-}
-
-TEST_F(LogFrontEndTest, DamagedConfigurationIsRepairedWithDefaults) {
-  Logger* logger = configured("modE", std::string("\x01\x02 garbage\n[[broken\n=\nkey only\n", 31));
-  ASSERT_NE(nullptr, logger);
-  IniReaderWriter ini = readConfig();
-  EXPECT_TRUE(ini.isHeadPresent("[main]"));
-  EXPECT_TRUE(logger->WriteInfo("works", 1, "f"));  // through the restored "[common]"
-  ExpectLines(ini.getKeyValue("[common]", "filePath"), {R"(agent \[INFO\] works)"});
-}
-
-TEST_F(LogFrontEndTest, UnusableWritersAreReported) {
+TEST_F(LogFrontEndTest, UnusableWritersAreReportedAndAModuleWithoutLoggerIsRepaired) {
   SystemLogCapture capture;
+  // modD has no section, and another module already uses the name it would get.
   LogWriteFile(configFile(),
-               "[main]\nmodQ=qt\nmodF=half\n[qt]\nwriter=qtdebug\n[half]\nwriter=file\n" +
-                   fileSection("common", "info", "c.log"));
+               "[main]\nmodQ=qt\nmodF=half\nmodB=modD_logger\n[qt]\nwriter=qtdebug\n"
+               "[half]\nwriter=file\n" +
+                   fileSection("modD_logger", "debug", "custom.log") + "[common]\nlevel=info\n");
   const std::string where = "QmsysEventLogInterface::loadWriterConfig";
-  QmsysEventLogSingleThreaded qt("modQ"), half("modF"), nofile("modX");
+  QmsysEventLogSingleThreaded qt("modQ"), half("modF"), nofile("modX"), bare("modD");
   EXPECT_FALSE(qt.initialize(configDir(), "agent"));
   EXPECT_TRUE(capture.contains(where, "Error occurred while creating log writer."));
   EXPECT_TRUE(half.initialize(configDir(), "agent"));
@@ -161,6 +148,18 @@ TEST_F(LogFrontEndTest, UnusableWritersAreReported) {
   EXPECT_FALSE(half.Start());
   EXPECT_FALSE(nofile.initialize(m_root.file("nowhere"), "agent"));
   EXPECT_TRUE(capture.contains(where, "Unable to load/read config/qmlogs.ini file."));
+  EXPECT_FALSE(bare.initialize(configDir(), "agent"));
+  EXPECT_FALSE(bare.Start());
+  EXPECT_FALSE(bare.WriteFatal("nowhere", 1, "f"));
+  // Creating it through the registry repairs the file with a logger of its own.
+  Logger* logger = Logger::CreateInstance("modD", Logger::SINGLE_THREADED, configDir(), "agent");
+  ASSERT_TRUE(logger != nullptr && logger->Start());
+  IniReaderWriter ini(configFile(), true, false, false);
+  EXPECT_EQ("modD(01)_logger", ini.getKeyValue("[main]", "modD"));
+  EXPECT_EQ("modD_logger", ini.getKeyValue("[main]", "modB"));
+  EXPECT_TRUE(logger->WriteInfo("repaired", 1, "f"));
+  ExpectLines(ini.getKeyValue("[modD(01)_logger]", "filePath"), {R"(agent \[INFO\] repaired)"});
+  EXPECT_EQ("", LogReadFile(m_root.file("custom.log")));
 }
 
 TEST_F(LogFrontEndTest, SqliteWriterFromConfigurationStoresUnderProcessNameUpToFirstDot) {
@@ -172,12 +171,10 @@ TEST_F(LogFrontEndTest, SqliteWriterFromConfigurationStoresUnderProcessNameUpToF
                  Logger::SINGLE_THREADED, "agent.bin.x");
   ASSERT_NE(nullptr, logger);
   EXPECT_TRUE(logger->WriteTrace("stored", 77, "src.cpp"));
-  QmLogSQLiteProcessor reader(db, true);
   QmLogDBProcessorInterface::EntrySet rows;
-  ASSERT_TRUE(reader.readLogRecord(rows, "agent", std::string()));
+  ASSERT_TRUE(QmLogSQLiteProcessor(db, true).readLogRecord(rows, "agent", std::string()));
   ASSERT_EQ(1u, rows.size());
-  EXPECT_EQ("stored", rows[0].message);
-  EXPECT_EQ(1, rows[0].level);
+  EXPECT_EQ("stored|1", rows[0].message + "|" + std::to_string(rows[0].level));
 }
 
 TEST_F(LogFrontEndTest, RegistryHoldsFifteenLoggersMadeConcurrently) {
@@ -190,12 +187,11 @@ TEST_F(LogFrontEndTest, RegistryHoldsFifteenLoggersMadeConcurrently) {
   Logger* first = create("first", Logger::SINGLE_THREADED);
   std::vector<Logger*> shared(13), own(13);  // with "first" and "shared", 15 in all
   std::vector<std::thread> threads;
-  for (int t = 0; t < 13; ++t) {
+  for (int t = 0; t < 13; ++t)
     threads.emplace_back([&, t] {
       shared[t] = create("shared", Logger::SINGLE_THREADED);
       own[t] = create("m" + std::to_string(t), Logger::MULTI_THREADED);
     });
-  }
   for (auto& thread : threads) thread.join();
   for (int t = 0; t < 13; ++t) {
     EXPECT_EQ(shared[0], shared[t]);
@@ -251,12 +247,11 @@ TEST_F(LogFrontEndTest, MultiThreadedWritesEveryLineOnceInOrderAndRestarts) {
   Logger* logger = fileLogger("mt", Logger::MULTI_THREADED, "mt.log");
   const int kThreads = 4, kLines = 250;
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([logger, t] {
       for (int i = 0; i < kLines; ++i)
         logger->WriteInfo("T" + std::to_string(t) + "-" + std::to_string(i), i, "mt.cpp");
     });
-  }
   for (auto& thread : threads) thread.join();
   for (int round = 0; round < 3; ++round) {  // a stop drains the queue promptly
     const auto start = std::chrono::steady_clock::now();
@@ -275,17 +270,6 @@ TEST_F(LogFrontEndTest, MultiThreadedWritesEveryLineOnceInOrderAndRestarts) {
     ASSERT_EQ(next[std::stoi(match[1].str())]++, std::stoi(match[2].str())) << text;
   }
   EXPECT_EQ(std::vector<int>({kLines, kLines, kLines, kLines, 3}), next);
-}
-
-TEST_F(LogFrontEndTest, DeleteLoggerFilesRemovesLogsAndLocks) {
-  const std::pair<const char*, bool> files[] = {{"modA_logger.txt", false},
-                                                {"modA_logger.txt.1", false},
-                                                {"x.txt.lock", false},
-                                                {"other.txt", true}};
-  for (const auto& f : files) LogWriteFile(m_root.file(f.first), "x");
-  EXPECT_TRUE(Logger::DeleteLoggerFiles(m_root.path(), "modA"));
-  for (const auto& f : files) EXPECT_EQ(f.second, LogFileExists(m_root.file(f.first))) << f.first;
-  EXPECT_FALSE(Logger::DeleteLoggerFiles(m_root.file("missing"), "modA"));
 }
 
 }  // namespace

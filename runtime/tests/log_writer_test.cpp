@@ -45,8 +45,7 @@ TEST(LogLevels, NamesAndTags) {
   }
   for (const char* text : {"verbose", "", "warnings"})
     EXPECT_EQ(Writer::LEVEL_WARN, Writer::getLogLevel(text, false)) << text;
-  EXPECT_EQ(Writer::LEVEL_INFO, Writer::getLogLevel(9));
-  EXPECT_EQ(Writer::LEVEL_INFO, Writer::getLogLevel(-1));
+  for (int outOfRange : {9, -1}) EXPECT_EQ(Writer::LEVEL_INFO, Writer::getLogLevel(outOfRange));
 }
 
 TEST(LogFileWriter, LineLayoutAndLineFeeds) {
@@ -72,9 +71,7 @@ TEST(LogFileWriter, LineLayoutAndLineFeeds) {
     ASSERT_TRUE(writer(c.process, c.level, c.message, 1, "f", kTime));
     EXPECT_EQ(dir.file(c.file), writer.getTargetFile(c.process));
     EXPECT_EQ(c.text, LogReadFile(dir.file(c.file))) << c.message;
-    if (c.perProcess[0] == '1') {
-      EXPECT_EQ("", LogReadFile(dir.file("x.log")));
-    }
+    EXPECT_EQ(c.perProcess[0] == '1' ? "" : c.text, LogReadFile(dir.file("x.log")));
   }
 }
 
@@ -98,10 +95,8 @@ TEST(LogFileWriter, IncompleteSettingsLeaveItSilent) {
 // Lines without their time stamp ("Archiving <path>" for rotation notes).
 std::vector<std::string> Messages(const std::string& path) {
   std::vector<std::string> messages;
-  for (const std::string& line : LogReadLines(path)) {
-    const size_t archiving = line.find("Archiving ");
-    messages.push_back(line.substr(archiving != std::string::npos ? archiving : line.find('[')));
-  }
+  for (const std::string& line : LogReadLines(path))
+    messages.push_back(line.substr(std::min(line.find("Archiving "), line.find('['))));
   return messages;
 }
 
@@ -125,10 +120,9 @@ TEST(LogFileWriter, RotationKeepsNumFilesArchivesNewestFirst) {
       }
       model[0].push_back("[INFO] " + message);
       liveSize += 19 + 3 + 7 + message.size() + 1;  // stamp, " p ", "[INFO] ", line feed
-      for (unsigned n = 0; n <= files; ++n) {
+      for (unsigned n = 0; n <= files; ++n)
         EXPECT_EQ(model[n], Messages(n == 0 ? path : path + "." + std::to_string(n)))
             << files << " files, after line " << i << ", file " << n;
-      }
       EXPECT_FALSE(LogFileExists(path + "." + std::to_string(files + 1)));
     }
   }
@@ -136,15 +130,12 @@ TEST(LogFileWriter, RotationKeepsNumFilesArchivesNewestFirst) {
 
 TEST(LogLockFile, HeldLockFailsAfterItsAttempts) {
   LogTempDir dir;
-  const std::string path = dir.file("x.lock");
+  auto lockAgain = [&] { LockFile second(dir.file("x.lock"), 3, 1); };
   {
-    LockFile held(path);
-    EXPECT_EQ("LockFile Creation Failed @ LockFile",
-              Thrown<QmconException>([&] { LockFile second(path, 3, 1); }));
+    LockFile held(dir.file("x.lock"));
+    EXPECT_EQ("LockFile Creation Failed @ LockFile", Thrown<QmconException>(lockAgain));
   }
-  LockFile again(path, 3, 1);  // released by the first holder's end
-  EXPECT_EQ("LockFile Creation Failed @ LockFile",
-            Thrown<QmconException>([] { LockFile none("", 3, 1); }));
+  EXPECT_EQ("<nothing thrown>", Thrown<QmconException>(lockAgain));  // released with its holder
 }
 
 TEST(LogFileWriter, ThreadsAndProcessesShareOneRotatingFile) {
@@ -171,8 +162,7 @@ TEST(LogFileWriter, ThreadsAndProcessesShareOneRotatingFile) {
   }
   writeTagged();
   int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_TRUE(waitpid(child, &status, 0) == child && WIFEXITED(status) && !WEXITSTATUS(status));
 
   std::vector<std::string> files{log};  // live file last, oldest archive first
   for (int i = 1; LogFileExists(log + "." + std::to_string(i)); ++i)
@@ -185,8 +175,7 @@ TEST(LogFileWriter, ThreadsAndProcessesShareOneRotatingFile) {
       std::smatch match;
       if (LogLineMatches(text, "Archiving " + log)) continue;
       ASSERT_TRUE(std::regex_match(text, match, line)) << "torn line: " << text;
-      ASSERT_EQ(next[match[1].str() + "-" + match[2].str()]++, std::stoi(match[3].str()))
-          << "lost or repeated: " << text;
+      ASSERT_EQ(next[match[1].str() + "-" + match[2].str()]++, std::stoi(match[3].str())) << text;
     }
   }
   ASSERT_EQ(static_cast<size_t>(2 * kThreads), next.size());

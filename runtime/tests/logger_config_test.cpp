@@ -41,7 +41,7 @@ TEST_F(LoggerConfigTest, DeleteLoggerKeepsSectionsOthersStillUse) {
   EXPECT_TRUE(has("[common]"));
 }
 
-TEST_F(LoggerConfigTest, UpdateLoggerNameRepointsOrCreatesTheSection) {
+TEST_F(LoggerConfigTest, UpdateLoggerNameRepointsOrCreatesTheSectionAndMissingFilesFail) {
   ASSERT_TRUE(Logger::updateLoggerName(dir(), "modA", "own"));
   EXPECT_EQ("error", level("modA"));
   ASSERT_TRUE(Logger::updateLoggerName(dir(), "modD", "fresh_logger"));
@@ -49,13 +49,9 @@ TEST_F(LoggerConfigTest, UpdateLoggerNameRepointsOrCreatesTheSection) {
   const std::string logPath = Logger::getModuleAttributeValues(dir(), "modD", "filePath");
   EXPECT_TRUE(LogFileExists(logPath)) << logPath;
   EXPECT_FALSE(Logger::updateLoggerName(dir(), "modD", ""));
-}
-
-TEST(LoggerConfigMissingTest, EditsOfAMissingFileFail) {
-  LogTempDir dir;
-  SystemLogCapture capture;
-  EXPECT_FALSE(Logger::deleteLogger(dir.path(), "modA"));
-  EXPECT_FALSE(Logger::updateLoggerName(dir.path(), "modA", "x"));
+  SystemLogCapture capture;  // edits of a missing file fail
+  EXPECT_FALSE(Logger::deleteLogger(m_dir.file("none"), "modA"));
+  EXPECT_FALSE(Logger::updateLoggerName(m_dir.file("none"), "modA", "x"));
   EXPECT_TRUE(capture.contains("QmsysEventLogInterface::deleteLogger", "qmlogs.ini"));
 }
 

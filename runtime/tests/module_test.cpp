@@ -12,10 +12,17 @@
 
 namespace {
 
+// Counts a call and answers `result`.
+template <typename Counter>
+bool Counted(Counter& calls, bool result) {
+  ++calls;
+  return result;
+}
+
 struct PlainModule : QmPlainModule {
   std::string GetRunningModuleName() override { return "NetModuleTest"; }
-  bool InitializeSpecial() override { return ++initialised, initResult; }
-  bool FinalizeSpecial() override { return ++finalised, false; }  // Finalize still says true
+  bool InitializeSpecial() override { return Counted(initialised, initResult); }
+  bool FinalizeSpecial() override { return Counted(finalised, false); }  // Finalize still says true
   bool IsLoggerRequired() override { return loggerRequired; }
 
   int initialised = 0, finalised = 0;
@@ -27,7 +34,7 @@ struct LoopModule : QmThreadModule {
   explicit LoopModule(std::function<void(LoopModule&)> loop) : loop(std::move(loop)) {}
   std::string GetRunningModuleName() override { return "Loop Module"; }
   void DoThreadWork() override { loop(*this); }
-  bool FinalizeSpecial() override { return ++finalised, true; }
+  bool FinalizeSpecial() override { return Counted(finalised, true); }
   std::function<void(LoopModule&)> loop;
   std::atomic<int> finalised{0};
 };
@@ -35,14 +42,12 @@ struct LoopModule : QmThreadModule {
 TEST(PlainModuleTest, LoggerRules) {
   RecordingLogger log;
   PlainModule without, given, optional, owning;
-  EXPECT_TRUE(without.Initialize(nullptr, ""));  // required but none given or made
-  EXPECT_EQ(nullptr, without.GetLogger());
-  EXPECT_EQ(1, without.initialised);
+  // Required but none given nor made.
+  EXPECT_TRUE(without.Initialize(nullptr, "") && !without.GetLogger() && without.initialised == 1);
   given.initResult = false;
   EXPECT_FALSE(given.Initialize(&log, "/nonexistent"));
   EXPECT_EQ(&log, given.GetLogger());
-  EXPECT_TRUE(given.Finalize());
-  EXPECT_EQ(1, given.finalised);
+  EXPECT_TRUE(given.Finalize() && given.finalised == 1);
   optional.loggerRequired = false;  // keeps the one it has when passed none
   optional.Initialize(&log, "");
   optional.Initialize(nullptr, "/tmp");
@@ -52,9 +57,7 @@ TEST(PlainModuleTest, LoggerRules) {
   EXPECT_TRUE(owning.Initialize(nullptr, dir.path()));
   auto* created = dynamic_cast<QmsysEventLogInterface*>(owning.GetLogger());
   ASSERT_NE(nullptr, created);
-  EXPECT_TRUE(created->IsAlive());
-  EXPECT_TRUE(owning.Finalize());
-  EXPECT_FALSE(created->IsAlive());
+  EXPECT_TRUE(created->IsAlive() && owning.Finalize() && !created->IsAlive());
   QmsysEventLogInterface::ReleaseAll();
 }
 
@@ -75,8 +78,7 @@ TEST(ThreadModuleTest, WaitAndPacingBeforeAndAfterStop) {
   EXPECT_FALSE(module.KeepContinueMyself(10, false));
   EXPECT_FALSE(module.WaitForThreadStop(50));
 
-  EXPECT_TRUE(module.StopThread());
-  EXPECT_TRUE(module.WaitForThreadStop(5000));
+  EXPECT_TRUE(module.StopThread() && module.WaitForThreadStop(5000));
   EXPECT_EQ(1, module.finalised.load());
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(module.KeepContinueMyself(5000, true));  // the stop stays set

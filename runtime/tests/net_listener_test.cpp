@@ -19,10 +19,6 @@ struct Traffic {
   std::mutex mutex;
   std::multiset<std::string> connections;  // all data of each finished connection
   std::atomic<int> calls{0}, handlers{0}, destroyed{0};
-  void Finished(const std::string& seen) {
-    std::lock_guard<std::mutex> lock(mutex);
-    connections.insert(seen);
-  }
 };
 
 // Acknowledges each piece with "k"; "bye" ends the connection, "hang" blocks
@@ -35,7 +31,9 @@ class AckHandler : public QmioSocketAdvHandler {
     ++m_t->handlers;
   }
   ~AckHandler() override {
-    m_t->Finished(m_seen);
+    std::unique_lock<std::mutex> lock(m_t->mutex);
+    m_t->connections.insert(m_seen);
+    lock.unlock();
     ++m_t->destroyed;  // last touch of the shared record
   }
   bool OnData(const std::string& data) override {
@@ -116,7 +114,7 @@ TEST_F(ListenerTest, ServesFiftyConcurrentClientsPieceByPiece) {
   EXPECT_LT(StopListener(), 6000);
 }
 
-TEST_F(ListenerTest, RefusalHandlerEndPeerCloseAndBindClashAreLogged) {
+TEST_F(ListenerTest, ConnectionEndsAndBindClashAreLoggedAndStopIsPrompt) {
   Start(8, 2);
   listener->accept = false;
   RawClient refused(port);
@@ -144,22 +142,19 @@ TEST_F(ListenerTest, RefusalHandlerEndPeerCloseAndBindClashAreLogged) {
   EXPECT_FALSE(clash.Listen(port, "127.0.0.1"));
   EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_ERROR, "Msg[Socket Bind Failed]"));
   clash.Finalize();
-  StopListener();
-  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_DEBUG, "SocketListener: Do not continue any more"));
-}
 
-TEST_F(ListenerTest, StopsPromptlyWhileConnectionsAreOpen) {
-  Start(8, 2);
+  // The stop is prompt while connections are open, and closes them.
   RawClient reading(port);  // its worker sits in the read loop
   reading.Send("hello");
   EXPECT_EQ("k", reading.Receive(1, 5000));
   RawClient silent(port);  // stays with the select thread
-  ASSERT_TRUE(Reaches(traffic.handlers, 2));
+  ASSERT_TRUE(Reaches(traffic.handlers, 4));
   EXPECT_LT(StopListener(), 4000);
   EXPECT_TRUE(reading.SeesClose(3000));
   EXPECT_TRUE(silent.SeesClose(3000));
-  EXPECT_TRUE(Reaches(traffic.destroyed, 2));
+  EXPECT_TRUE(Reaches(traffic.destroyed, 4));
   EXPECT_FALSE(RawClient(port).Connected());
+  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_DEBUG, "SocketListener: Do not continue any more"));
 }
 
 TEST_F(ListenerTest, StopEndsAWorkerStuckInsideItsHandler) {

@@ -49,7 +49,7 @@ class SocketPoolTest : public ::testing::Test {
   std::vector<std::unique_ptr<RawClient>> clients;
 };
 
-TEST_F(SocketPoolTest, LimitServingOnceAndStop) {
+TEST_F(SocketPoolTest, LimitServingOnceStopAndDestruction) {
   QmioSocketPool pool;
   pool.Initialize(2, 2);
   EXPECT_EQ(0, pool.AddSocket(Connect()));  // stays silent
@@ -73,15 +73,15 @@ TEST_F(SocketPoolTest, LimitServingOnceAndStop) {
   EXPECT_EQ(2, log.destroyed.load());  // the waiting socket deleted with its handler
   EXPECT_EQ(1, log.events.load());
   EXPECT_TRUE(clients[0]->SeesClose(2000));
-}
-
-TEST_F(SocketPoolTest, DestroyingARunningPoolStopsIt) {
-  {
-    QmioSocketPool pool;
-    pool.Initialize(4, 1);
-    ASSERT_EQ(0, pool.AddSocket(Connect()));
+  {  // destroying a running pool stops it as well
+    QmioSocketPool running;
+    running.Initialize(4, 1);
+    ASSERT_EQ(0, running.AddSocket(Connect()));
   }
-  EXPECT_EQ(1, log.destroyed.load());
+  EXPECT_EQ(3, log.destroyed.load());
+  OneShotHandler other(&log);  // a socket keeps its first handler
+  EXPECT_FALSE(third->SetEventHandler(&other));
+  EXPECT_NE(&other, third->GetEventHandler());
 }
 
 }  // namespace

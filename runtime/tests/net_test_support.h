@@ -50,6 +50,9 @@ inline ::testing::Environment* const g_runtimeEnvironment =
 // Logger that keeps every line with its level, safe for several threads.
 class RecordingLogger : public QmLogInterface {
  public:
+  void EnableThreadIdPrefix(bool) override {}
+  LogLevel GetLogLevel() override { return LEVEL_TRACE; }
+  std::string GetLoggerName() override { return "recording"; }
 #define QM_RECORD(Name, Level)                                 \
   bool Name(const std::string& m, int, const char*) override { \
     return Add(Level, m);                                      \
@@ -62,13 +65,6 @@ class RecordingLogger : public QmLogInterface {
   QM_RECORD(WriteCritical, LEVEL_CRITICAL)
   QM_RECORD(WriteFatal, LEVEL_FATAL)
 #undef QM_RECORD
-  void EnableThreadIdPrefix(bool) override {}
-  LogLevel GetLogLevel() override {
-    return LEVEL_TRACE;
-  }
-  std::string GetLoggerName() override {
-    return "recording";
-  }
   // Lines containing `text`, at `level` (LEVEL_NONE: at any level).
   int Count(LogLevel level, const std::string& text) const {
     std::lock_guard<std::mutex> lock(m_mutex);
