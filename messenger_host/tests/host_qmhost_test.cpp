@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <tuple>
 
 #include "../../tools/oapsim/tests/child_process.h"
 #include "driver_fixture.h"
@@ -14,10 +15,8 @@ namespace {
 struct TempDir {
   char path[32] = "/tmp/qmhost-test.XXXXXX";
   TempDir() { EXPECT_NE(mkdtemp(path), nullptr); }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-  }
+  ~TempDir() { std::filesystem::remove_all(path, ignored); }
+  std::error_code ignored;
 };
 std::string Workdir() {
   static TempDir dir;
@@ -39,12 +38,9 @@ std::string Job(const std::string& id, int serverPort) {
 TEST(Qmhost, ExitCodesAndMessagesNameWhatWentWrong) {
   const std::string deadRun =
       "--listen-port " + std::to_string(UnusedPort()) + " " + Job("a", UnusedPort());
-  struct Case {
-    std::string arguments, plugin;
-    int code;
-    std::string text;  // on the output or the error stream
-  };
-  for (const Case& c : std::vector<Case>{
+  // Arguments, plug-in, exit code and a text on the output or the error stream.
+  for (const auto& [arguments, plugin, code, text] :
+       std::vector<std::tuple<std::string, std::string, int, std::string>>{
            {"--listen-port 7", QM_DRIVER_PATH, 2, "qmhost: error: no job given (use --job ID ...)"},
            {"--listen-port 7 " + Job("a", 1), "/nonexistent.so", 3,
             "qmhost: error: Cannot load driver library '/nonexistent.so'"},
@@ -53,9 +49,9 @@ TEST(Qmhost, ExitCodesAndMessagesNameWhatWentWrong) {
            {deadRun, QM_DRIVER_PATH, 5,
             "job a sent status 2 SENDING receipt '' error 'Socket Connecting Failed'\n"},
        }) {
-    Qmhost host(c.arguments, c.plugin);
-    EXPECT_EQ(host.Finish(), c.code) << c.arguments;
-    EXPECT_NE((host.out + host.err).find(c.text), std::string::npos) << host.out << host.err;
+    Qmhost host(arguments, plugin);
+    EXPECT_EQ(host.Finish(), code) << arguments;
+    EXPECT_NE((host.out + host.err).find(text), std::string::npos) << host.out << host.err;
   }
 }
 

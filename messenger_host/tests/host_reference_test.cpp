@@ -15,17 +15,14 @@
 
 namespace {
 
-TEST(ReferenceJob, StatusWordsAndAnswersCountOnlyTheFirstTime) {
+TEST(ReferenceJob, CountsFirstStatusWordsAndAnswersFindsChoicesByText) {
   QmReferenceJob job;
   // Answers are a separate record from the status words, and case counts.
   const std::vector<bool> firsts{job.AddStatusOnce("DELIVERED"), job.AddStatusOnce("DELIVERED"),
                                  job.IsNewResponse("Yes"),       job.IsNewResponse("Yes"),
                                  job.IsNewResponse("yes"),       job.IsNewResponse("DELIVERED")};
   EXPECT_EQ(firsts, (std::vector<bool>{true, false, true, false, true, true}));
-}
-
-TEST(ReferenceJob, FindChoiceByTextAsGivenOrAsShown) {
-  QmReferenceJob job;
+  // A choice is found by its text as given or as shown.
   EXPECT_EQ(job.FindChoice("Yes"), -1);
   job.ResponseChoices = {{0, "Yes", "", 0, 0}, {0, "No", "", 0, 0}, {0, "Call%3aback", "", 0, 0}};
   const std::vector<std::pair<std::string, int>> cases{
@@ -77,24 +74,22 @@ class BareDriver : public QmProtocolDriverInterface {
   bool SendAMessage(QmMessageFile*, ReportsStatus&) override { return false; }
 };
 
-class PushTest : public ::testing::Test {
- protected:
-  PushTest() { job.Status = Reports::SENT, job.StatusTime = 1234, job.DeleteFlag = true; }
-
-  // The job's status, its time when fixed, and its flags.
-  std::string State() const {
-    return std::to_string(job.Status) + (job.StatusTime == 1234 ? " old-time" : "") +
-           (job.StatusTime == 0 ? " no-time" : "") + (job.RequeueFlag ? " requeue" : "") +
-           (job.DeleteFlag ? " delete" : "");
-  }
-
+// Hand-backs need a queue and a job, then stamp the status and append;
+// reports store the status and reach the manager in order.
+TEST(DriverBase, HandsJobsBackAndReportsInOrder) {
   BareDriver driver;
   QmMessageQueue queue;
   QmReferenceReportsManager reports;
-  QmReferenceJob job;
-};
-
-TEST_F(PushTest, HandBacksNeedAQueueAndJobThenStampTheStatusAndAppend) {
+  QmReferenceJob job, other;
+  job.Status = Reports::SENT;
+  job.StatusTime = 1234;
+  job.DeleteFlag = true;
+  // The job's status, its time when fixed, and its flags.
+  const auto State = [&job] {
+    return std::to_string(job.Status) + (job.StatusTime == 1234 ? " old-time" : "") +
+           (job.StatusTime == 0 ? " no-time" : "") + (job.RequeueFlag ? " requeue" : "") +
+           (job.DeleteFlag ? " delete" : "");
+  };
   EXPECT_FALSE(driver.PushBackMsgFile(&job, Reports::REPLIED, true, "x"));
   EXPECT_FALSE(driver.PushBackMsgFileForDeletion(&job));
   driver.MessageQueue = &queue;
@@ -103,7 +98,6 @@ TEST_F(PushTest, HandBacksNeedAQueueAndJobThenStampTheStatusAndAppend) {
   EXPECT_EQ(State(), "3 old-time delete");
   EXPECT_TRUE(queue.Jobs.empty() && job.TakeStatusChanges().empty());
 
-  QmReferenceJob other;
   queue.Jobs.push_back(&other);
   const int32_t before = static_cast<int32_t>(std::time(nullptr));
   EXPECT_TRUE(driver.PushBackMsgFile(&job, Reports::REPLIED, true, "Yes"));
@@ -124,15 +118,12 @@ TEST_F(PushTest, HandBacksNeedAQueueAndJobThenStampTheStatusAndAppend) {
   EXPECT_TRUE(driver.PushBackMsgFileForDeletion(&job));
   EXPECT_EQ(State(), "4 no-time requeue delete");
   EXPECT_EQ(queue.Jobs, (std::deque<QmMessageFile*>{&other, &job, &job, &job}));
-}
 
-TEST_F(PushTest, ReportsStoreTheStatusAndReachTheManagerInOrder) {
   EXPECT_FALSE(driver.WriteMessageReport(&job, Reports::DELIVERED, "d"));
   driver.ReportsManager = &reports;
   EXPECT_TRUE(driver.WriteMessageReport(&job, Reports::DELIVERED, "d"));
   EXPECT_TRUE(driver.WriteMessageReport(&job, Reports::NO_STATUS, ""));
   EXPECT_EQ(job.Status, Reports::DELIVERED);
-  QmReferenceJob other;
   EXPECT_TRUE(driver.WriteMessageReport(&other, Reports::REPLIED_WITH, "late"));
   std::string entries;
   for (const auto& e : reports.GetEntries()) {

@@ -49,13 +49,11 @@ class ChildProcess {
 
   // The next whole output line containing `text` (any line for ""), lines
   // before it passed over; empty when none came in time.
-  std::string WaitFor(const std::string& text, int timeoutMs = kWaitMs) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (true) {
-      const size_t end = out.find('\n', m_lineStart);
-      if (end == std::string::npos) {
+  std::string WaitFor(const std::string& text) {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(kWaitMs);
+    for (size_t end;;) {
+      while ((end = out.find('\n', m_lineStart)) == std::string::npos) {
         if (!ReadSome(deadline)) return "";
-        continue;
       }
       const std::string line = out.substr(m_lineStart, end - m_lineStart);
       m_lineStart = end + 1;
@@ -65,8 +63,8 @@ class ChildProcess {
 
   // Reads both streams to their end and returns the exit status (128 plus
   // the signal when killed); -1 when the program did not end in time.
-  int Finish(int timeoutMs = kWaitMs) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+  int Finish() {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(kWaitMs);
     while (m_fds[1] >= 0 || m_fds[2] >= 0) {
       if (!ReadSome(deadline)) return -1;
     }

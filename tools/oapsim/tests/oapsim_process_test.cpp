@@ -92,14 +92,9 @@ TEST(OapSimProcessTest, ScriptedHandsetDeliversAndAnswers) {
   ASSERT_THAT(Exchange(port, WithPort(kInteractive40, driver.Port())),
               HasSubstr("<Code>200</Code>"));
   ASSERT_TRUE(driver.WaitForRequests(2, ChildProcess::kWaitMs));
-  EXPECT_THAT(driver.Requests(),
-              Contains(std::string("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                                   "<OAP-response version=\"4.0\" id=\"1a0001\">\n"
-                                   "<Status>\n<Type>3</Type>\n<Code>200</Code>\n"
-                                   "</Status>\n</OAP-response>")));
-  EXPECT_THAT(driver.Requests(),
-              Contains(HasSubstr("<Id>1a0001</Id>\n<Interactive_Message_Response>\n"
-                                 "<Data_response>F:No</Data_response>")));
+  // The shapes of both documents are pinned above and by the reply tests.
+  EXPECT_THAT(driver.Requests(), Contains(HasSubstr("<Type>3</Type>\n<Code>200</Code>")));
+  EXPECT_THAT(driver.Requests(), Contains(HasSubstr("<Data_response>F:No</Data_response>")));
 
   // The driver's echo wipes the options; the handset can no longer choose.
   ASSERT_THAT(Exchange(port, WithPort(kWipeUpdate40, driver.Port())),
@@ -111,16 +106,14 @@ TEST(OapSimProcessTest, ScriptedHandsetDeliversAndAnswers) {
   EXPECT_NE(sim.WaitFor("the options of #1a0001 were wiped"), "");
 }
 
-TEST(OapSimProcessTest, ConfiguredStatusOrSilence) {
+TEST(OapSimProcessTest, ConfiguredStatusSilenceAndStopping) {
   Sim failing({"--status", "1:407"});
   EXPECT_THAT(Exchange(failing.Port(), kInteractive30),
               AllOf(HasSubstr("id=\"1a\""), HasSubstr("<Code>407</Code>")));
   Sim silent({"--silent"});
   EXPECT_EQ(Exchange(silent.Port(), kInteractive30), "");
   EXPECT_NE(silent.WaitFor("left unanswered"), "");
-}
 
-TEST(OapSimProcessTest, StopsOnQuitSignalOrTime) {
   Sim quitting({}), signalled({});
   ASSERT_GT(quitting.Port(), 0);
   ASSERT_GT(signalled.Port(), 0);

