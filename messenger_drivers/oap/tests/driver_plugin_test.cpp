@@ -35,58 +35,58 @@ TEST(DriverPlugin, ExportsExactlyTheTwoEntryPoints) {
   EXPECT_EQ(names, (std::set<std::string>{"GetDriverInstance", "ReleaseDriverInstance"}));
 }
 
-TEST_F(DriverTest, CallsWithoutSetupFailCleanly) {
+// One driver object until it is released; sends and queries before Setup fail
+// cleanly and tell why; the names and the trace of the housekeeping calls.
+TEST_F(DriverTest, OneDriverWithoutSetupNamesAndHousekeeping) {
+  ForeignDriver foreign;
+  loader.ReleaseDriverInstance(&foreign);
+  loader.ReleaseDriverInstance(nullptr);
+  EXPECT_EQ(loader.GetDriverInstance(), driver);
+
   QmReferenceJob job;
   Address(job, 1);
   Status status = QmMessengerReportsMngrInterface::NO_STATUS;
   EXPECT_FALSE(driver->SendAMessage(&job, status));
   EXPECT_EQ(status, QmMessengerReportsMngrInterface::SENDING);
   EXPECT_FALSE(job.GetErrorText().empty());
+  // A query without receipt, or for a device nothing was sent to, ends the cycle.
+  EXPECT_TRUE(driver->Send2WayRespQuery(&job, status));
+  EXPECT_EQ(job.GetErrorText(), "Empty or no tracking receipt defined.");
   job.TrackingReceipt = "42";
   EXPECT_TRUE(driver->Send2WayRespQuery(&job, status));
   EXPECT_EQ(job.GetErrorText(), "Unknown Device");
+  EXPECT_EQ(status, QmMessengerReportsMngrInterface::SENDING);
+  EXPECT_TRUE(DrainQueue().empty());
+  for (const char* line : {"Empty or no tracking receipt defined. Terminating query cycle.",
+                           "The device is unknown for me."})
+    EXPECT_EQ(logger.Count(Log::LEVEL_ERROR, line, true), 1u) << line;
   EXPECT_FALSE(driver->SendAMessage(nullptr, status));
   EXPECT_TRUE(driver->Send2WayRespQuery(nullptr, status));
-}
 
-TEST_F(DriverTest, OneDriverUntilReleased) {
-  EXPECT_EQ(loader.GetDriverInstance(), driver);
-  ForeignDriver foreign;
-  loader.ReleaseDriverInstance(&foreign);
-  loader.ReleaseDriverInstance(nullptr);
-  EXPECT_EQ(loader.GetDriverInstance(), driver);
-  EXPECT_EQ(driver->Logger, &logger);
-
-  loader.ReleaseDriverInstance(driver);
-  driver = loader.GetDriverInstance();
-  ASSERT_NE(driver, nullptr);
-  // A fresh object starts without logger and reports manager.
-  EXPECT_EQ(driver->Logger, nullptr);
-  EXPECT_EQ(driver->ReportsManager, nullptr);
-  driver->MessageQueue = &queue;
-}
-
-TEST_F(DriverTest, NamesItselfAndTracesHousekeeping) {
   EXPECT_EQ(std::string(driver->GetName()) + "|" + driver->GetVersion() + "|" +
                 driver->GetProtocolName() + "|" + driver->GetCarrierName(),
             "OAP|3.x/4.x|Open Access Protocol (OAP)|*");
-  EXPECT_TRUE(logger.TextsFrom("QmOAPDriver").empty());
-
+  const size_t before = logger.TextsFrom("QmOAPDriver").size();
   std::map<std::string, std::string> settings{{"ignored", "yes"}};
-  EXPECT_TRUE(driver->Configure(settings));
-  EXPECT_TRUE(driver->PeriodicEvent());
-  EXPECT_TRUE(driver->ResetDevice());
-  EXPECT_TRUE(driver->ProcessSignal());
-  EXPECT_TRUE(driver->Cleanup());
+  EXPECT_TRUE(driver->Configure(settings) && driver->PeriodicEvent() && driver->ResetDevice() &&
+              driver->ProcessSignal() && driver->Cleanup());
   std::vector<std::string> expected;
   for (const char* op : {"Configure", "PeriodicEvent", "ResetDevice", "ProcessSignal", "Cleanup"}) {
     expected.push_back(std::string("Entering QmOAPDriver::") + op + "().");
     expected.push_back(std::string("Leaving QmOAPDriver::") + op + "() with TRUE.");
   }
-  EXPECT_EQ(logger.TextsFrom("QmOAPDriver"), expected);
+  const std::vector<std::string> texts = logger.TextsFrom("QmOAPDriver");
+  EXPECT_EQ(std::vector<std::string>(texts.begin() + before, texts.end()), expected);
+
+  // A released driver gives way to a fresh object.
+  loader.ReleaseDriverInstance(driver);
+  driver = loader.GetDriverInstance();
+  ASSERT_NE(driver, nullptr);
+  EXPECT_EQ(driver->Logger, nullptr);
+  driver->MessageQueue = &queue;
 }
 
-TEST_F(DriverTest, SetupRefusesPortsBelowOneAndPortsInUse) {
+TEST_F(DriverTest, SetupRefusesBadPortsAndCleanupStopsTheListener) {
   FakeOapServer occupant;
   for (const char* port : {"0", "-5", "letters"}) EXPECT_FALSE(SetupWithPort(port)) << port;
   EXPECT_FALSE(SetupWithPort(std::to_string(occupant.Port())));
@@ -99,9 +99,9 @@ TEST_F(DriverTest, SetupRefusesPortsBelowOneAndPortsInUse) {
   // The client kept after the failure has no listener to stop.
   driver->Cleanup();
   EXPECT_TRUE(logger.Has(kTrace, "Leaving OAPClient::FinalizeSpecial() with FALSE."));
-}
 
-TEST_F(DriverTest, SetupReadsLeadingDigitsAndCleanupStopsTheListener) {
+  // The port's leading digits are read; Cleanup stops the listener.
+  const size_t finalized = logger.Count(Log::LEVEL_INFO, "Finalized OAP Client", true);
   int port = 0;
   bool started = false;
   for (int attempt = 0; attempt < 5 && !started; ++attempt) {
@@ -115,7 +115,7 @@ TEST_F(DriverTest, SetupReadsLeadingDigitsAndCleanupStopsTheListener) {
   EXPECT_FALSE(CanConnect(port));
   // Nothing left to finalise the second time.
   EXPECT_TRUE(driver->Cleanup());
-  EXPECT_EQ(logger.Count(Log::LEVEL_INFO, "Finalized OAP Client", true), 1u);
+  EXPECT_EQ(logger.Count(Log::LEVEL_INFO, "Finalized OAP Client", true), finalized + 1);
 }
 
 }  // namespace

@@ -31,16 +31,6 @@ class SendTest : public DriverTest {
     std::vector<std::string> requests = server.Requests();
     return requests.empty() ? "" : requests.back();
   }
-  // Sends an interactive job and returns its tracking number in hex.
-  std::string SendInteractive(QmReferenceJob& job, const std::string& id,
-                              const std::string& version = "3.0") {
-    Address(job, server.Port(), version);
-    job.JobId = id;
-    job.IsInteractive = job.ExpectsResponse = true;
-    job.ResponseChoices = {Choice("Yes", 0), Choice("Stop", 2), Choice("Escalate", 3)};
-    Send(job);
-    return Hex(std::strtoul(job.GetTrackingReceipt().c_str(), nullptr, 10));
-  }
   // Delivers a document on the listener and waits until it was handled
   // (including the echo of an answer to the server).
   void Deliver(const std::string& document) {
@@ -62,29 +52,21 @@ class SendTest : public DriverTest {
 TEST_F(SendTest, RequestsCarryWhatTheJobAsksFor) {
   // Every job carries choices and presentation settings; they are used only
   // when its flags say so.
-  struct Case {
-    const char* version;
-    bool interactive, expectsResponse, settings;
-    std::string present, absent;
-  } cases[] = {
-      {"3.0", false, false, false,
-       "<Body service=\"message\"><To>4711</To>\n<SubjectText>Subject</SubjectText>\n<BodyText>"
-       "Hello</BodyText>\n<Priority>6</Priority>\n<AvailabilityStatus/><DeliveryStatus/></Body>",
-       "version=\"4.0\""},
+  // clang-format off
+  const struct { const char* version; bool interactive, expectsResponse, settings; std::string present, absent; } cases[] = {
+      {"3.0", false, false, false, "<Body service=\"message\"><To>4711</To>\n<SubjectText>Subject</SubjectText>\n"
+       "<BodyText>Hello</BodyText>\n<Priority>6</Priority>\n<AvailabilityStatus/><DeliveryStatus/></Body>", "version=\"4.0\""},
       {"3.0", true, false, false, "<Body service=\"message\">", "<Option"},
-      {"3.0", true, true, false, "<Text>Yes</Text>\n<OnSelection>\n<DataResp>N:Yes</DataResp>\n",
-       ""},
-      {"3.0", true, true, false,
-       "<Text>Call:back</Text>\n<OnSelection>\n<CallNo method=\"\">0815</CallNo>\n"
-       "<DataResp>F:Call:back</DataResp>\n",
-       ""},
+      {"3.0", true, true, false, "<Text>Yes</Text>\n<OnSelection>\n<DataResp>N:Yes</DataResp>\n", ""},
+      {"3.0", true, true, false, "<Text>Call:back</Text>\n<OnSelection>\n<CallNo method=\"\">0815</CallNo>\n"
+       "<DataResp>F:Call:back</DataResp>\n", ""},
       {"3.0", true, true, false, "<UserResponse>Other</UserResponse>", ""},
-      {"4.0", false, false, true,
-       "<Urgent/>\n<Colour>red</Colour>\n</Indication>\n<TTL>300</TTL>\n<Priority>2</Priority>\n",
+      {"4.0", false, false, true, "<Urgent/>\n<Colour>red</Colour>\n</Indication>\n<TTL>300</TTL>\n<Priority>2</Priority>\n",
        "version=\"3.0\""},
       {"3.0", false, false, true, "<AvailabilityStatus/><DeliveryStatus/><TTL>300</TTL>\n", ""},
   };
-  for (const Case& c : cases) {
+  // clang-format on
+  for (const auto& c : cases) {
     QmReferenceJob job;
     Address(job, server.Port(), c.version);
     job.IsInteractive = c.interactive;
@@ -110,21 +92,14 @@ TEST_F(SendTest, RequestsCarryWhatTheJobAsksFor) {
 }
 
 TEST_F(SendTest, CallerNumberRules) {
-  struct Case {
-    const char *fixed, *pattern, *number;
-  } cases[] = {
-      {"", "Call (\\d+)", "12345"},
-      {"777", "Call (\\d+)", "777"},
-      {"777", "", "999"},
-      {"", "", "999"},
-      {"", "Ring (\\d+)", "999"},
-      {"", "\\d+", "999"},
-      {"", "(unclosed", "999"},
-      {"", "(x)?", "999"},
-      // Group 1 left unset while a later group matched: an empty number.
-      {"", "(x)?(\\d+)", ""},
-  };
-  for (const Case& c : cases) {
+  // In the last row group 1 is left unset while a later group matched: an empty number.
+  // clang-format off
+  const struct { const char *fixed, *pattern, *number; } cases[] = {
+      {"", "Call (\\d+)", "12345"}, {"777", "Call (\\d+)", "777"}, {"777", "", "999"}, {"", "", "999"},
+      {"", "Ring (\\d+)", "999"}, {"", "\\d+", "999"}, {"", "(unclosed", "999"}, {"", "(x)?", "999"},
+      {"", "(x)?(\\d+)", ""}};
+  // clang-format on
+  for (const auto& c : cases) {
     QmReferenceJob job;
     Address(job, server.Port(), "4.0");
     job.MessageText = "Call 12345 now";
@@ -167,50 +142,30 @@ TEST_F(SendTest, FailedSendsKeepSendingStatusAndTellWhy) {
   EXPECT_EQ(exceptionLines, 1u);
 }
 
-TEST_F(SendTest, QueriesWithoutReceiptOrForUnknownDevicesEndTheCycle) {
-  QmReferenceJob job;
-  Address(job, server.Port());
-  EXPECT_TRUE(Query(job).empty());
-  EXPECT_EQ(status, Reports::SENT);
-  EXPECT_EQ(job.GetErrorText(), "Empty or no tracking receipt defined.");
-  EXPECT_EQ(logger.Count(Log::LEVEL_ERROR,
-                         "Empty or no tracking receipt defined. Terminating query cycle.", true),
-            1u);
-
-  job.DeviceId = "never-used";
-  job.TrackingReceipt = "12345";
-  EXPECT_TRUE(Query(job).empty());
-  EXPECT_EQ(status, Reports::SENT);
-  EXPECT_EQ(job.GetErrorText(), "Unknown Device");
-  EXPECT_EQ(logger.Count(Log::LEVEL_ERROR, "The device is unknown for me.", true), 1u);
-}
-
 TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
-  // The job offers Yes (kind 0), Stop (kind 2) and Escalate (kind 3).
+  // Each job offers Yes (kind 0), Stop (kind 2) and Escalate (kind 3).
   const std::string yes = "<DataResp>N:Yes</DataResp>";
-  struct Case {
-    const char* version;
-    std::vector<std::string> inbound;  // "" stands for a delivery report
-    size_t handedBack;
-    Status status;
-    const char* text;
-  } cases[] = {
+  // clang-format off
+  const struct { const char* version; std::vector<std::string> inbound /* "": a delivery report */; size_t handedBack;
+                 Status status; const char* text; } cases[] = {
       {"3.0", {""}, 1, Reports::DELIVERED, ""},
-      {"3.0",
-       {yes, "<DataResp>N:Running late</DataResp>"},
-       2,
-       Reports::REPLIED_WITH,
-       "Running late"},
+      {"3.0", {yes, "<DataResp>N:Running late</DataResp>"}, 2, Reports::REPLIED_WITH, "Running late"},
       {"3.0", {yes, yes}, 1, Reports::REPLIED, "Yes"},
       {"3.0", {"<DataResp>F:Stop</DataResp>"}, 1, Reports::REPLIED_SPECIAL_A, "Stop"},
       {"3.0", {"<DataResp>F:Escalate</DataResp>"}, 1, Reports::REPLIED_SPECIAL_B, "Escalate"},
       {"4.0", {"<User_response>On my way</User_response>"}, 1, Reports::REPLIED_WITH, "On my way"},
   };
+  // clang-format on
   int number = 0;
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     QmReferenceJob job;
-    const std::string hexId = SendInteractive(job, "job-" + std::to_string(number++), c.version);
+    Address(job, server.Port(), c.version);
+    job.JobId = "job-" + std::to_string(number++);
+    job.IsInteractive = job.ExpectsResponse = true;
+    job.ResponseChoices = {Choice("Yes", 0), Choice("Stop", 2), Choice("Escalate", 3)};
+    Send(job);
+    const std::string hexId = Hex(std::strtoul(job.GetTrackingReceipt().c_str(), nullptr, 10));
     EXPECT_TRUE(Query(job).empty());
     EXPECT_EQ(status, Reports::SENT);
     for (const std::string& element : c.inbound) {

@@ -40,7 +40,9 @@ class RuntimeEnvironment : public ::testing::Environment {
 
 MessageBody* NewBody(const std::string& to, const std::string& version, bool interactive) {
   auto* body = new MessageBody();
-  body->to = to, body->version = version, body->bodyText = "Question";
+  body->to = to;
+  body->version = version;
+  body->bodyText = "Question";
   if (interactive) body->options = {{"Yes", "N:Yes", "", 0, ""}, {"No", "F:No", "", 0, ""}};
   return body;
 }
@@ -74,9 +76,8 @@ TEST_F(EngineClientTest, ListenerRunsBetweenInitializeAndFinalize) {
   client.WipeOptions(5);
   EXPECT_EQ(client.SendAMessage(nullptr), 0u);
   for (const char* line : {"Leaving OAPClient::GetStatus() with 0.",
-                           "Leaving OAPClient::SendAMessage() with Failure(0)."}) {
+                           "Leaving OAPClient::SendAMessage() with Failure(0)."})
     EXPECT_TRUE(logger.Has(kTrace, line)) << line;
-  }
   // Starting again replaces the running listener.
   ASSERT_TRUE(client.InitializeSpecial());
   const int port = client.GetListeningPort();
@@ -145,9 +146,8 @@ TEST_F(EngineClientTest, WipeOptionsSendsAVersion4UpdateOfTheShownMessage) {
   for (const char* part :
        {"encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"30001\">\n<Header>\n"
         "<Port>4321</Port>\n<To>77</To>\n<DeliveryStatus/>\n</Header>\n",
-        "<Id>30000</Id>\n<Interactive_Message>\n", "<Update>\n</Update>\n</Interactive_Message>"}) {
+        "<Id>30000</Id>\n<Interactive_Message>\n", "<Update>\n</Update>\n</Interactive_Message>"})
     EXPECT_NE(update.find(part), std::string::npos) << update;
-  }
   EXPECT_EQ(update.find("<Option"), std::string::npos);
   // The shown message keeps its state.
   EXPECT_EQ(client.GetStatus(address, 0x30000), 1);

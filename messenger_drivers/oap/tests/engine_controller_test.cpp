@@ -19,6 +19,7 @@ namespace {
 
 using MsgStatus = OAPDeviceController::MsgStatus;
 using Replies = std::list<std::string>;
+using Request = OAPMessageServiceHandler::OAPMsgServicePayLoadRequest;
 
 const std::string kAccepted = ResponseDoc("20000", 1, 200);
 const std::string kHeader3 = "<Header>\n<IP>127.0.0.1</IP>\n<Port>4321</Port>\n</Header>\n";
@@ -34,21 +35,14 @@ std::string Failure(const std::function<void()>& call) {
 }
 
 TEST(EngineDeviceAddressTest, SplitsHandsetHostAndPort) {
-  struct Case {
-    const char *address, *handset, *host;
-    int port;
-    const char* key;
-  } cases[] = {
-      {"1234@server:7000", "1234", "server", 7000, "1234@server"},
-      {"1234@server", "1234", "server", 0, "1234@server"},
-      {"1234@server:70x", "1234", "server", 70, "1234@server"},
-      {"1234@server:x", "1234", "server", 0, "1234@server"},
-      {"1234@a:1:2", "1234", "a", 1, "1234@a"},
-      {"1234@", "1234", "", 0, "1234"},
-      {"@h:5", "", "h", 5, "@h"},
-      {"no-at-sign", "", "", 0, ""},
-  };
-  for (const Case& c : cases) {
+  // clang-format off
+  const struct { const char *address, *handset, *host; int port; const char* key; } cases[] = {
+      {"1234@server:7000", "1234", "server", 7000, "1234@server"}, {"1234@server", "1234", "server", 0, "1234@server"},
+      {"1234@server:70x", "1234", "server", 70, "1234@server"}, {"1234@server:x", "1234", "server", 0, "1234@server"},
+      {"1234@a:1:2", "1234", "a", 1, "1234@a"}, {"1234@", "1234", "", 0, "1234"}, {"@h:5", "", "h", 5, "@h"},
+      {"no-at-sign", "", "", 0, ""}};
+  // clang-format on
+  for (const auto& c : cases) {
     OAPDeviceController device(c.address);
     EXPECT_EQ(
         std::make_tuple(device.handset, device.host, device.port, device.key),
@@ -92,7 +86,9 @@ class EngineControllerTest : public ::testing::Test {
 
   MessageBody* NewBody(const std::string& version, bool interactive = false) {
     auto* body = new MessageBody();
-    body->to = address, body->version = version, body->subjectText = "Q";
+    body->to = address;
+    body->version = version;
+    body->subjectText = "Q";
     body->bodyText = "Question";
     if (interactive) body->options = {{"Yes", "N:Yes", "", 0, ""}, {"No", "F:No", "", 0, ""}};
     return body;
@@ -106,26 +102,19 @@ class EngineControllerTest : public ::testing::Test {
   std::string address;
 };
 
+// The envelope of a 3.0 interactive message is pinned by the echo test below.
 TEST_F(EngineControllerTest, SendsAreWrappedPerVersionAndKeptAsSent) {
   const std::string v4 = "<Body service=\"OA-XML\">\n<service version=\"1.0\">\n<Id>20000</Id>\n";
-  struct Case {
-    const char* version;
-    bool interactive;
-    std::string part;
-  } cases[] = {
-      {"3.0", false,
-       "encoding=\"ISO-8859-1\"?>\n<OAP-request version=\"3.0\" id=\"20000\">\n" + kHeader3 +
-           "<Body service=\"message\"><To>1234</To>\n"},
-      {"3.0", true, kHeader3 + "<Body service=\"interactiveMessage\"><To>1234</To>\n"},
-      {"4.0", false,
-       "encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"20000\">\n<Header>\n<Port>4321"
-       "</Port>\n<To>1234</To>\n<FromEx>\n<Number>555</Number>\n</FromEx>\n<DeliveryStatus/>\n"
-       "</Header>\n" +
-           v4 + "<Message>\n"},
-      {"4.0", true,
-       "<To>1234</To>\n<DeliveryStatus/>\n</Header>\n" + v4 + "<Interactive_Message>\n"},
+  // clang-format off
+  const struct { const char* version; bool interactive; std::string part; } cases[] = {
+      {"3.0", false, "encoding=\"ISO-8859-1\"?>\n<OAP-request version=\"3.0\" id=\"20000\">\n" + kHeader3 +
+                     "<Body service=\"message\"><To>1234</To>\n"},
+      {"4.0", false, "encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"20000\">\n<Header>\n<Port>4321</Port>\n"
+                     "<To>1234</To>\n<FromEx>\n<Number>555</Number>\n</FromEx>\n<DeliveryStatus/>\n</Header>\n" + v4 + "<Message>\n"},
+      {"4.0", true, "<To>1234</To>\n<DeliveryStatus/>\n</Header>\n" + v4 + "<Interactive_Message>\n"},
   };
-  for (const Case& c : cases) {
+  // clang-format on
+  for (const auto& c : cases) {
     client.TrackingBase = 0x20000;
     server.Queue({kAccepted});
     MessageBody* body = NewBody(c.version, c.interactive);
@@ -144,7 +133,7 @@ TEST_F(EngineControllerTest, SendsAreWrappedPerVersionAndKeptAsSent) {
 TEST_F(EngineControllerTest, FailedExchangesRaiseTheirTextAndKeepNothing) {
   std::string oversized = kAccepted;
   oversized.insert(oversized.find("<OAP-response"), std::string(2100, ' '));
-  struct Case {
+  const struct {
     FakeOapServer::Reply reply;
     const char* error;
   } cases[] = {
@@ -156,7 +145,7 @@ TEST_F(EngineControllerTest, FailedExchangesRaiseTheirTextAndKeepNothing) {
       {{"", "", true}, "Dispatch Failure"},
       {{}, "Socket is closed"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     server.Queue(c.reply);
     const uint32_t number = client.TrackingBase.load();
     EXPECT_EQ(Failure([&] { client.SendAMessage(NewBody("3.0")); }), c.error);
@@ -177,22 +166,43 @@ TEST_F(EngineControllerTest, FailedExchangesRaiseTheirTextAndKeepNothing) {
   EXPECT_EQ(Failure([&] { client.SendAMessage(body); }), "Socket Connecting Failed");
 }
 
-TEST_F(EngineControllerTest, RequestSendsReportFailureAsZero) {
+// Requests built from texts: the header per version, no option labels (a 4.0
+// request with labels is an empty interactive message); a refusal or an
+// unreadable answer gives 0.
+TEST_F(EngineControllerTest, RequestSendsCarryNoLabelsAndReportFailureAsZero) {
   OAPDeviceController* device = OAPDeviceRegistrar::GetInstance()->GetDevice(address, true);
   device->SetClient(&client);
-  for (const std::string& reply : {kAccepted, ResponseDoc("20001", 1, 407), std::string("garbage")})
-    server.Queue({reply});
-  EXPECT_EQ(device->SendAMessage("Subj", "Text"), 0x20000u);
-  EXPECT_EQ(device->SendAMessage("Subj", "Text", {"Yes"}), 0u);
-  EXPECT_EQ(device->SendAMessage("Subj", "Text"), 0u);
+  const std::string v4 = "<OAP-request version=\"4.0\" id=\"2000";
+  const std::string header4 =
+      "\">\n<Header>\n<Port>4321</Port>\n<To>1234</To>\n</Header>\n"
+      "<Body service=\"OA-XML\">\n<service version=\"1.0\">\n";  // no Id
+  // clang-format off
+  const struct { const char* version; size_t labels; std::string reply, present, absent; unsigned long number; } cases[] = {
+      {"", 2, kAccepted, kHeader3 + "<Body service=\"message\"><To>1234</To>\n", "<Option", 0x20000},
+      {"4.0", 1, ResponseDoc("20001", 1, 407), v4 + "1" + header4 + "<Interactive_Message>\n<Message>\n<Subject>Subj",
+       "<Option", 0},
+      {"4.0", 0, "garbage", v4 + "2" + header4 + "<Message>\n<Subject>Subj", "<Interactive_Message>", 0},
+  };
+  // clang-format on
+  for (const auto& c : cases) {
+    server.Queue({c.reply});
+    Request request(c.version, "Subj", "Text", std::list<std::string>(c.labels, "Yes"));
+    EXPECT_EQ(device->SendAMessage(&request), c.number);
+    const std::string text = server.Requests().back();
+    EXPECT_NE(text.find(c.present), std::string::npos) << text;
+    EXPECT_EQ(text.find(c.absent), std::string::npos) << text;
+  }
   EXPECT_EQ(client.GetStatus(address, 0x20000), MsgStatus::Sent);
+  server.Queue({ResponseDoc("20003", 1, 200)});
+  EXPECT_EQ(device->SendAMessage("Subj", "Text", {"Yes"}), 0x20003u);
+  EXPECT_EQ(server.Requests().back().find("<Option"), std::string::npos);
 
   OAPDeviceController clientless(address);
   EXPECT_EQ(clientless.SendAMessage("Subj", "Text"), 0u);
   EXPECT_THROW(clientless.SendAMessage(NewBody("3.0")), QmException);
 }
 
-TEST_F(EngineControllerTest, RepliesAreEchoedOnceWithHeadingAndFinalOneWipesAndCloses) {
+TEST_F(EngineControllerTest, RepliesAreEchoedOnceAndFinalOneCloses) {
   for (int i = 0; i < 3; ++i) server.Queue({kAccepted});
   ASSERT_EQ(client.SendAMessage(NewBody("3.0", true)), 0x20000u);
   OAPDeviceController* device = Device();
@@ -222,16 +232,15 @@ TEST_F(EngineControllerTest, RepliesAreEchoedOnceWithHeadingAndFinalOneWipesAndC
   ASSERT_TRUE(device->GetStatus(0x20000, status));
   EXPECT_TRUE(status.closed);
   EXPECT_EQ(status.state, MsgStatus::Sent);
-}
 
-TEST_F(EngineControllerTest, FailedEchoPassesItsErrorButKeepsTheReply) {
-  server.Queue({kAccepted});
-  server.Queue({ResponseDoc("20000", 5, 400)});
-  ASSERT_EQ(client.SendAMessage(NewBody("3.0", true)), 0x20000u);
-  EXPECT_EQ(Failure([&] { Device()->AddResponse(0x20000, "typed", true); }),
+  // A failed echo passes its error on but keeps the reply.
+  server.Queue({ResponseDoc("20001", 1, 200)});
+  server.Queue({ResponseDoc("20001", 5, 400)});
+  ASSERT_EQ(client.SendAMessage(NewBody("3.0", true)), 0x20001u);
+  EXPECT_EQ(Failure([&] { device->AddResponse(0x20001, "typed", true); }),
             "No existing interactive message to update");
-  EXPECT_EQ(client.QueryResponse(address, 0x20000), (Replies{"typed"}));
-  EXPECT_EQ(client.GetStatus(address, 0x20000), MsgStatus::Sent);
+  EXPECT_EQ(client.QueryResponse(address, 0x20001), (Replies{"typed"}));
+  EXPECT_EQ(client.GetStatus(address, 0x20001), MsgStatus::Sent);
 }
 
 }  // namespace
