@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The soak and fault suite: 10,000 messages through the plug-in with answers
 # pushed back concurrently, faulty OAP servers, and a hostile listener.
-# Installs what is missing, builds in build-soak, runs the tests labelled
+# Installs what is missing, builds in the test build (build-test, shared with
+# scripts/test.sh, so a tested tree builds only the soak tests), runs the tests labelled
 # "soak" one at a time (they measure threads and memory of their process).
 #   scripts/soak.sh            extra CMake arguments may be given in QM_CMAKE_ARGS
 set -euo pipefail
@@ -9,7 +10,7 @@ cd "$(dirname "$0")/.."
 source scripts/install-deps.sh
 qm_install_deps
 
-BUILD_DIR=${QM_SOAK_BUILD_DIR:-build-soak}
+BUILD_DIR=${QM_BUILD_DIR:-build-test}
 cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo ${QM_CMAKE_ARGS:-} >/dev/null
 cmake --build "$BUILD_DIR" -j"$(nproc)" --target soak_load_tests soak_fault_tests
 ctest --test-dir "$BUILD_DIR" -L soak --output-on-failure

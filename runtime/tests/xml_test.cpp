@@ -295,6 +295,7 @@ TEST_F(XmlNodeTest, ReadOnlyAndDetachedNodesAndMisusedStringsThrowTheDefinedText
       {[&] { wrongKind = 3; }, "Unwanted exception at node int assignment."},
       {[&] { wrongPart = true; }, "Unwanted exception at node int assignment."},
       {[] { throw NodeException(); }, "Some error occurred."},
+      {[] { throw NodeException("%s-%d", "a", 7); }, "a-7"},
       {[] { throw NodeException("%s", std::string(5000, 'z').c_str()); }, std::string(2047, 'z')},
   };
   for (const auto& c : cases) EXPECT_EQ(Thrown(c.first), c.second);
