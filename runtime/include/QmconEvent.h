@@ -6,7 +6,9 @@
 #include "Qmobject.h"
 
 // Event with a millisecond wait, auto-reset (default) or manual-reset.
-// Wait results: 16 signalled, 17 timed out, 18 other error.
+// Wait results: 16 signalled, 17 timed out, 18 other error. A negative
+// time-out other than -1 counts as 0. A thread that a QmconThread was asked
+// to suspend sleeps at the end of its next Wait until resumed.
 // The deadline adds the sub-second part of a time-out as microseconds, so
 // Wait(1500) lasts about 1.0015 s; callers rely on this arithmetic.
 class QmconEvent : public Qmobject {
@@ -25,6 +27,8 @@ class QmconEvent : public Qmobject {
   void Reset();  // manual-reset events only
 
  private:
+  int WaitForSignal(int timeoutMs);
+
   bool m_manualReset;
   pthread_cond_t m_cond;
   pthread_mutex_t m_mutex;

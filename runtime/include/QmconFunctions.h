@@ -13,7 +13,8 @@ std::string QmgetLastError();
 void Qmsleep(int ms);
 void QmsleepSec(int s);
 
-// Start and end of the runtime: thread signal handlers and socket layer.
+// Start and end of the runtime (thread and socket layers). Neither installs a
+// signal handler nor changes any signal disposition of the process.
 bool InitialLib();
 bool InitialLib(const std::string& resourceDir);
 void CloseLib();

@@ -8,6 +8,7 @@
 
 #include "QmconException.h"
 #include "QmconFunctions.h"
+#include "QmconThread.h"
 
 QmconEvent::QmconEvent() : m_manualReset(false) {
   Initialize();
@@ -45,7 +46,7 @@ void QmconEvent::Initialize() {
 namespace {
 
 // Leaves an event's Wait: counts the waiter out and releases the mutex, also
-// when the thread is ended by a signal inside the wait and unwinds.
+// when the wait ends by an exception.
 class WaitScope {
  public:
   WaitScope(pthread_mutex_t* mutex, int* waiters) : m_mutex(mutex), m_waiters(waiters) {
@@ -70,6 +71,13 @@ class WaitScope {
 }  // namespace
 
 int QmconEvent::Wait(int timeoutMs) {
+  const int result = WaitForSignal(timeoutMs < -1 ? 0 : timeoutMs);
+  // A thread asked to suspend does so here, holding nothing of the event.
+  QmconThread::SuspendIfRequested();
+  return result;
+}
+
+int QmconEvent::WaitForSignal(int timeoutMs) {
   if (pthread_mutex_lock(&m_mutex) != 0) QMCON_THROW("Lock failed");
   WaitScope scope(&m_mutex, &m_waiters);
 

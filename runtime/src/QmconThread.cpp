@@ -1,11 +1,12 @@
 #include "QmconThread.h"
 
-#include <sched.h>
-#include <semaphore.h>
 #include <signal.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <system_error>
 
 #include "QmString.h"
 #include "QmconException.h"
@@ -15,55 +16,9 @@ const pthread_t QmconThread::kNoThread = static_cast<pthread_t>(-1);
 
 namespace {
 
-pthread_mutex_t the_ThreadGuard = PTHREAD_MUTEX_INITIALIZER;
-// One flag for the whole process, set by whichever thread was suspended last.
-std::atomic<bool> is_Suspend{false};
-
-// Handed from Run to the new thread. The thread waits on `ready` until Run
-// has stored its id, so an auto-cleaning thread never outruns its starter.
-struct StartRecord {
-  QmconThread* thread;
-  QmconDelegate* work;
-  sem_t ready;
-};
-
-// SIGUSR1: sleep inside the handler until SIGUSR2 arrives.
-void StopSingleHandler(int) {
-  const int savedErrno = errno;
-  sigset_t set;
-  sigfillset(&set);
-  sigdelset(&set, SIGUSR2);
-  is_Suspend = true;
-  sigsuspend(&set);
-  errno = savedErrno;
-}
-
-// SIGUSR2: exists only so that the signal interrupts the suspension.
-void StartSingleHandler(int) {}
-
-// SIGQUIT and SIGTERM: end the receiving thread, not the process.
-void EndThreadHandler(int) {
-  pthread_exit(nullptr);
-}
-
-void InstallHandler(int signo, void (*handler)(int)) {
-  struct sigaction action {};
-  action.sa_handler = handler;
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = 0;
-  if (sigaction(signo, &action, nullptr) != 0) QMCON_THROW("Initialize Thread Lib Failed");
-}
-
-// The C library loads its unwinder on the first pthread_exit. Doing that
-// inside a signal handler would allocate there, so one short-lived thread
-// exits once at start-up.
-void PreloadThreadExitSupport() {
-  pthread_t id;
-  if (pthread_create(
-          &id, nullptr, [](void*) -> void* { pthread_exit(nullptr); }, nullptr) == 0) {
-    pthread_join(id, nullptr);
-  }
-}
+// How long Stop waits for the thread to reach its next wait.
+const std::chrono::milliseconds kSuspendAckWait(1000);
+const int kPollStepMs = 250;
 
 std::string CreateErrorText(int rc) {
   switch (rc) {
@@ -78,91 +33,216 @@ std::string CreateErrorText(int rc) {
   }
 }
 
+// Runs a request; a lock that fails turns into the request's failure text.
+template <typename Request>
+void Deliver(const char* failure, Request request) {
+  try {
+    request();
+  } catch (const std::system_error& e) {
+    errno = e.code().value();
+    QMCON_THROW(failure);
+  }
+}
+
 }  // namespace
+
+// What a running thread and its thread object share: the requests made of
+// the thread and its state. The thread holds it for its whole life, so it
+// outlives the thread object when that goes first.
+class QmconThread::Control {
+ public:
+  Control(QmconThread* owner, QmconDelegate* work, bool autoClean)
+      : m_owner(owner), m_work(work), m_autoClean(autoClean) {}
+
+  // Run is done with the thread object: the thread may start.
+  void Launch(pthread_t id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_id = id;
+    m_launched = true;
+    m_changed.notify_all();
+  }
+  void WaitForLaunch() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait(lock, [this] { return m_launched; });
+  }
+  // The thread's last touch of its delegate's hooks: no request reaches the
+  // delegate after this.
+  void Finish() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_running = false;
+    m_changed.notify_all();
+  }
+
+  void RequestKill() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_running) return;
+    m_killed = true;
+    m_changed.notify_all();
+    if (m_work != nullptr) m_work->StopWork();
+  }
+  void RequestSuspend() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (!m_running || m_killed) return;
+    m_suspendAsked = true;
+    if (m_work != nullptr) m_work->PauseWork();
+    m_changed.wait_for(lock, kSuspendAckWait, [this] { return m_suspended || !m_running; });
+  }
+  void RequestResume() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_running) return;
+    m_suspendAsked = false;
+    m_changed.notify_all();
+    if (m_work != nullptr) m_work->ResumeWork();
+  }
+  // On the thread itself: sleeps while a suspension is asked for.
+  void HonourSuspension() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (!m_suspendAsked || m_killed) return;
+    m_suspended = true;
+    m_changed.notify_all();
+    m_changed.wait(lock, [this] { return !m_suspendAsked || m_killed; });
+    m_suspended = false;
+  }
+  // True once the thread has ended; waits up to `timeout` for that.
+  bool WaitForEnd(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, timeout, [this] { return !m_running; });
+  }
+
+  bool Running() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_running;
+  }
+  pthread_t Id() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_running ? m_id : kNoThread;
+  }
+  void SetAutoClean(bool autoClean) { m_autoClean = autoClean; }
+  bool AutoClean() const { return m_autoClean; }
+  QmconThread* Owner() const { return m_owner; }
+  QmconDelegate* Work() const { return m_work; }
+
+ private:
+  QmconThread* const m_owner;
+  QmconDelegate* const m_work;
+  std::atomic<bool> m_autoClean;
+
+  std::mutex m_mutex;  // guards everything below
+  std::condition_variable m_changed;
+  pthread_t m_id = kNoThread;
+  bool m_launched = false;
+  bool m_running = true;
+  bool m_killed = false;
+  bool m_suspendAsked = false;
+  bool m_suspended = false;
+};
+
+QmconThread::Control*& QmconThread::ThisThreadControl() {
+  thread_local Control* control = nullptr;
+  return control;
+}
+
+QmconThread::QmconThread() = default;
 
 QmconThread::~QmconThread() = default;
 
-void QmconThread::InitializeLibrary() {
-  if (pthread_mutex_init(&the_ThreadGuard, nullptr) != 0) QMCON_THROW("Create Lock Failed");
-  PreloadThreadExitSupport();
-  InstallHandler(SIGUSR1, StopSingleHandler);
-  InstallHandler(SIGUSR2, StartSingleHandler);
-  InstallHandler(SIGQUIT, EndThreadHandler);
-  InstallHandler(SIGTERM, EndThreadHandler);
-}
+void QmconThread::InitializeLibrary() {}
 
-void QmconThread::CloseLibrary() {
-  if (pthread_mutex_destroy(&the_ThreadGuard) == -1) QMCON_THROW("Initialize Thread Lib Failed");
+void QmconThread::CloseLibrary() {}
+
+std::shared_ptr<QmconThread::Control> QmconThread::Current() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  if (m_control != nullptr && !m_control->Running()) return nullptr;
+  return m_control;
 }
 
 void QmconThread::Run(QmconDelegate* work) {
-  if (m_threadId.load() != kNoThread) return;
-
-  auto* record = new StartRecord{this, work, {}};
-  sem_init(&record->ready, 0, 0);
+  std::shared_ptr<Control> control;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_control != nullptr && m_control->Running()) return;
+    control = std::make_shared<Control>(this, work, m_autoClean);
+    m_control = control;
+  }
+  auto* handle = new std::shared_ptr<Control>(control);
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
   pthread_t id;
-  const int rc = pthread_create(&id, &attr, &QmconThread::ThreadWork, record);
+  const int rc = pthread_create(&id, &attr, &QmconThread::ThreadWork, handle);
   pthread_attr_destroy(&attr);
   if (rc != 0) {
-    sem_destroy(&record->ready);
-    delete record;
+    delete handle;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      if (m_control == control) m_control.reset();
+    }
     throw QmconException(::GetMyThreadID(), __FILE__, __LINE__, "Create Thread Failed",
                          CreateErrorText(rc));
   }
-  m_threadId = id;
-  sem_post(&record->ready);
+  // From here on an auto-cleaning thread may delete this object.
+  control->Launch(id);
 }
 
-void* QmconThread::ThreadWork(void* arg) {
-  auto* record = static_cast<StartRecord*>(arg);
-  while (sem_wait(&record->ready) != 0) {
+void* QmconThread::ThreadWork(void* handle) {
+  std::shared_ptr<Control> control;
+  {
+    std::unique_ptr<std::shared_ptr<Control>> owned(static_cast<std::shared_ptr<Control>*>(handle));
+    control = std::move(*owned);
   }
-  QmconThread* thread = record->thread;
-  QmconDelegate* work = record->work;
-  sem_destroy(&record->ready);
-  delete record;
-
-  if (work != nullptr) work->DoWork(work->GetUserData());
-  // Once the id is reset the owner may destroy the thread object, so read
-  // the flag first and touch nothing of it afterwards.
-  const bool autoClean = thread->m_autoClean;
-  thread->m_threadId = kNoThread;
-  if (autoClean) {
-    delete thread;
+  control->WaitForLaunch();
+  QmconDelegate* work = control->Work();
+  if (work != nullptr) {
+    ThisThreadControl() = control.get();
+    work->DoWork(work->GetUserData());
+    ThisThreadControl() = nullptr;
+  }
+  control->Finish();
+  if (control->AutoClean()) {
+    delete control->Owner();
     delete work;
   }
   return nullptr;
 }
 
 void QmconThread::Kill() {
-  const pthread_t id = m_threadId.load();
-  if (id == kNoThread) return;
-  if (pthread_kill(id, SIGQUIT) != 0) QMCON_THROW("Kill Thread Failed");
-  m_threadId = kNoThread;
+  std::shared_ptr<Control> control;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    control.swap(m_control);
+  }
+  if (control != nullptr) Deliver("Kill Thread Failed", [&] { control->RequestKill(); });
 }
 
 void QmconThread::Stop() {
-  const pthread_t id = m_threadId.load();
-  if (id == kNoThread) return;
-  pthread_mutex_lock(&the_ThreadGuard);
-  is_Suspend = false;
-  pthread_mutex_unlock(&the_ThreadGuard);
-  if (pthread_kill(id, SIGUSR1) != 0) QMCON_THROW("Suspend Thread Failed");
-  while (!is_Suspend) sched_yield();
+  const std::shared_ptr<Control> control = Current();
+  if (control != nullptr) Deliver("Suspend Thread Failed", [&] { control->RequestSuspend(); });
 }
 
-// Sends SIGUSR1 like Stop; a suspended thread wakes only on SIGUSR2. This
-// asymmetry is established behaviour that callers account for.
 void QmconThread::Resume() {
-  if (pthread_kill(m_threadId.load(), SIGUSR1) != 0) QMCON_THROW("Resume Thread Failed");
+  const std::shared_ptr<Control> control = Current();
+  if (control == nullptr) QMCON_THROW("Resume Thread Failed");
+  Deliver("Resume Thread Failed", [&] { control->RequestResume(); });
+}
+
+void QmconThread::SuspendIfRequested() {
+  Control* control = ThisThreadControl();
+  if (control != nullptr) control->HonourSuspension();
 }
 
 bool QmconThread::IsRunning() const {
-  const pthread_t id = m_threadId.load();
-  return id != kNoThread && pthread_kill(id, 0) == 0;
+  return Current() != nullptr;
+}
+
+pthread_t QmconThread::GetThreadID() const {
+  const std::shared_ptr<Control> control = Current();
+  return control != nullptr ? control->Id() : kNoThread;
+}
+
+void QmconThread::SetAutoClean(bool autoClean) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_autoClean = autoClean;
+  if (m_control != nullptr) m_control->SetAutoClean(autoClean);
 }
 
 bool QmconThread::IsThreadActive(unsigned long pid) {
@@ -173,14 +253,11 @@ pthread_t QmconThread::GetMyThreadID() {
   return pthread_self();
 }
 
-// Polls every 250 ms while the thread lives. The count stops the loop only
-// when it reaches exactly zero, so a time-out that is not a multiple of 250
-// waits for the thread's end.
 int QmconThread::WaitForThreadObject(unsigned long timeoutMs) {
+  const std::shared_ptr<Control> control = Current();
   unsigned long remaining = timeoutMs;
-  while (IsRunning()) {
-    Qmsleep(250);
-    remaining -= 250;
+  while (control != nullptr && !control->WaitForEnd(std::chrono::milliseconds(kPollStepMs))) {
+    remaining -= kPollStepMs;
     if (remaining == 0) break;
   }
   return 0;

@@ -24,6 +24,7 @@ TEST(QmconEventTest, AutoResetConsumesOneSignalManualStaysUntilReset) {
   for (int i = 0; i < 3; ++i) EXPECT_EQ(manual.Wait(0), QmconEvent::SIGNALLED);
   manual.Reset();
   EXPECT_EQ(manual.Wait(0), QmconEvent::TIMEDOUT);
+  EXPECT_EQ(manual.Wait(-7), QmconEvent::TIMEDOUT);  // a negative time-out waits as 0
 }
 
 TEST(QmconEventTest, SubSecondPartOfTimeoutCountsAsMicroseconds) {
