@@ -1,74 +1,65 @@
 #include "QmconThreadPool.h"
 
-#include <cxxabi.h>
-#include <signal.h>
-
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
-#include <cstring>
-#include <functional>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 
+#include "QmLogInterface.h"
+#include "QmString.h"
 #include "QmconCriticalSection.h"
 #include "QmconDelegate.h"
 #include "QmconEvent.h"
 #include "QmconException.h"
 #include "QmconFunctions.h"
 #include "QmconLock.h"
+#include "QmsysSystemLog.h"
 
 namespace {
 
-const int kStopGraceMs = 500;
-const int kMinWaitPerThreadMs = 100;
-// How long Stop waits for killed workers to finish unwinding.
-const int kKillSettleMs = 1000;
+const char* const kSource = "QmconThreadPool";
+const int kMinStopWaitMs = 100;
 
 }  // namespace
 
 // Everything the workers touch. Workers hold it through a shared pointer so
 // that it outlives the pool object for as long as one of them runs.
 struct QmconThreadPool::State {
-  struct Worker {
-    pthread_t id;
-    bool busy;  // inside a work item: the only state in which Stop may end it
-  };
-
   // Guarded by queueLock.
   std::list<QmconDelegate*> queue;
   std::map<pthread_t, QmconDelegate*> running;
   bool stopping = false;
   // Guarded by threadLock.
-  std::list<Worker> workers;
+  std::list<pthread_t> workers;
 
-  unsigned int maxThreads = 0;
+  std::atomic<unsigned int> maxThreads{0};
   std::atomic<int> idleTimeoutMs{kDefaultIdleTimeoutMs};
   QmconLock queueLock;
   QmconLock threadLock;
   QmconEvent workEvent{true};
 
-  // Lets Stop wait for a worker to leave instead of sleeping blindly.
+  // Lets Stop wait for the workers to leave instead of sleeping blindly.
   std::mutex endMutex;
   std::condition_variable endCond;
 
-  std::list<Worker>::iterator FindWorker(pthread_t id) {
+  std::list<pthread_t>::iterator FindWorker(pthread_t id) {
     return std::find_if(workers.begin(), workers.end(),
-                        [id](const Worker& w) { return pthread_equal(w.id, id) != 0; });
+                        [id](pthread_t w) { return pthread_equal(w, id) != 0; });
   }
   bool IsListed(pthread_t id) {
     QmconCriticalSection guard(&threadLock, true, true, false);
     return FindWorker(id) != workers.end();
   }
-  void SetBusy(bool busy) {
+  std::size_t WorkerCount() {
     QmconCriticalSection guard(&threadLock, true, true, false);
-    auto it = FindWorker(pthread_self());
-    if (it != workers.end()) it->busy = busy;
+    return workers.size();
   }
+  // The worker's last touch of the list; wakes a Stop waiting for it.
   void RemoveSelf() {
     {
       QmconCriticalSection guard(&threadLock, true, true, false);
@@ -89,22 +80,13 @@ struct QmconThreadPool::State {
     if (it != workers.end()) workers.erase(it);
     return true;
   }
+  // True when every worker has left within `waitMs`.
+  bool WaitForWorkers(int waitMs) {
+    std::unique_lock<std::mutex> lock(endMutex);
+    return endCond.wait_for(lock, std::chrono::milliseconds(waitMs),
+                            [this] { return WorkerCount() == 0; });
+  }
 };
-
-namespace {
-
-// Removes the worker from the list however its loop ends, including the
-// unwinding of a thread ended by SIGQUIT.
-class WorkerExitGuard {
- public:
-  explicit WorkerExitGuard(std::function<void()> onExit) : m_onExit(std::move(onExit)) {}
-  ~WorkerExitGuard() { m_onExit(); }
-
- private:
-  std::function<void()> m_onExit;
-};
-
-}  // namespace
 
 QmconThreadPool::QmconThreadPool() : m_state(std::make_shared<State>()) {}
 
@@ -112,8 +94,7 @@ QmconThreadPool::~QmconThreadPool() {
   {
     QmconCriticalSection guard(&m_state->queueLock, true, true, false);
     m_state->stopping = true;
-    for (QmconDelegate* work : m_state->queue) delete work;
-    m_state->queue.clear();
+    DeleteTasks();
   }
   try {
     m_state->workEvent.Broadcast();
@@ -122,19 +103,12 @@ QmconThreadPool::~QmconThreadPool() {
   }
 }
 
-void QmconThreadPool::EndThreadHandler(int /*signal*/) {
-  pthread_exit(nullptr);
-}
-
 void QmconThreadPool::Initialize(unsigned int maxThreads) {
   m_state->maxThreads = maxThreads;
-  struct sigaction action;
-  std::memset(&action, 0, sizeof(action));
-  action.sa_handler = &QmconThreadPool::EndThreadHandler;
-  sigemptyset(&action.sa_mask);
-  if (sigaction(SIGQUIT, &action, nullptr) != 0 || sigaction(SIGTERM, &action, nullptr) != 0) {
-    QMCON_THROW("Initialize Thread Pool Failed");
-  }
+}
+
+void QmconThreadPool::SetLogger(QmLogInterface* logger) {
+  m_logger = logger;
 }
 
 void QmconThreadPool::AddWork(QmconDelegate* work) {
@@ -166,7 +140,7 @@ unsigned long QmconThreadPool::StartWorkerIfNeeded() {
     QMCON_THROW("Create Thread Failed");
   }
   // The new thread waits for this lock before it looks itself up.
-  m_state->workers.push_back(State::Worker{id, false});
+  m_state->workers.push_back(id);
   const int detached = pthread_detach(id);
   if (detached != 0) {
     errno = detached;
@@ -182,18 +156,16 @@ void* QmconThreadPool::WorkerEntry(void* handle) {
     state = *owned;
   }
   try {
-    WorkerLoop(state);
-  } catch (const abi::__forced_unwind&) {
-    throw;  // ended by SIGQUIT: the thread must finish unwinding
+    WorkerLoop(state.get());
   } catch (const QmException& e) {
-    std::fprintf(stderr, "%s\n", e.ToString().c_str());
+    QmsysSystemLog::Write("QmconThreadPool::WorkerLoop", QmsysSystemLog::CATEGORY_ERROR, "%s",
+                          e.ToString().c_str());
   }
+  state->RemoveSelf();
   return nullptr;
 }
 
-void QmconThreadPool::WorkerLoop(const std::shared_ptr<State>& state) {
-  State* st = state.get();
-  WorkerExitGuard exitGuard([st] { st->RemoveSelf(); });
+void QmconThreadPool::WorkerLoop(State* st) {
   for (;;) {
     const int waited = st->workEvent.Wait(st->idleTimeoutMs.load());
     if (waited == QmconEvent::TIMEDOUT) {
@@ -212,87 +184,61 @@ void QmconThreadPool::WorkerLoop(const std::shared_ptr<State>& state) {
       st->queue.pop_front();
       st->running[pthread_self()] = work;
     }
-    RunItem(state, work);
+    RunItem(st, work);
   }
 }
 
-void QmconThreadPool::RunItem(const std::shared_ptr<State>& state, QmconDelegate* work) {
-  State* st = state.get();
-  // Declared in this order so that the running entry goes before the item is
-  // deleted, also when the thread is ended inside DoWork.
+void QmconThreadPool::RunItem(State* st, QmconDelegate* work) {
+  // Deleted after its running entry is gone, so that no task control call
+  // reaches a deleted item.
   std::unique_ptr<QmconDelegate> owned(work);
-  WorkerExitGuard runningEntry([st] {
-    QmconCriticalSection guard(&st->queueLock, true, true, false);
-    st->running.erase(pthread_self());
-  });
-  st->SetBusy(true);
   try {
     work->DoWork(work->GetUserData());
-  } catch (const abi::__forced_unwind&) {
-    throw;
   } catch (const std::exception& e) {
     // Work items are expected to catch their own exceptions.
-    std::fprintf(stderr, "Thread pool work item failed: %s\n", e.what());
+    QmsysSystemLog::Write("QmconThreadPool::RunItem", QmsysSystemLog::CATEGORY_ERROR,
+                          "Thread pool work item failed: %s", e.what());
   } catch (...) {
-    std::fprintf(stderr, "Thread pool work item failed\n");
+    QmsysSystemLog::Write("QmconThreadPool::RunItem", QmsysSystemLog::CATEGORY_ERROR,
+                          "Thread pool work item failed");
   }
-  st->SetBusy(false);
+  QmconCriticalSection guard(&st->queueLock, true, true, false);
+  st->running.erase(pthread_self());
 }
 
 bool QmconThreadPool::Stop(int timeoutMs) {
   {
     QmconCriticalSection guard(&m_state->queueLock, true, true, false);
     m_state->stopping = true;
-    for (QmconDelegate* work : m_state->queue) delete work;
-    m_state->queue.clear();
+    DeleteTasks();
   }
+  ApplyToTasks(TASK_STOP);
   m_state->workEvent.Broadcast();
-  {
-    // Idle workers leave at once; give the others the grace time.
-    std::unique_lock<std::mutex> lock(m_state->endMutex);
-    m_state->endCond.wait_for(lock, std::chrono::milliseconds(kStopGraceMs),
-                              [this] { return WorkerCount() == 0; });
-  }
-
-  std::list<pthread_t> live;
-  {
-    QmconCriticalSection guard(&m_state->threadLock, true, true, false);
-    for (const State::Worker& w : m_state->workers) live.push_back(w.id);
-  }
-  int waitPerThread = live.empty() ? 0 : timeoutMs / static_cast<int>(live.size());
-  if (waitPerThread <= 99) waitPerThread = kMinWaitPerThreadMs;
-
-  std::list<pthread_t> killed;
-  for (pthread_t id : live) {
-    if (WaitForWorkerEnd(id, waitPerThread)) continue;
-    if (Kill(id)) killed.push_back(id);
-  }
-  // Let the killed workers finish unwinding (their items go with them).
-  const auto settle = std::chrono::steady_clock::now() + std::chrono::milliseconds(kKillSettleMs);
-  for (pthread_t id : killed) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        settle - std::chrono::steady_clock::now());
-    if (left.count() <= 0) break;
-    WaitForWorkerEnd(id, static_cast<int>(left.count()));
-  }
+  const int waitMs = std::max(timeoutMs, kMinStopWaitMs);
+  if (!m_state->WaitForWorkers(waitMs)) ReportStragglers(waitMs);
   return true;
 }
 
-bool QmconThreadPool::Kill(pthread_t id) {
-  // A listed worker has not run its exit code yet, so it still exists;
-  // holding the list lock keeps it from getting there during the kill.
-  QmconCriticalSection guard(&m_state->threadLock, true, true, false);
-  auto it = m_state->FindWorker(id);
-  if (it == m_state->workers.end() || !it->busy) return false;
-  std::printf("Kill thread [%d]\n", static_cast<int>(static_cast<unsigned int>(id)));
-  std::fflush(stdout);
-  return pthread_kill(id, SIGQUIT) == 0;
-}
-
-bool QmconThreadPool::WaitForWorkerEnd(pthread_t id, int waitMs) {
-  std::unique_lock<std::mutex> lock(m_state->endMutex);
-  return m_state->endCond.wait_for(lock, std::chrono::milliseconds(waitMs),
-                                   [this, id] { return !m_state->IsListed(id); });
+// The workers still listed are busy in an item that did not stop in time.
+// They keep the shared state and their item, and leave when the item returns.
+void QmconThreadPool::ReportStragglers(int waitedMs) {
+  std::list<pthread_t> busy;
+  {
+    QmconCriticalSection guard(&m_state->threadLock, true, true, false);
+    busy = m_state->workers;
+  }
+  QmLogInterface* logger = m_logger;
+  for (pthread_t id : busy) {
+    const std::string text = QmstringFormat(
+        "Thread pool worker [%lu] still busy %d ms after the stop request; left running",
+        static_cast<unsigned long>(id), waitedMs);
+    if (logger != nullptr) {
+      QM_LOG(logger, Error, kSource, text);
+    } else {
+      QmsysSystemLog::Write("QmconThreadPool::Stop", QmsysSystemLog::CATEGORY_ERROR, "%s",
+                            text.c_str());
+    }
+  }
 }
 
 void QmconThreadPool::Apply(QmconDelegate* work, TaskAction action) {
@@ -363,8 +309,7 @@ std::size_t QmconThreadPool::RunningSize() const {
 }
 
 std::size_t QmconThreadPool::WorkerCount() const {
-  QmconCriticalSection guard(&m_state->threadLock, true, true, false);
-  return m_state->workers.size();
+  return m_state->WorkerCount();
 }
 
 bool QmconThreadPool::IsThreadRunning(unsigned long threadId) const {

@@ -22,25 +22,12 @@
 #include "QmioException.h"
 #include "log_test_util.h"
 
-// Tests that end a thread inside a signal handler, which the race checker
-// reports, skip themselves under it.
-#if defined(__has_feature)
-#define QM_HAS_FEATURE(x) __has_feature(x)
-#else
-#define QM_HAS_FEATURE(x) 0
-#endif
-#if defined(__SANITIZE_THREAD__) || QM_HAS_FEATURE(thread_sanitizer)
-#define QM_SKIP_UNDER_RACE_CHECKER() GTEST_SKIP() << "ends a thread inside a signal handler"
-#else
-#define QM_SKIP_UNDER_RACE_CHECKER() (void)0
-#endif
-
 // An I/O exception reads as its message and path (see Thrown).
 inline std::string ThrownText(const QmioException& e) {
   return e.GetMsg() + " @ " + e.GetPath();
 }
 
-// Installs the runtime's signal handlers once for the whole test process.
+// Starts the runtime once for the whole test process.
 struct RuntimeEnvironment : ::testing::Environment {
   void SetUp() override { ASSERT_TRUE(InitialLib()); }
 };
