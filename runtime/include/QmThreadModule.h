@@ -11,15 +11,18 @@
 // A module with a worker thread of its own that runs DoThreadWork, logs
 // whatever it throws, finalises the module and reports its end through the
 // stopped event. Another thread asks the loop to end with StopThread. The
-// module owns both events and the thread object, and must outlive its
-// worker thread (the usual stop sequence is StopThread, WaitForThreadStop).
+// module owns both events and the thread object. Signalling the stopped
+// event is the worker's last touch of the module and of its logger, so the
+// owner may delete both as soon as WaitForThreadStop has returned true (the
+// usual stop sequence is StopThread, WaitForThreadStop).
 class QmThreadModule : public QmPlainModule, public QmconDelegate {
  public:
   QmThreadModule();
   ~QmThreadModule() override;
 
   // Throws QmException when the events or the thread object cannot be made,
-  // and passes on QmconException of a failed thread start.
+  // and passes on QmconException of a failed thread start. False, with an
+  // error line, while the module's thread runs.
   bool StartAsThread();
   bool StopThread();
   // True when the worker signalled its end within `timeoutMs` (-1: no limit).
@@ -34,9 +37,12 @@ class QmThreadModule : public QmPlainModule, public QmconDelegate {
   // The thread body.
   void DoWork(void* data) override;
 
+ protected:
+  // Started and not yet reported its end.
+  bool IsThreadRunning() const;
+
  private:
   void RunGuarded();
-  void WaitForThreadObjectIdle();
 
   std::unique_ptr<QmconEvent> m_stopEvent;
   std::unique_ptr<QmconThread> m_thread;

@@ -1,8 +1,5 @@
 #include "QmThreadModule.h"
 
-#include <cxxabi.h>
-
-#include <chrono>
 #include <exception>
 #include <new>
 
@@ -15,35 +12,29 @@
 namespace {
 
 const char* const kSource = "QmThreadModule";
-// After the stopped event the worker only leaves its thread entry.
-const int kThreadObjectIdleMs = 2000;
 
 }  // namespace
 
 QmThreadModule::QmThreadModule() = default;
 
-QmThreadModule::~QmThreadModule() {
-  WaitForThreadObjectIdle();
-}
+QmThreadModule::~QmThreadModule() = default;
 
-void QmThreadModule::WaitForThreadObjectIdle() {
-  // The thread object is written by the finishing worker after DoWork; it may
-  // only be destroyed once the worker has reported its end and let go of it.
-  if (m_thread == nullptr || m_stoppedEvent == nullptr) return;
-  if (m_stoppedEvent->Wait(0) != QmconEvent::SIGNALLED) {
-    (void)m_thread.release();  // still running: the object must not go away under it
-    return;
-  }
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(kThreadObjectIdleMs);
-  while (!pthread_equal(m_thread->GetThreadID(), QmconThread::kNoThread) &&
-         std::chrono::steady_clock::now() < deadline) {
-    Qmsleep(1);
-  }
+bool QmThreadModule::IsThreadRunning() const {
+  return m_stoppedEvent != nullptr && m_stoppedEvent->Wait(0) != QmconEvent::SIGNALLED;
 }
 
 bool QmThreadModule::StartAsThread() {
   QM_LOG(m_logger, Trace, kSource, "Entering QmThreadModule::StartAsThread()");
+  if (IsThreadRunning()) {
+    // Its events and thread object are in use: a second start would pull
+    // them from under the running thread.
+    QM_LOG(m_logger, Error, kSource,
+           QmstringFormat("Unable to start '%s' thread: it is already running.",
+                          GetRunningModuleName().c_str()));
+    QM_LOG(m_logger, Trace, kSource,
+           QmstringFormat("Leaving QmThreadModule::StartAsThread() with %s.", "FALSE"));
+    return false;
+  }
   m_stopEvent.reset(new (std::nothrow) QmconEvent(true));
   m_stoppedEvent.reset(new (std::nothrow) QmconEvent(true));
   if (m_stopEvent == nullptr || m_stoppedEvent == nullptr) {
@@ -62,7 +53,12 @@ bool QmThreadModule::StartAsThread() {
   QM_LOG(m_logger, Info, kSource,
          QmstringFormat("Starting '%s' thread, pid:%ul ...", GetRunningModuleName().c_str(),
                         GetMyThreadID()));
-  m_thread->Run(static_cast<QmconDelegate*>(this));
+  try {
+    m_thread->Run(static_cast<QmconDelegate*>(this));
+  } catch (const QmconException&) {
+    m_stoppedEvent.reset();  // nothing runs: a later start may try again
+    throw;
+  }
   QM_LOG(m_logger, Trace, kSource,
          QmstringFormat("Leaving QmThreadModule::StartAsThread() with %s.", "TRUE"));
   return true;
@@ -93,15 +89,14 @@ void QmThreadModule::DoWork(void* /*data*/) {
   QM_LOG(m_logger, Trace, kSource, "Entering QmThreadModule::DoWork()");
   RunGuarded();
   Finalize();
-  m_stoppedEvent->Broadcast();
   QM_LOG(m_logger, Trace, kSource, "Leaving QmThreadModule::DoWork()");
+  // The last touch of the module: its owner may delete it once this is seen.
+  m_stoppedEvent->Broadcast();
 }
 
 void QmThreadModule::RunGuarded() {
   try {
     DoThreadWork();
-  } catch (const abi::__forced_unwind&) {
-    throw;  // the thread is being ended by a signal; let it go
   } catch (const QmconException& e) {
     QM_LOG(m_logger, Critical, kSource,
            QmstringFormat("Concurrency exception occurred: %s", e.ToString().c_str()));
