@@ -12,5 +12,5 @@ qm_install_deps
 
 BUILD_DIR=${QM_BUILD_DIR:-build-test}
 cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo ${QM_CMAKE_ARGS:-} >/dev/null
-cmake --build "$BUILD_DIR" -j"$(nproc)" --target soak_load_tests soak_fault_tests
+cmake --build "$BUILD_DIR" -j"$(nproc)" --target soak_load_tests soak_fault_tests soak_stop_tests
 ctest --test-dir "$BUILD_DIR" -L soak --output-on-failure

@@ -24,4 +24,9 @@ if(QM_BUILD_TESTS AND TARGET qmoapdriver AND TARGET qm_refhost AND TARGET qm_cor
 
   qm_soak_test(soak_load_tests 420 ${QM_SOAK_DIR}/soak_load_test.cpp)
   qm_soak_test(soak_fault_tests 90 ${QM_SOAK_DIR}/soak_fault_test.cpp)
+  # Thread pools stopped while busy, and a host taking SIGTERM.
+  qm_soak_test(soak_stop_tests 300 ${QM_SOAK_DIR}/soak_stop_test.cpp)
+  target_link_libraries(soak_stop_tests PRIVATE qm_net qm_log qm_ini_codec)
+  target_include_directories(soak_stop_tests PRIVATE
+    ${CMAKE_CURRENT_SOURCE_DIR}/runtime/tests)
 endif()

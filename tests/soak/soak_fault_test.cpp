@@ -4,14 +4,6 @@
 
 #include "soak_support.h"
 
-// A worker still busy when the listener's pool stops is ended with a signal
-// and unwound from its handler, which frees memory there (see
-// CleanupWhileEchoesWaitOnASilentServer). That is how the runtime ends
-// threads; the thread checker would report each such end.
-extern "C" const char* __tsan_default_options() {
-  return "report_signal_unsafe=0";
-}
-
 namespace {
 
 using Change = QmReferenceJob::StatusChange;
@@ -286,8 +278,8 @@ TEST_F(SoakFaultTest, CleanupUnderLoadReturnsPromptly) {
 
 // Answers to eight messages arrive while the server has gone silent, so the
 // workers taking them wait on their echoes to the handsets when the host
-// cleans up: Cleanup still returns within the pool's stop time, ending the
-// workers that do not finish, and nothing is left behind.
+// cleans up: Cleanup still returns within the pool's stop time, and nothing
+// is left behind.
 TEST_F(SoakFaultTest, CleanupWhileEchoesWaitOnASilentServer) {
   QmReferenceJob jobs[8];
   for (QmReferenceJob& job : jobs) {
