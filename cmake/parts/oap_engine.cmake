@@ -9,6 +9,7 @@ add_library(qm_oap_engine OBJECT
   messenger_drivers/oap/src/OAPConnectionHandler.cpp
   messenger_drivers/oap/src/OAPListener.cpp
   messenger_drivers/oap/src/OAPClient.cpp
+  messenger_drivers/oap/src/OAPTracer.cpp
 )
 target_include_directories(qm_oap_engine PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/messenger_drivers/oap/src)
 target_compile_options(qm_oap_engine PRIVATE ${QM_WARNINGS})
