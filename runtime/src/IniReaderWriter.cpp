@@ -1,7 +1,7 @@
 #include "IniReaderWriter.h"
 
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 
 #include "QmString.h"

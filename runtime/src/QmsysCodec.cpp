@@ -29,7 +29,8 @@ constexpr int kXmlAttributeCount = 5;
 // What element content needs escaped so that a parser reads it back as it
 // was: the markup characters, and the carriage return, which a parser would
 // otherwise read as a line feed.
-constexpr Entity kXmlContentEntities[] = {{'&', "&amp;"}, {'>', "&gt;"}, {'<', "&lt;"}, {'\r', "&#xd;"}};
+constexpr Entity kXmlContentEntities[] = {
+    {'&', "&amp;"}, {'>', "&gt;"}, {'<', "&lt;"}, {'\r', "&#xd;"}};
 constexpr int kXmlContentEntityCount = sizeof kXmlContentEntities / sizeof kXmlContentEntities[0];
 // Written in place of a character that XML 1.0 does not allow in a document.
 constexpr char kXmlReplacement = '?';
@@ -374,9 +375,9 @@ std::string QmsysCodec::EncodeXML(const std::string& text, bool forAttribute) {
 
 std::string QmsysCodec::EncodeXmlText(const std::string& text, const std::string& encoding,
                                       bool dataEntities) {
-  const std::string escaped = dataEntities
-                                  ? EncodeXmlData(text, true)
-                                  : encodeEntities(text, kXmlContentEntities, kXmlContentEntityCount);
+  const std::string escaped =
+      dataEntities ? EncodeXmlData(text, true)
+                   : encodeEntities(text, kXmlContentEntities, kXmlContentEntityCount);
   // Escaping replaces ASCII by ASCII only, so the text keeps its validity.
   const bool utf8 = isUtf8(text);
   const bool latin1 = QmstringEqualsNoCase(encoding, "ISO-8859-1");
@@ -389,7 +390,7 @@ std::string QmsysCodec::EncodeXmlText(const std::string& text, const std::string
     if (cp < 0x80 || (latin1 && cp <= 0xFF)) {
       out += static_cast<char>(cp);
     } else if (latin1) {
-      char reference[16];
+      char reference[32];
       std::snprintf(reference, sizeof reference, "&#x%lx;", cp);
       out += reference;
     } else {

@@ -104,8 +104,7 @@ unsigned long OAPClient::SendAMessage(MessageBody* body) {
     device->SetClient(this);
     tracking = device->SendAMessage(body);
   }
-  trace.SetResult(
-      QmstringFormat("%s(%lu)", tracking != 0 ? "Success" : "Failure", tracking));
+  trace.SetResult(QmstringFormat("%s(%lu)", tracking != 0 ? "Success" : "Failure", tracking));
   return tracking;
 }
 

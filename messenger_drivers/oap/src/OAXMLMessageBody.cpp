@@ -36,8 +36,7 @@ std::string OAXMLMessageBody::Serialize() {
   std::ostringstream out;
   out << "<Message>\n";
   if (!subjectText.empty()) {
-    out << "<Subject>" << QmsysCodec::EncodeXmlText(subjectText, kEncoding, true)
-        << "</Subject>\n";
+    out << "<Subject>" << QmsysCodec::EncodeXmlText(subjectText, kEncoding, true) << "</Subject>\n";
   }
   if (!bodyText.empty()) {
     out << "<Body>" << QmsysCodec::EncodeXmlText(bodyText, kEncoding, true) << "</Body>\n";
