@@ -1,5 +1,6 @@
 #include "QmsysCodec.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -375,17 +376,31 @@ std::string QmsysCodec::EncodeXML(const std::string& text, bool forAttribute) {
 
 std::string QmsysCodec::EncodeXmlText(const std::string& text, const std::string& encoding,
                                       bool dataEntities) {
-  const std::string escaped =
-      dataEntities ? EncodeXmlData(text, true)
-                   : encodeEntities(text, kXmlContentEntities, kXmlContentEntityCount);
-  // Escaping replaces ASCII by ASCII only, so the text keeps its validity.
+  // Most texts are printable ASCII without a character to escape.
+  const auto asItIs = [dataEntities](char c) {
+    return c >= 0x20 && c < 0x7F && c != '&' && c != '<' && c != '>' &&
+           !(dataEntities && (c == '\'' || c == '"'));
+  };
+  if (std::all_of(text.begin(), text.end(), asItIs)) return text;
+  // The data entities as EncodeXmlData(text, true) uses them, narrowing included.
+  const Entity* table = dataEntities ? kXmlEntities : kXmlContentEntities;
+  const int count = !dataEntities               ? kXmlContentEntityCount
+                    : g_xmlTableNarrowed.load() ? kXmlNarrowedCount
+                                                : kXmlEntityCount;
   const bool utf8 = isUtf8(text);
   const bool latin1 = QmstringEqualsNoCase(encoding, "ISO-8859-1");
   std::string out;
-  out.reserve(escaped.size());
-  for (std::string::size_type pos = 0; pos < escaped.size();) {
-    unsigned long cp = static_cast<unsigned char>(escaped[pos]);
-    pos += utf8 ? utf8SequenceAt(escaped, pos, &cp) : 1;
+  out.reserve(text.size());
+  for (std::string::size_type pos = 0; pos < text.size();) {
+    unsigned long cp = static_cast<unsigned char>(text[pos]);
+    pos += utf8 ? utf8SequenceAt(text, pos, &cp) : 1;
+    const Entity* entity = std::find_if(table, table + count, [cp](const Entity& candidate) {
+      return static_cast<unsigned char>(candidate.character) == cp;
+    });
+    if (entity != table + count) {
+      out += entity->text;
+      continue;
+    }
     if (!isXmlCharacter(cp)) cp = kXmlReplacement;
     if (cp < 0x80 || (latin1 && cp <= 0xFF)) {
       out += static_cast<char>(cp);
