@@ -1,4 +1,5 @@
-// Runs every decoder of the codec over arbitrary text.
+// Runs every decoder of the codec, and the XML text encoder that reads
+// arbitrary bytes as UTF-8 or Latin-1, over arbitrary text.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -13,6 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   QmsysCodec::DecodeWebInputData(text, false);
   QmsysCodec::DecodeName(text);
   QmsysCodec::UnescapeJsonString(text);
+  QmsysCodec::EncodeXmlText(text, "ISO-8859-1", false);
+  QmsysCodec::EncodeXmlText(text, "UTF-8", true);
   std::vector<char> buffer(text.begin(), text.end());
   buffer.push_back('\0');
   int length = static_cast<int>(size);

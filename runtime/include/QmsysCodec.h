@@ -54,6 +54,18 @@ class QmsysCodec {
   // to "&", ">" and "<"; from then on every call, also with `full` true,
   // encodes only those three. Existing callers rely on this; do not "fix" it.
   static std::string EncodeXmlData(const std::string& text, bool full);
+  // Host text made fit for the content of an element in an XML document that
+  // declares `encoding`, whatever its bytes. Text that is valid UTF-8 is read
+  // as UTF-8, any other text as ISO-8859-1. With `dataEntities` the text is
+  // escaped as EncodeXmlData(text, true) escapes it; otherwise "&", "<", ">"
+  // and the carriage return become entities. A character XML 1.0 does not
+  // allow (control characters other than tab, LF and CR, U+FFFE, U+FFFF)
+  // becomes "?". For an "ISO-8859-1" document (any letter case) characters up
+  // to U+00FF are written as their byte and the others as a character
+  // reference "&#x...;"; for any other declared encoding the text is written
+  // as UTF-8. ASCII text that needs no escaping comes out unchanged.
+  static std::string EncodeXmlText(const std::string& text, const std::string& encoding,
+                                   bool dataEntities);
   // Reverse of the XML data entities (all eight, whatever the narrowing).
   static std::string DecodeXmlData(const std::string& text);
   // Escapes text for XML content: "&", "<" and ">" always, and with
@@ -97,8 +109,8 @@ class QmsysCodec {
   static std::string EncodeBase64(const unsigned char* data, int length, bool lineBreaks);
   // Decodes `length` characters of `buffer` in place and sets `length` to the
   // bytes produced. Whitespace is skipped, "=" ends the data; other characters
-  // outside the alphabet are skipped and make the result false, as does a
-  // final group of a single character. Empty input is valid.
+  // outside the alphabet are skipped and make the result false. Bits left over
+  // that do not fill a byte are dropped. Empty input is valid.
   static bool DecodeBase64(char* buffer, int& length);
 };
 

@@ -1,7 +1,7 @@
 #include "IniReaderWriter.h"
 
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
 
 #include "QmString.h"
@@ -11,8 +11,16 @@
 
 namespace {
 
-// Longest line read at once; a longer line is cut into several.
-constexpr int kLineBufferSize = 512;
+// The growing buffer getline reads into.
+struct LineBuffer {
+  LineBuffer() = default;
+  LineBuffer(const LineBuffer&) = delete;
+  LineBuffer& operator=(const LineBuffer&) = delete;
+  ~LineBuffer() { std::free(data); }
+  char* data = nullptr;
+  size_t capacity = 0;
+};
+
 // Lock attempts when the wait flag is set.
 constexpr int kLockAttempts = 10;
 
@@ -139,12 +147,9 @@ bool IniReaderWriter::lockForAccess(QmioFile& file, const std::string& mode) con
 
 void IniReaderWriter::parse(FILE* stream) {
   m_nodes.clear();
-  char buffer[kLineBufferSize];
-  for (;;) {
-    std::memset(buffer, 0, sizeof buffer);
-    if (!std::fgets(buffer, sizeof buffer, stream)) break;
-    addLine(QmstringTrim(buffer));
-  }
+  // Whole lines of any length; a line ends at its first NUL byte, if any.
+  LineBuffer line;
+  while (getline(&line.data, &line.capacity, stream) >= 0) addLine(QmstringTrim(line.data));
 }
 
 void IniReaderWriter::addLine(const std::string& line) {

@@ -1,5 +1,6 @@
 #include "QmsysCodec.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -26,6 +27,14 @@ constexpr int kXmlEntityCount = sizeof kXmlEntities / sizeof kXmlEntities[0];
 constexpr int kXmlNarrowedCount = 3;
 // The five characters XML itself reserves.
 constexpr int kXmlAttributeCount = 5;
+// What element content needs escaped so that a parser reads it back as it
+// was: the markup characters, and the carriage return, which a parser would
+// otherwise read as a line feed.
+constexpr Entity kXmlContentEntities[] = {
+    {'&', "&amp;"}, {'>', "&gt;"}, {'<', "&lt;"}, {'\r', "&#xd;"}};
+constexpr int kXmlContentEntityCount = sizeof kXmlContentEntities / sizeof kXmlContentEntities[0];
+// Written in place of a character that XML 1.0 does not allow in a document.
+constexpr char kXmlReplacement = '?';
 
 // Shared by every thread of the process; once set it stays set.
 std::atomic<bool> g_xmlTableNarrowed{false};
@@ -147,6 +156,52 @@ void appendUtf8(std::string& out, unsigned long cp) {
     out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
     out += static_cast<char>(0x80 | (cp & 0x3F));
   }
+}
+
+// The length of the well-formed UTF-8 sequence at text[pos] (shortest form,
+// no surrogates, at most U+10FFFF) with its code point, or 0.
+std::string::size_type utf8SequenceAt(const std::string& text, std::string::size_type pos,
+                                      unsigned long* codePoint) {
+  const unsigned char lead = static_cast<unsigned char>(text[pos]);
+  std::string::size_type length = 0;
+  unsigned long cp = 0, lowest = 0;
+  if (lead < 0x80) {
+    *codePoint = lead;
+    return 1;
+  } else if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2, cp = lead & 0x1F, lowest = 0x80;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3, cp = lead & 0x0F, lowest = 0x800;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4, cp = lead & 0x07, lowest = 0x10000;
+  } else {
+    return 0;
+  }
+  if (pos + length > text.size()) return 0;
+  for (std::string::size_type i = 1; i < length; ++i) {
+    const unsigned char next = static_cast<unsigned char>(text[pos + i]);
+    if ((next & 0xC0) != 0x80) return 0;
+    cp = (cp << 6) | (next & 0x3F);
+  }
+  if (cp < lowest || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
+  *codePoint = cp;
+  return length;
+}
+
+bool isUtf8(const std::string& text) {
+  unsigned long cp = 0;
+  for (std::string::size_type pos = 0; pos < text.size();) {
+    const std::string::size_type length = utf8SequenceAt(text, pos, &cp);
+    if (length == 0) return false;
+    pos += length;
+  }
+  return true;
+}
+
+// The characters XML 1.0 allows in a document.
+bool isXmlCharacter(unsigned long cp) {
+  return cp == 0x9 || cp == 0xA || cp == 0xD || (cp >= 0x20 && cp <= 0xD7FF) ||
+         (cp >= 0xE000 && cp <= 0xFFFD) || (cp >= 0x10000 && cp <= 0x10FFFF);
 }
 
 // The code unit of "\uXXXX" at text[pos], or -1.
@@ -319,6 +374,47 @@ std::string QmsysCodec::EncodeXML(const std::string& text, bool forAttribute) {
   return encodeEntities(text, kXmlEntities, forAttribute ? kXmlAttributeCount : kXmlNarrowedCount);
 }
 
+std::string QmsysCodec::EncodeXmlText(const std::string& text, const std::string& encoding,
+                                      bool dataEntities) {
+  // Most texts are printable ASCII without a character to escape.
+  const auto asItIs = [dataEntities](char c) {
+    return c >= 0x20 && c < 0x7F && c != '&' && c != '<' && c != '>' &&
+           !(dataEntities && (c == '\'' || c == '"'));
+  };
+  if (std::all_of(text.begin(), text.end(), asItIs)) return text;
+  // The data entities as EncodeXmlData(text, true) uses them, narrowing included.
+  const Entity* table = dataEntities ? kXmlEntities : kXmlContentEntities;
+  const int count = !dataEntities               ? kXmlContentEntityCount
+                    : g_xmlTableNarrowed.load() ? kXmlNarrowedCount
+                                                : kXmlEntityCount;
+  const bool utf8 = isUtf8(text);
+  const bool latin1 = QmstringEqualsNoCase(encoding, "ISO-8859-1");
+  std::string out;
+  out.reserve(text.size());
+  for (std::string::size_type pos = 0; pos < text.size();) {
+    unsigned long cp = static_cast<unsigned char>(text[pos]);
+    pos += utf8 ? utf8SequenceAt(text, pos, &cp) : 1;
+    const Entity* entity = std::find_if(table, table + count, [cp](const Entity& candidate) {
+      return static_cast<unsigned char>(candidate.character) == cp;
+    });
+    if (entity != table + count) {
+      out += entity->text;
+      continue;
+    }
+    if (!isXmlCharacter(cp)) cp = kXmlReplacement;
+    if (cp < 0x80 || (latin1 && cp <= 0xFF)) {
+      out += static_cast<char>(cp);
+    } else if (latin1) {
+      char reference[32];
+      std::snprintf(reference, sizeof reference, "&#x%lx;", cp);
+      out += reference;
+    } else {
+      appendUtf8(out, cp);
+    }
+  }
+  return out;
+}
+
 std::string QmsysCodec::EncodeHTML(const std::string& text, bool flag) {
   std::string out = EncodeNewLineCharacters(text);
   if (flag) out = QmstringReplaceAll(out, "&#x0A;", "<br>");
@@ -464,7 +560,6 @@ bool QmsysCodec::DecodeBase64(char* buffer, int& length) {
   }
   bool clean = true;
   int produced = 0;
-  int symbols = 0;
   int bits = 0;
   unsigned int accumulator = 0;
   // Output never overtakes input: four symbols yield at most three bytes.
@@ -477,7 +572,6 @@ bool QmsysCodec::DecodeBase64(char* buffer, int& length) {
       clean = false;
       continue;
     }
-    ++symbols;
     accumulator = ((accumulator << 6) | static_cast<unsigned int>(value)) & 0xFFFFFF;
     bits += 6;
     if (bits >= 8) {
@@ -486,6 +580,5 @@ bool QmsysCodec::DecodeBase64(char* buffer, int& length) {
     }
   }
   length = produced;
-  // A lone symbol in the last group carries less than one byte: truncated data.
-  return clean && symbols % 4 != 1;
+  return clean;
 }

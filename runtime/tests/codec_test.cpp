@@ -32,6 +32,11 @@ Codec With(std::string (*codec)(const std::string&, bool), bool flag) {
   return [=](const std::string& text) { return codec(text, flag); };
 }
 
+// EncodeXmlText for a document declared with `encoding`.
+Codec XmlText(const char* encoding, bool dataEntities) {
+  return [=](const std::string& text) { return Q::EncodeXmlText(text, encoding, dataEntities); };
+}
+
 // Decodes a copy of `text` in place; `ok` receives the result flag.
 std::string unbase64(const std::string& text, bool& ok) {
   std::vector<char> buffer(text.begin(), text.end());
@@ -62,6 +67,19 @@ TEST(Codec, GoldenTexts) {
       {With(Q::EncodeWebInputAndEscapeBackSlash, false), {{"a\\b c", "a\\\\b&nbsp;c"}}},
       {With(Q::EncodeXmlData, true),
        {{"&><'\"\t\n\r.", "&amp;&gt;&lt;&apos;&quot;&#x9;&#xa;&#xd;."}, {"&amp;", "&amp;amp;"}}},
+      // Content escaping; UTF-8 text in a Latin-1 document, Latin-1 bytes (not
+      // UTF-8: bad sequences, overlong forms, surrogates) in a UTF-8 one.
+      {XmlText("UTF-8", false),
+       {{"a<b&c>\r\n\t'\"", "a&lt;b&amp;c&gt;&#xd;\n\t'\""},
+        {"Gr\xC3\xBC\xC3\x9Fo \xE2\x82\xAC", "Gr\xC3\xBC\xC3\x9Fo \xE2\x82\xAC"},
+        {"Gr\xFC\xDFo", "Gr\xC3\xBC\xC3\x9Fo"},
+        {"\xC0\xAF\xED\xA0\x80", "\xC3\x80\xC2\xAF\xC3\xAD\xC2\xA0\xC2\x80"},
+        {std::string("a\x01z\0c\x7F\xEF\xBF\xBE", 9), "a?z?c\x7F?"}}},
+      {XmlText("iso-8859-1", false),
+       {{"Gr\xC3\xBC\xC3\x9Fo \xE2\x82\xAC \xF0\x9F\x98\x80&",
+         "Gr\xFC\xDFo &#x20ac; &#x1f600;&amp;"},
+        {"Gr\xFC\xDFo\x85\x1F", "Gr\xFC\xDFo\x85?"}}},
+      {XmlText("UTF-8", true), {{"'\n\xFC", "&apos;&#xa;\xC3\xBC"}}},
       {Q::DecodeXmlData, {{"&amp;lt;&lt;&#xa;&#xd;&#x9;&apos;&quot;&gt;", "&lt;<\n\r\t'\">"}}},
       {With(Q::EncodeHTML, false),
        {{"a\r\nb\nc\"&#x0A;", "a<br>b<br>c&quot;&#x0A;"}, {"\r\r\n\n", "\r<br><br>"}}},
@@ -142,9 +160,10 @@ TEST(CodecBase64, VectorsLineBreaksAndLooseDecoding) {
       {"foo", "Zm9v", true, true}, {"foob", "Zm9vYg==", true, true},
       {"fooba", "Zm9vYmE=", true, true}, {"foobar", "Zm9vYmFy", true, true},
       {"\xFB\xFF", "+/8=", true, true},
-      // The decoder skips whitespace, flags foreign characters and stops at padding.
+      // The decoder skips whitespace, flags foreign characters, stops at
+      // padding and drops bits that fill no byte.
       {"Man", "TW Fu", true, false}, {"Man", "TW*Fu", false, false},
-      {"Ma", "TWE=junk", true, false}, {"Ma", "TWE", true, false}, {"Man", "TWFuT", false, false}};
+      {"Ma", "TWE=junk", true, false}, {"Ma", "TWE", true, false}, {"Man", "TWFuT", true, false}};
   // clang-format on
   bool ok = false;
   for (const auto& c : cases) {

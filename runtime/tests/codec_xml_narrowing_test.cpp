@@ -31,5 +31,7 @@ TEST(CodecXmlNarrowing, OneCallWithoutFullNarrowsEveryLaterCall) {
   for (std::thread& encoder : encoders) encoder.join();
   EXPECT_EQ(wrong.load(), 0);
   EXPECT_EQ(QmsysCodec::EncodeXmlData(special, true), "&amp;&gt;&lt;'\"\t\n\r");
+  // Request texts escaped with the data entities narrow with them.
+  EXPECT_EQ(QmsysCodec::EncodeXmlText(special, "UTF-8", true), "&amp;&gt;&lt;'\"\t\n\r");
   EXPECT_EQ(QmsysCodec::DecodeXmlData(full), special);  // decoding knows every entity
 }

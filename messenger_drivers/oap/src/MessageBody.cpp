@@ -6,6 +6,13 @@
 
 namespace {
 
+// Version 3.0 documents declare ISO-8859-1.
+const char kEncoding[] = "ISO-8859-1";
+
+std::string Text(const std::string& value) {
+  return QmsysCodec::EncodeXmlText(value, kEncoding, false);
+}
+
 void WriteOptions(std::ostringstream& out, const MessageBody& message, const char* keys) {
   const size_t total = message.options.size() + (message.userResponseLabel.empty() ? 0 : 1);
   // With exactly two choices the handset maps them to its two function keys.
@@ -13,10 +20,12 @@ void WriteOptions(std::ostringstream& out, const MessageBody& message, const cha
   size_t number = 1;
   for (const MessageBody::Option& option : message.options) {
     out << "<Option id=\"" << number << "\">\n";
-    out << "<Text>" << option.text << "</Text>\n";
+    out << "<Text>" << Text(option.text) << "</Text>\n";
     out << "<OnSelection>\n";
-    if (!option.callNo.empty()) out << "<CallNo method=\"\">" << option.callNo << "</CallNo>\n";
-    out << "<DataResp>" << option.dataResp << "</DataResp>\n";
+    if (!option.callNo.empty()) {
+      out << "<CallNo method=\"\">" << Text(option.callNo) << "</CallNo>\n";
+    }
+    out << "<DataResp>" << Text(option.dataResp) << "</DataResp>\n";
     out << "</OnSelection>\n";
     out << "<FuncKeyId>" << key(number) << "</FuncKeyId>\n";
     out << "</Option>\n";
@@ -26,7 +35,7 @@ void WriteOptions(std::ostringstream& out, const MessageBody& message, const cha
     out << "<Option id=\"" << number << "\">\n";
     out << "<Text>Custom</Text>\n";
     out << "<OnSelection>\n";
-    out << "<UserResponse>" << message.userResponseLabel << "</UserResponse>\n";
+    out << "<UserResponse>" << Text(message.userResponseLabel) << "</UserResponse>\n";
     out << "</OnSelection>\n";
     out << "<FuncKeyId>" << key(number) << "</FuncKeyId>\n";
     out << "</Option>\n";
@@ -45,11 +54,12 @@ std::string MessageBody::Serialize() {
   std::ostringstream out;
   const bool interactive = ttl > 0 || !options.empty();
   out << (interactive ? "<Body service=\"interactiveMessage\">" : "<Body service=\"message\">");
-  out << "<To>" << to << "</To>\n";
+  out << "<To>" << Text(to) << "</To>\n";
   if (!subjectText.empty()) {
-    out << "<SubjectText>" << QmsysCodec::EncodeXmlData(subjectText, true) << "</SubjectText>\n";
+    out << "<SubjectText>" << QmsysCodec::EncodeXmlText(subjectText, kEncoding, true)
+        << "</SubjectText>\n";
   }
-  out << "<BodyText>" << QmsysCodec::EncodeXmlData(bodyText, true) << "</BodyText>\n";
+  out << "<BodyText>" << QmsysCodec::EncodeXmlText(bodyText, kEncoding, true) << "</BodyText>\n";
   if (priority > 0) out << "<Priority>" << priority << "</Priority>\n";
   if (updateOnlyExisting) {
     out << "<Update>OnlyExisting</Update>\n";

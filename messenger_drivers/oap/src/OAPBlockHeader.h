@@ -14,9 +14,10 @@ class OAPBlockHeader {
   std::string fromNumber;
   bool deliveryStatus = false;
 
-  // The Header element as text, one element per line; values are written as
-  // stored, without escaping.
-  std::string Serialize();
+  // The Header element as text for a document declared with `encoding`, one
+  // element per line; the texts are escaped and transcoded for the document
+  // (QmsysCodec::EncodeXmlText).
+  std::string Serialize(const std::string& encoding) const;
 };
 
 #endif

@@ -10,6 +10,7 @@
 #include "OAPDeviceController.h"
 #include "OAPDeviceRegistrar.h"
 #include "OAPListener.h"
+#include "OAPTracer.h"
 #include "QmException.h"
 #include "QmString.h"
 #include "QmioClientSocket.h"
@@ -21,10 +22,6 @@ const char kSource[] = "messenger_drivers/oap/src/OAPClient";
 // this long.
 const unsigned int kAnswerLimit = 2000;
 const int kAnswerTimeoutMs = 2000;
-
-const char* TrueFalse(bool value) {
-  return value ? "TRUE" : "FALSE";
-}
 
 // A multiple of 65536 from 65536 to 65535 * 65536.
 uint32_t RandomTrackingBase() {
@@ -48,7 +45,8 @@ std::string OAPClient::GetRunningModuleName() {
 }
 
 bool OAPClient::InitializeSpecial() {
-  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::InitializeSpecial().");
+  OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::InitializeSpecial", "FALSE");
+  OAPDeviceRegistrar::GetInstance()->SetLogger(m_logger);
   // A second start replaces the listener: the running one is stopped first.
   if (Listener != nullptr) FinalizeSpecial();
   bool result = false;
@@ -63,13 +61,12 @@ bool OAPClient::InitializeSpecial() {
   } catch (const QmException& e) {
     QM_LOG(m_logger, Error, kSource, QmstringFormat("%s", e.GetMsg().c_str()));
   }
-  QM_LOG(m_logger, Trace, kSource,
-         QmstringFormat("Leaving OAPClient::InitializeSpecial() with %s.", TrueFalse(result)));
+  trace.SetResult(OAPTracer::TrueFalse(result));
   return result;
 }
 
 bool OAPClient::FinalizeSpecial() {
-  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::FinalizeSpecial().");
+  OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::FinalizeSpecial", "FALSE");
   bool result = false;
   try {
     if (Listener != nullptr && m_listenerStarted) {
@@ -85,9 +82,13 @@ bool OAPClient::FinalizeSpecial() {
   }
   Listener.reset();
   m_listenerStarted = false;
-  QM_LOG(m_logger, Trace, kSource,
-         QmstringFormat("Leaving OAPClient::FinalizeSpecial() with %s.", TrueFalse(result)));
+  trace.SetResult(OAPTracer::TrueFalse(result));
   return result;
+}
+
+uint32_t OAPClient::NextTrackingNumber() {
+  const uint32_t number = TrackingBase.fetch_add(1);
+  return number != 0 ? number : TrackingBase.fetch_add(1);
 }
 
 int OAPClient::GetListeningPort() const {
@@ -95,47 +96,43 @@ int OAPClient::GetListeningPort() const {
 }
 
 unsigned long OAPClient::SendAMessage(MessageBody* body) {
-  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::SendAMessage().");
+  // A send that throws leaves as a failure.
+  OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::SendAMessage", "Failure(0)");
   unsigned long tracking = 0;
   if (body != nullptr) {
     OAPDeviceController* device = OAPDeviceRegistrar::GetInstance()->GetDevice(body->to, true);
     device->SetClient(this);
     tracking = device->SendAMessage(body);
   }
-  QM_LOG(m_logger, Trace, kSource,
-         QmstringFormat("Leaving OAPClient::SendAMessage() with %s(%lu).",
-                        tracking != 0 ? "Success" : "Failure", tracking));
+  trace.SetResult(QmstringFormat("%s(%lu)", tracking != 0 ? "Success" : "Failure", tracking));
   return tracking;
 }
 
 int OAPClient::GetStatus(const std::string& device, unsigned long tracking) {
-  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::GetStatus().");
+  OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::GetStatus", "0");
   OAPDeviceController::MsgStatus status;
   OAPDeviceController* controller =
       OAPDeviceRegistrar::GetInstance()->GetDevice(device, static_cast<uint32_t>(tracking));
   if (controller != nullptr) controller->GetStatus(static_cast<uint32_t>(tracking), status);
   const int state = status.state;
-  QM_LOG(m_logger, Trace, kSource,
-         QmstringFormat("Leaving OAPClient::GetStatus() with %d.", state));
+  trace.SetResult(std::to_string(state));
   return state;
 }
 
 std::list<std::string> OAPClient::QueryResponse(const std::string& device, unsigned long tracking) {
-  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::QueryResponse().");
+  OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::QueryResponse", "0");
   std::list<std::string> replies;
   OAPDeviceController* controller =
       OAPDeviceRegistrar::GetInstance()->GetDevice(device, static_cast<uint32_t>(tracking));
   if (controller != nullptr) {
     replies = controller->QueryResponse(device, static_cast<uint32_t>(tracking));
   }
-  QM_LOG(m_logger, Trace, kSource,
-         QmstringFormat("Leaving OAPClient::QueryResponse() with %lu.",
-                        static_cast<unsigned long>(replies.size())));
+  trace.SetResult(std::to_string(replies.size()));
   return replies;
 }
 
 void OAPClient::WipeOptions(unsigned long tracking) {
-  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::WipeOptions().");
+  OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::WipeOptions");
   OAPDeviceController* controller =
       OAPDeviceRegistrar::GetInstance()->GetDeviceByTrackingID(static_cast<uint32_t>(tracking));
   if (controller != nullptr) {
@@ -150,11 +147,12 @@ void OAPClient::WipeOptions(unsigned long tracking) {
       QM_LOG(m_logger, Error, kSource, QmstringFormat("Exception occurred [%s]", e.what()));
     }
   }
-  QM_LOG(m_logger, Trace, kSource, "Leaving OAPClient::WipeOptions().");
 }
 
 OAPBlock* OAPClient::DispatchPayLoad(const std::string& host, int port, OAPBlock* request) {
-  QM_LOG(m_logger, Trace, kSource, "Entering OAPClient::DispatchPayLoad().");
+  // By design the leaving line reads TRUE when no block came back, also when a
+  // socket exception passes.
+  OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::DispatchPayLoad", "TRUE");
   std::unique_ptr<OAPBlock> answer;
   // A block without header or body cannot be written.
   if (request != nullptr && request->header != nullptr && request->body != nullptr) {
@@ -174,9 +172,6 @@ OAPBlock* OAPClient::DispatchPayLoad(const std::string& host, int port, OAPBlock
     const size_t length = received > 0 ? strnlen(text, static_cast<size_t>(received)) : 0;
     answer.reset(OAPBlock::Parse(std::string(text, length)));
   }
-  // By design the leaving line reads TRUE when no block came back.
-  QM_LOG(m_logger, Trace, kSource,
-         QmstringFormat("Leaving OAPClient::DispatchPayLoad() with %s.",
-                        TrueFalse(answer == nullptr)));
+  trace.SetResult(OAPTracer::TrueFalse(answer == nullptr));
   return answer.release();
 }

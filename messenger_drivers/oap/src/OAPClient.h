@@ -52,8 +52,9 @@ class OAPClient : public QmPlainModule {
   // as a refused connection) pass to the caller.
   OAPBlock* DispatchPayLoad(const std::string& host, int port, OAPBlock* request);
 
-  // The next tracking number: read, then incremented by one.
-  uint32_t NextTrackingNumber() { return TrackingBase.fetch_add(1); }
+  // The next tracking number: read, then incremented by one. 0 is skipped
+  // when the counter wraps: it stands for a failed send.
+  uint32_t NextTrackingNumber();
   // The port the running listener is bound to, -1 without a listener.
   int GetListeningPort() const;
 

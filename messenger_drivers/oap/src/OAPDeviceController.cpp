@@ -9,6 +9,7 @@
 #include "OAPBlock.h"
 #include "OAPClient.h"
 #include "OAPResponseBlock.h"
+#include "OAPTracer.h"
 #include "QmException.h"
 #include "QmLogInterface.h"
 #include "QmString.h"
@@ -61,27 +62,36 @@ void OAPDeviceController::ParseDeviceAddress() {
   key = handset + "@" + host;
 }
 
-QmLogInterface* OAPDeviceController::Logger() const {
+QmLogInterface* OAPDeviceController::GetLogger() const {
   OAPClient* current = client.load();
   return current != nullptr ? current->GetLogger() : nullptr;
 }
 
 unsigned long OAPDeviceController::SendAMessage(OAPBlockBody* body) {
-  std::unique_ptr<OAPBlockBody> owned(body);
-  QM_LOG(Logger(), Trace, kSource, "Entering OAPDeviceController::SendAMessage().");
-  auto* message = dynamic_cast<MessageBody*>(owned.get());
-  if (message == nullptr) QM_THROW("Dispatch Failure");
-  owned.release();
-  const unsigned long tracking = SendBody(std::shared_ptr<MessageBody>(message));
-  QM_LOG(Logger(), Trace, kSource,
-         QmstringFormat("Leaving OAPDeviceController::SendAMessage() with %lu.", tracking));
-  return tracking;
+  auto* message = dynamic_cast<MessageBody*>(body);
+  if (message == nullptr) {
+    delete body;
+    return SendAMessage(std::shared_ptr<MessageBody>());
+  }
+  return SendAMessage(std::shared_ptr<MessageBody>(message));
 }
 
-unsigned long OAPDeviceController::SendBody(const std::shared_ptr<MessageBody>& body) {
+unsigned long OAPDeviceController::SendAMessage(const std::shared_ptr<MessageBody>& body) {
+  // A send that throws leaves with 0.
+  OAPTracer trace(GetLogger(), kSource, __LINE__, "OAPDeviceController::SendAMessage", "0");
+  if (body == nullptr) QM_THROW("Dispatch Failure");
   std::unique_ptr<OAPServiceHandlerInterface> handler(NewHandler());
-  std::unique_ptr<OAPBlock> request(handler->BuildPayLoad(body.get()));
-  return Exchange(*handler, std::move(request), body, !body->updateOnlyExisting);
+  std::unique_ptr<OAPBlock> request;
+  bool update = false;
+  {
+    // A kept body takes the handset's replies on the listener's threads.
+    QmconCriticalSection guard(&m_lock, true, true, false);
+    request.reset(handler->BuildPayLoad(body.get()));
+    update = body->updateOnlyExisting;
+  }
+  const unsigned long tracking = Exchange(*handler, std::move(request), body, !update);
+  trace.SetResult(std::to_string(tracking));
+  return tracking;
 }
 
 unsigned long OAPDeviceController::Exchange(OAPServiceHandlerInterface& handler,
@@ -105,23 +115,24 @@ unsigned long OAPDeviceController::Exchange(OAPServiceHandlerInterface& handler,
   if (response->status.code != kCodeOk) QM_THROW(response->status.GetMessage());
 
   AcceptStatus(response->GetID(), body);
-  withdraw.Dismiss();
+  // Accepted under another number: the request's number stays unknown.
+  if (response->GetID() == tracking) withdraw.Dismiss();
   return response->GetID();
 }
 
 unsigned long OAPDeviceController::SendAMessage(
     OAPMessageServiceHandler::OAPMsgServicePayLoadRequest* request) {
-  QM_LOG(Logger(), Trace, kSource, "Entering OAPDeviceController::SendAMessage().");
+  OAPTracer trace(GetLogger(), kSource, __LINE__, "OAPDeviceController::SendAMessage", "0");
   unsigned long tracking = 0;
   try {
     std::unique_ptr<OAPServiceHandlerInterface> handler(NewHandler());
     std::unique_ptr<OAPBlock> block(handler->BuildPayLoad(request));
     tracking = Exchange(*handler, std::move(block), nullptr, true);
   } catch (const QmException& e) {
-    QM_LOG(Logger(), Error, kSource, QmstringFormat("Exception occurred [%s]", e.GetMsg().c_str()));
+    QM_LOG(GetLogger(), Error, kSource,
+           QmstringFormat("Exception occurred [%s]", e.GetMsg().c_str()));
   }
-  QM_LOG(Logger(), Trace, kSource,
-         QmstringFormat("Leaving OAPDeviceController::SendAMessage() with %lu.", tracking));
+  trace.SetResult(std::to_string(tracking));
   return tracking;
 }
 
@@ -155,7 +166,7 @@ void OAPDeviceController::HandleAnswer(OAPServiceHandlerInterface& handler, OAPB
   try {
     handler.Handle(answer);
   } catch (const std::exception& e) {
-    QM_LOG(Logger(), Error, kSource,
+    QM_LOG(GetLogger(), Error, kSource,
            QmstringFormat("Failed to handle answer for Msg Tracking #%lu [%s]",
                           static_cast<unsigned long>(answer->GetID()), e.what()));
   }
@@ -192,18 +203,21 @@ void OAPDeviceController::AcceptStatus(uint32_t answerNumber,
 }
 
 void OAPDeviceController::SetStatus(uint32_t trackingNumber, MsgStatus::MsgState state) {
+  OAPTracer trace(GetLogger(), kSource, __LINE__, "OAPDeviceController::SetStatus");
   QmconCriticalSection guard(&m_lock, true, true, false);
   auto found = statuses.find(trackingNumber);
   if (found != statuses.end()) found->second.state = state;
 }
 
 bool OAPDeviceController::GetStatus(uint32_t trackingNumber, MsgStatus& out) const {
+  OAPTracer trace(GetLogger(), kSource, __LINE__, "OAPDeviceController::GetStatus", "FALSE");
   QmconCriticalSection guard(&m_lock, true, true, false);
   auto found = statuses.find(trackingNumber);
   if (found == statuses.end()) return false;
   out = found->second;
   // The kept body changes with every echoed reply; hand out a snapshot.
   if (out.body != nullptr) out.body = std::make_shared<MessageBody>(*out.body);
+  trace.SetResult("TRUE");
   return true;
 }
 
@@ -214,6 +228,7 @@ bool OAPDeviceController::HasStatus(uint32_t trackingNumber) const {
 
 void OAPDeviceController::AddResponse(uint32_t trackingNumber, const std::string& text,
                                       bool isUserResponse) {
+  OAPTracer trace(GetLogger(), kSource, __LINE__, "OAPDeviceController::AddResponse");
   if (text.empty()) return;
   std::string reply;
   bool final = false;
@@ -237,30 +252,34 @@ void OAPDeviceController::AddResponse(uint32_t trackingNumber, const std::string
 
 unsigned long OAPDeviceController::WipeOptions(uint32_t trackingNumber,
                                                const std::string& replyText, bool wipe) {
-  std::shared_ptr<MessageBody> update;
+  OAPTracer trace(GetLogger(), kSource, __LINE__, "OAPDeviceController::WipeOptions", "0");
+  std::shared_ptr<MessageBody> body;
   {
     QmconCriticalSection guard(&m_lock, true, true, false);
     auto found = statuses.find(trackingNumber);
     if (found == statuses.end() || found->second.body == nullptr) return 0;
-    MessageBody& body = *found->second.body;
-    body.updateOnlyExisting = true;
-    body.wipeOptions = wipe;
-    if (!body.replyHeaderAdded) {
-      body.bodyText += kReplyHeading;
-      body.replyHeaderAdded = true;
+    body = found->second.body;
+    body->updateOnlyExisting = true;
+    body->wipeOptions = wipe;
+    if (!body->replyHeaderAdded) {
+      body->bodyText += kReplyHeading;
+      body->replyHeaderAdded = true;
     }
-    body.bodyText += kReplyMarker + replyText;
-    // The update goes out from a copy, so that the kept body can take the
-    // next reply while this one is on its way.
-    update = std::make_shared<MessageBody>(body);
+    body->bodyText += kReplyMarker + replyText;
   }
-  return SendBody(update);
+  const unsigned long tracking = SendAMessage(body);
+  trace.SetResult(std::to_string(tracking));
+  return tracking;
 }
 
 std::list<std::string> OAPDeviceController::QueryResponse(const std::string& /*deviceAddress*/,
                                                           uint32_t trackingNumber) {
-  QmconCriticalSection guard(&m_lock, true, true, false);
+  OAPTracer trace(GetLogger(), kSource, __LINE__, "OAPDeviceController::QueryResponse", "0");
   std::list<std::string> replies;
-  replies.swap(statuses[trackingNumber].responses);
+  {
+    QmconCriticalSection guard(&m_lock, true, true, false);
+    replies.swap(statuses[trackingNumber].responses);
+  }
+  trace.SetResult(std::to_string(replies.size()));
   return replies;
 }

@@ -31,7 +31,13 @@ class QmLogInterface;
 // controller from then on. It is kept with the message's status when the
 // server accepts the message (so that the message can be updated later) and
 // freed otherwise, also when the send throws. Kept bodies live as long as the
-// controller, i.e. until the registry is released.
+// controller, i.e. until the registry is released. A version 4.0 update is
+// accepted under a fresh number, whose status shares the body of the message
+// it updates.
+//
+// Every public operation traces its call through the client's logger; the
+// overloads of SendAMessage that only hand on to another overload leave the
+// lines to it, so each call writes one pair.
 class OAPDeviceController {
  public:
   // What is known about one message.
@@ -57,9 +63,13 @@ class OAPDeviceController {
   // Sends a message (or an update of a shown one) built from the body, which
   // the controller takes over (see above). Returns the tracking number the
   // server accepted, 0 when its answer is no response block. Throws
-  // QmException "Dispatch Failure" when nothing usable came back, the status
-  // text of any answer other than code 200, and the socket's exceptions.
+  // QmException "Dispatch Failure" when nothing usable came back (also for a
+  // body that is no message), the status text of any answer other than code
+  // 200, and the socket's exceptions.
   unsigned long SendAMessage(OAPBlockBody* body);
+  // The same for a body the caller shares with the controller, such as the
+  // body kept with a message when a reply is echoed.
+  unsigned long SendAMessage(const std::shared_ptr<MessageBody>& body);
   // Sends from a request (not owned). Never throws a QmException: every
   // failure gives 0.
   unsigned long SendAMessage(OAPMessageServiceHandler::OAPMsgServicePayLoadRequest* request);
@@ -91,6 +101,8 @@ class OAPDeviceController {
   OAPClient* GetClient() const { return client.load(); }
   // Clears the client pointer when it still is `leaving`.
   void ForgetClient(OAPClient* leaving) { client.compare_exchange_strong(leaving, nullptr); }
+  // The client's logger; null without a client or logger.
+  QmLogInterface* GetLogger() const;
 
   // The device address as given: handset "@" host ":" port.
   std::string address;
@@ -104,13 +116,12 @@ class OAPDeviceController {
 
  private:
   void ParseDeviceAddress();
-  QmLogInterface* Logger() const;
   // A message service handler working for this controller, owned by the caller.
   OAPServiceHandlerInterface* NewHandler();
-  // Builds, dispatches and evaluates one send; see SendAMessage(OAPBlockBody*).
-  unsigned long SendBody(const std::shared_ptr<MessageBody>& body);
   // Dispatches a built request (null: nothing to send) and evaluates the
-  // answer. A new message is reserved as Pending while it is on its way.
+  // answer. A new message is reserved as Pending while it is on its way; the
+  // reservation is withdrawn unless the server accepts the message under the
+  // request's number.
   unsigned long Exchange(OAPServiceHandlerInterface& handler, std::unique_ptr<OAPBlock> request,
                          const std::shared_ptr<MessageBody>& body, bool newMessage);
   // Sends a built block through the client; null when nothing usable came back.

@@ -1,6 +1,7 @@
 #ifndef QM_OAP_OAPDEVICEREGISTRAR_H
 #define QM_OAP_OAPDEVICEREGISTRAR_H
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -10,10 +11,12 @@
 
 class OAPClient;
 class OAPDeviceController;
+class QmLogInterface;
 
 // The process-wide registry of device controllers, keyed by device address.
 // It owns its controllers; a controller handed out stays valid until Release.
 // Safe for concurrent use by the host's threads and the listener's workers.
+// Traces through the logger of the client that set it (not owned).
 class OAPDeviceRegistrar {
  public:
   ~OAPDeviceRegistrar();
@@ -37,14 +40,21 @@ class OAPDeviceRegistrar {
   // The first controller, in address order, that knows the tracking number.
   OAPDeviceController* GetDeviceByTrackingID(uint32_t trackingNumber);
   // Clears the client pointer of every controller that uses `client`, so that
-  // no controller dispatches through a client that is going away.
+  // no controller dispatches through a client that is going away, and forgets
+  // the client's logger.
   void DetachClient(OAPClient* client);
+  // The logger the registry traces through; null for none.
+  void SetLogger(QmLogInterface* logger) { m_logger.store(logger); }
 
  private:
   OAPDeviceRegistrar() = default;
+  // The lookups behind the two GetDevice overloads.
+  OAPDeviceController* FindOrCreate(const std::string& address, bool create);
+  OAPDeviceController* FindForMessage(const std::string& address, uint32_t trackingNumber);
 
   static std::unique_ptr<OAPDeviceRegistrar> m_pobjMySelf;
 
+  std::atomic<QmLogInterface*> m_logger{nullptr};
   QmconLock m_lock;
   std::map<std::string, std::unique_ptr<OAPDeviceController>> m_devices;
 };

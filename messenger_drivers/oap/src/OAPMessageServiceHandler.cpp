@@ -8,12 +8,15 @@
 #include "OAPClient.h"
 #include "OAPDeviceController.h"
 #include "OAPResponseBlock.h"
+#include "OAPTracer.h"
 #include "OAXMLInterActiveMessageBody.h"
 #include "OAXMLMessageBody.h"
 #include "OAXMLService.h"
 
 namespace {
 
+const char kSource[] = "messenger_drivers/oap/src/OAPMessageServiceHandler";
+const char kFalse[] = "FALSE";
 const char kVersion4[] = "4.0";
 const char kAnswerService[] = "InterActiveMessageResponse";
 const int kClassDelivery = 3;
@@ -48,6 +51,10 @@ OAPClient* OAPMessageServiceHandler::Client() const {
   return deviceContext != nullptr ? deviceContext->GetClient() : nullptr;
 }
 
+QmLogInterface* OAPMessageServiceHandler::Logger() const {
+  return deviceContext != nullptr ? deviceContext->GetLogger() : nullptr;
+}
+
 std::unique_ptr<OAPBlock> OAPMessageServiceHandler::StartBlock(bool version4) const {
   std::unique_ptr<OAPBlock> block(OAPBlockFactory::GetBlock("OAP-request"));
   block->version = version4 ? "4.0" : "3.0";
@@ -59,19 +66,25 @@ std::unique_ptr<OAPBlock> OAPMessageServiceHandler::StartBlock(bool version4) co
 }
 
 OAPBlock* OAPMessageServiceHandler::BuildPayLoad(OAPServicePayLoadRequest* request) {
+  OAPTracer trace(Logger(), kSource, __LINE__, "OAPMessageServiceHandler::BuildPayLoad", kFalse);
   auto* message = dynamic_cast<OAPMsgServicePayLoadRequest*>(request);
   if (message == nullptr || Client() == nullptr) return nullptr;
-  if (message->GetVersion() == kVersion4) return BuildV4PayLoad(message);
-  return BuildV3PayLoad(message);
+  OAPBlock* block =
+      message->GetVersion() == kVersion4 ? BuildV4PayLoad(message) : BuildV3PayLoad(message);
+  trace.SetResult("TRUE");
+  return block;
 }
 
 OAPBlock* OAPMessageServiceHandler::BuildPayLoad(OAPBlockBody* body) {
+  OAPTracer trace(Logger(), kSource, __LINE__, "OAPMessageServiceHandler::BuildPayLoad", kFalse);
   if (body == nullptr || Client() == nullptr) return nullptr;
-  if (body->version == kVersion4) return BuildV4PayLoad(body);
-  return BuildV3PayLoad(body);
+  OAPBlock* block = body->version == kVersion4 ? BuildV4PayLoad(body) : BuildV3PayLoad(body);
+  trace.SetResult("TRUE");
+  return block;
 }
 
 OAPBlock* OAPMessageServiceHandler::BuildV3PayLoad(OAPMsgServicePayLoadRequest* request) {
+  OAPTracer trace(Logger(), kSource, __LINE__, "OAPMessageServiceHandler::BuildV3PayLoad");
   std::unique_ptr<OAPBlock> block = StartBlock(false);
   block->id = Client()->NextTrackingNumber();
   block->header->ip = Client()->Address;
@@ -84,6 +97,7 @@ OAPBlock* OAPMessageServiceHandler::BuildV3PayLoad(OAPMsgServicePayLoadRequest* 
 }
 
 OAPBlock* OAPMessageServiceHandler::BuildV3PayLoad(OAPBlockBody* body) {
+  OAPTracer trace(Logger(), kSource, __LINE__, "OAPMessageServiceHandler::BuildV3PayLoad");
   std::unique_ptr<OAPBlock> block = StartBlock(false);
   block->header->ip = Client()->Address;
   auto* source = dynamic_cast<MessageBody*>(body);
@@ -106,6 +120,7 @@ OAPBlock* OAPMessageServiceHandler::BuildV3PayLoad(OAPBlockBody* body) {
 }
 
 OAPBlock* OAPMessageServiceHandler::BuildV4PayLoad(OAPMsgServicePayLoadRequest* request) {
+  OAPTracer trace(Logger(), kSource, __LINE__, "OAPMessageServiceHandler::BuildV4PayLoad");
   std::unique_ptr<OAPBlock> block = StartBlock(true);
   block->id = Client()->NextTrackingNumber();
   block->header->to = deviceContext->handset;
@@ -126,6 +141,7 @@ OAPBlock* OAPMessageServiceHandler::BuildV4PayLoad(OAPMsgServicePayLoadRequest* 
 }
 
 OAPBlock* OAPMessageServiceHandler::BuildV4PayLoad(OAPBlockBody* body) {
+  OAPTracer trace(Logger(), kSource, __LINE__, "OAPMessageServiceHandler::BuildV4PayLoad");
   std::unique_ptr<OAPBlock> block = StartBlock(true);
   block->id = Client()->NextTrackingNumber();
   block->header->to = deviceContext->handset;
@@ -167,6 +183,7 @@ OAPBlock* OAPMessageServiceHandler::BuildV4PayLoad(OAPBlockBody* body) {
 }
 
 void OAPMessageServiceHandler::Handle(OAPBlock* block) {
+  OAPTracer trace(Logger(), kSource, __LINE__, "OAPMessageServiceHandler::Handle");
   if (block == nullptr || deviceContext == nullptr) return;
   if (block->GetType() == OAPBlock::Response) {
     auto* response = dynamic_cast<OAPResponseBlock*>(block);

@@ -9,12 +9,14 @@
 
 class OAPClient;
 class OAPResponseBlock;
+class QmLogInterface;
 
 // The message service: builds version 3.0 and 4.0 request blocks for plain
 // and interactive messages, and turns delivery reports and handset answers
 // into the state of its device controller. Has no state of its own beyond
 // the (not owned) device context; tracking numbers come from the client that
-// the device controller dispatches through.
+// the device controller dispatches through. Every public operation traces its
+// call through the device's logger.
 class OAPMessageServiceHandler : public OAPServiceHandlerInterface {
  public:
   // An outgoing message as the host job gives it: subject, text and the
@@ -51,6 +53,7 @@ class OAPMessageServiceHandler : public OAPServiceHandlerInterface {
 
  private:
   OAPClient* Client() const;
+  QmLogInterface* Logger() const;
   std::unique_ptr<OAPBlock> StartBlock(bool version4) const;
   void HandleResponse(const OAPResponseBlock& response);
   void HandleRequest(const OAPBlock& request);

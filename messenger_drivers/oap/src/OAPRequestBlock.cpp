@@ -26,7 +26,7 @@ std::string OAPRequestBlock::Serialize() {
       << std::dec << "\">\n";
   // A block built without header or body writes nothing for the missing part
   // rather than failing.
-  if (header != nullptr) out << header->Serialize();
+  if (header != nullptr) out << header->Serialize(GetEncoding());
   if (body != nullptr) out << body->Serialize();
   out << "</OAP-request>";
   return out.str();

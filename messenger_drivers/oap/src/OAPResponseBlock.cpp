@@ -1,5 +1,19 @@
 #include "OAPResponseBlock.h"
 
+#include <algorithm>
+
+namespace {
+
+// A decimal element value as a 32-bit status number; a value beyond the range
+// reads as the nearest bound, which no status row carries.
+int32_t StatusNumber(const XmlReaderWriter::NodeString& value) {
+  const long number = value;
+  return static_cast<int32_t>(
+      std::min<long>(std::max<long>(number, INT32_MIN), static_cast<long>(INT32_MAX)));
+}
+
+}  // namespace
+
 const OAPResponseBlock::GenStatus::StatusResponse
     OAPResponseBlock::GenStatus::arrStatusResponses[] = {
         {1, 200, "OK"},
@@ -60,8 +74,8 @@ void OAPResponseBlock::ParseXML(XmlReaderWriter::Node& root) {
     service = statusService;
     serviceName = service;
   }
-  status.type = statusNode["Type"].value();
-  status.code = statusNode["Code"].value();
+  status.type = StatusNumber(statusNode["Type"].value());
+  status.code = StatusNumber(statusNode["Code"].value());
   if (statusNode.hasChild("Text")) {
     const std::string statusText = statusNode["Text"].value();
     text = statusText;

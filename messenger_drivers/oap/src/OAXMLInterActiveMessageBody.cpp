@@ -2,7 +2,16 @@
 
 #include <sstream>
 
+#include "QmsysCodec.h"
+
 namespace {
+
+// Version 4.0 documents declare UTF-8.
+const char kEncoding[] = "UTF-8";
+
+std::string Text(const std::string& value) {
+  return QmsysCodec::EncodeXmlText(value, kEncoding, false);
+}
 
 const char* const kStickyReset = "<Sticky_mode>reset</Sticky_mode>\n";
 
@@ -10,12 +19,12 @@ void WriteListedOption(std::ostringstream& out, const MessageBody::Option& optio
                        char key, bool sticky) {
   out << "<Option>\n";
   out << "<ID>" << number << "</ID>\n";
-  out << "<Text>" << option.text << "</Text>\n";
+  out << "<Text>" << Text(option.text) << "</Text>\n";
   out << "<Function_key_ID>" << key << "</Function_key_ID>\n";
   out << "<On_selection>\n";
-  out << "<Data_response>" << option.dataResp << "</Data_response>\n";
+  out << "<Data_response>" << Text(option.dataResp) << "</Data_response>\n";
   if (!option.callNo.empty()) {
-    out << "<Call_number>\n<Digits>" << option.callNo << "</Digits>\n</Call_number>\n";
+    out << "<Call_number>\n<Digits>" << Text(option.callNo) << "</Digits>\n</Call_number>\n";
   }
   if (sticky) out << kStickyReset;
   out << "</On_selection>\n";
@@ -30,7 +39,7 @@ void WriteCustomOption(std::ostringstream& out, const std::string& label, size_t
   out << "<Function_key_ID>A</Function_key_ID>\n";
   out << "<On_selection>\n";
   out << "<User_response>\n";
-  out << "<Text_label>" << label << "</Text_label>\n";
+  out << "<Text_label>" << Text(label) << "</Text_label>\n";
   out << "</User_response>\n";
   if (sticky) out << kStickyReset;
   out << "</On_selection>\n";

@@ -6,12 +6,21 @@
 
 namespace {
 
+// Version 4.0 documents declare UTF-8.
+const char kEncoding[] = "UTF-8";
+
 void WriteIndication(std::ostringstream& out, const MessageBody& message) {
   out << "<Indication>\n";
   if (message.beep > 0) out << "<Beep>" << message.beep << "</Beep>\n";
-  if (!message.intensity.empty()) out << "<Intensity>" << message.intensity << "</Intensity>\n";
+  if (!message.intensity.empty()) {
+    out << "<Intensity>" << QmsysCodec::EncodeXmlText(message.intensity, kEncoding, false)
+        << "</Intensity>\n";
+  }
   if (message.urgent) out << "<Urgent/>\n";
-  if (!message.colour.empty()) out << "<Colour>" << message.colour << "</Colour>\n";
+  if (!message.colour.empty()) {
+    out << "<Colour>" << QmsysCodec::EncodeXmlText(message.colour, kEncoding, false)
+        << "</Colour>\n";
+  }
   if (message.numberOfRepetitions > 1) {
     out << "<Repetition>\n";
     out << "<Interval_time>" << message.intervalTime << "</Interval_time>\n";
@@ -27,10 +36,10 @@ std::string OAXMLMessageBody::Serialize() {
   std::ostringstream out;
   out << "<Message>\n";
   if (!subjectText.empty()) {
-    out << "<Subject>" << QmsysCodec::EncodeXmlData(subjectText, true) << "</Subject>\n";
+    out << "<Subject>" << QmsysCodec::EncodeXmlText(subjectText, kEncoding, true) << "</Subject>\n";
   }
   if (!bodyText.empty()) {
-    out << "<Body>" << QmsysCodec::EncodeXmlData(bodyText, true) << "</Body>\n";
+    out << "<Body>" << QmsysCodec::EncodeXmlText(bodyText, kEncoding, true) << "</Body>\n";
   }
   if (updateOnlyExisting) {
     // An update silences the handset; the blank after the end tag is part of

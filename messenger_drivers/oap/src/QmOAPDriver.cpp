@@ -12,6 +12,7 @@
 
 #include "MessageBody.h"
 #include "OAPClient.h"
+#include "OAPTracer.h"
 #include "QmAny.h"
 #include "QmException.h"
 #include "QmString.h"
@@ -79,16 +80,10 @@ void CopyPresentation(const QmOAPMessageFile& job, MessageBody* body) {
       static_cast<int32_t>(std::min<int64_t>(INT32_MAX, std::max<int64_t>(INT32_MIN, seconds)));
 }
 
-const char* Bool(bool value) {
-  return value ? "TRUE" : "FALSE";
-}
+const char kTrue[] = "TRUE";
+const char kFalse[] = "FALSE";
 
 }  // namespace
-
-#define DRIVER_ENTER(op) QM_LOG(Logger, Trace, kSource, "Entering QmOAPDriver::" op "().")
-#define DRIVER_LEAVE(op, result) \
-  QM_LOG(Logger, Trace, kSource, \
-         QmstringFormat("Leaving QmOAPDriver::" op "() with %s.", Bool(result)))
 
 QmOAPDriver::QmOAPDriver()
     : Name("OAP"),
@@ -102,13 +97,12 @@ QmOAPDriver::QmOAPDriver()
 QmOAPDriver::~QmOAPDriver() = default;
 
 bool QmOAPDriver::Configure(std::map<std::string, std::string>& /*settings*/) {
-  DRIVER_ENTER("Configure");
-  DRIVER_LEAVE("Configure", true);
+  OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Configure", kTrue);
   return true;
 }
 
 bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
-  DRIVER_ENTER("Setup");
+  OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Setup", kFalse);
   bool result = false;
   long port = conf != nullptr ? std::strtol(conf->ListenerPort, nullptr, 10) : 0;
   if (port < 1) {
@@ -123,32 +117,28 @@ bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
     result = Client->Initialize(Logger, "");
     if (!result) QM_LOG(Logger, Critical, kSource, "Failed to Initialize OAP Client.");
   }
-  DRIVER_LEAVE("Setup", result);
+  trace.SetResult(OAPTracer::TrueFalse(result));
   return result;
 }
 
 bool QmOAPDriver::PeriodicEvent() {
-  DRIVER_ENTER("PeriodicEvent");
-  DRIVER_LEAVE("PeriodicEvent", true);
+  OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::PeriodicEvent", kTrue);
   return true;
 }
 
 bool QmOAPDriver::ResetDevice() {
-  DRIVER_ENTER("ResetDevice");
-  DRIVER_LEAVE("ResetDevice", true);
+  OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::ResetDevice", kTrue);
   return true;
 }
 
 bool QmOAPDriver::ProcessSignal() {
-  DRIVER_ENTER("ProcessSignal");
-  DRIVER_LEAVE("ProcessSignal", true);
+  OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::ProcessSignal", kTrue);
   return true;
 }
 
 bool QmOAPDriver::Cleanup() {
-  DRIVER_ENTER("Cleanup");
+  OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Cleanup", kTrue);
   FinalizeClient();
-  DRIVER_LEAVE("Cleanup", true);
   return true;
 }
 
@@ -205,14 +195,11 @@ unsigned long QmOAPDriver::DispatchJob(QmOAPMessageFile* job) {
 }
 
 bool QmOAPDriver::SendAMessage(QmMessageFile* msg, ReportsStatus& status) {
-  DRIVER_ENTER("SendAMessage");
+  OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::SendAMessage", kFalse);
   status = QmMessengerReportsMngrInterface::SENDING;
   QmOAPMessageFile* job = static_cast<QmOAPMessageFile*>(msg);
   bool result = false;
-  if (job == nullptr) {
-    DRIVER_LEAVE("SendAMessage", result);
-    return result;
-  }
+  if (job == nullptr) return result;
   try {
     unsigned long tracking = DispatchJob(job);
     if (tracking != 0) {
@@ -230,22 +217,18 @@ bool QmOAPDriver::SendAMessage(QmMessageFile* msg, ReportsStatus& status) {
     QM_LOG(Logger, Error, kSource, QmstringFormat("Exception occurred [%s]", e.what()));
     job->SetErrorText(e.what());
   }
-  DRIVER_LEAVE("SendAMessage", result);
+  trace.SetResult(OAPTracer::TrueFalse(result));
   return result;
 }
 
 bool QmOAPDriver::Send2WayRespQuery(QmMessageFile* msg, ReportsStatus& status) {
-  DRIVER_ENTER("Send2WayRespQuery");
+  OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Send2WayRespQuery", kTrue);
   QmOAPMessageFile* job = static_cast<QmOAPMessageFile*>(msg);
-  if (job == nullptr) {
-    DRIVER_LEAVE("Send2WayRespQuery", true);
-    return true;
-  }
+  if (job == nullptr) return true;
   if (job->TrackingReceipt.empty()) {
     job->SetErrorText("Empty or no tracking receipt defined.");
     QM_LOG(Logger, Error, kSource,
            "Empty or no tracking receipt defined. Terminating query cycle.");
-    DRIVER_LEAVE("Send2WayRespQuery", true);
     return true;
   }
   unsigned long tracking = QmAny(job->TrackingReceipt).asUInt();
@@ -254,7 +237,6 @@ bool QmOAPDriver::Send2WayRespQuery(QmMessageFile* msg, ReportsStatus& status) {
   if (state == 0) {
     job->SetErrorText("Unknown Device");
     QM_LOG(Logger, Error, kSource, "The device is unknown for me.");
-    DRIVER_LEAVE("Send2WayRespQuery", true);
     return true;
   }
   if (state == 2 && job->AddStatusOnce("DELIVERED")) {
@@ -272,7 +254,6 @@ bool QmOAPDriver::Send2WayRespQuery(QmMessageFile* msg, ReportsStatus& status) {
     status = StatusForAnswer(job, answer);
     PushBackMsgFile(job, status, true, answer);
   }
-  DRIVER_LEAVE("Send2WayRespQuery", true);
   return true;
 }
 

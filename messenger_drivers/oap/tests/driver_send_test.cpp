@@ -1,6 +1,10 @@
 // Sending jobs through the loaded driver to the fake server, and querying
 // them for the reports and answers the listener received.
+#include <algorithm>
 #include <cstdlib>
+#include <map>
+#include <regex>
+#include <set>
 
 #include "driver_fixture.h"
 
@@ -133,7 +137,11 @@ TEST_F(SendTest, FailedSendsKeepSendingStatusAndTellWhy) {
   }
   EXPECT_EQ(refused.GetErrorText(), "Client not registered");
   EXPECT_EQ(unreachable.GetErrorText(), "Socket Connecting Failed");
-  EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::SendAMessage() with FALSE.", true), 2u);
+  // The exceptions passed through the client and the controller: both left.
+  for (const char* line : {"Leaving QmOAPDriver::SendAMessage() with FALSE.",
+                           "Leaving OAPClient::SendAMessage() with Failure(0).",
+                           "Leaving OAPDeviceController::SendAMessage() with 0."})
+    EXPECT_EQ(logger.Count(kTrace, line, true), 2u) << line;
   size_t exceptionLines = 0;
   for (const std::string& text : logger.TextsFrom("QmOAPDriver")) {
     exceptionLines += text.rfind("Exception occurred [Exception raised! ", 0) == 0 &&
@@ -192,6 +200,46 @@ TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
   EXPECT_EQ(logger.Count(Log::LEVEL_DEBUG, "<job-2> Response 'Yes' is not a new one", true), 1u);
   EXPECT_TRUE(logger.Has(
       Log::LEVEL_DEBUG, "Processing incoming paylaod [<?xml version=\"1.0\" encoding=\"UTF-8\"?>"));
+
+  // The trace of these sends, reports, answers with their echoes and queries:
+  // every operation called was entered and left as often.
+  const std::regex traceLine("(Entering|Leaving) (\\w+::\\w+)\\(\\)( with .*)?\\.");
+  std::map<std::string, int> open;
+  for (const char* source : {"QmOAPDriver", "messenger_drivers/oap/src/OAPClient",
+                             "messenger_drivers/oap/src/OAPDeviceRegistrar",
+                             "messenger_drivers/oap/src/OAPDeviceController",
+                             "messenger_drivers/oap/src/OAPMessageServiceHandler"}) {
+    for (const std::string& text : logger.TextsFrom(source)) {
+      std::smatch match;
+      if (std::regex_match(text, match, traceLine))
+        open[match[2]] += match[1] == "Entering" ? 1 : -1;
+    }
+  }
+  std::set<std::string> called;
+  for (const auto& entry : open) {
+    EXPECT_EQ(entry.second, 0) << entry.first;
+    called.insert(entry.first);
+  }
+  const std::set<std::string> expected = {"QmOAPDriver::SendAMessage",
+                                          "QmOAPDriver::Send2WayRespQuery",
+                                          "OAPClient::SendAMessage",
+                                          "OAPClient::DispatchPayLoad",
+                                          "OAPClient::GetStatus",
+                                          "OAPClient::QueryResponse",
+                                          "OAPDeviceRegistrar::GetInstance",
+                                          "OAPDeviceRegistrar::GetDevice",
+                                          "OAPDeviceRegistrar::GetDeviceByTrackingID",
+                                          "OAPDeviceController::SendAMessage",
+                                          "OAPDeviceController::SetStatus",
+                                          "OAPDeviceController::GetStatus",
+                                          "OAPDeviceController::AddResponse",
+                                          "OAPDeviceController::WipeOptions",
+                                          "OAPDeviceController::QueryResponse",
+                                          "OAPMessageServiceHandler::BuildPayLoad",
+                                          "OAPMessageServiceHandler::BuildV3PayLoad",
+                                          "OAPMessageServiceHandler::BuildV4PayLoad",
+                                          "OAPMessageServiceHandler::Handle"};
+  EXPECT_TRUE(std::includes(called.begin(), called.end(), expected.begin(), expected.end()));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <set>
@@ -61,6 +62,11 @@ TEST_F(EngineClientTest, TrackingBaseIsARandomMultipleOf65536) {
     EXPECT_EQ(client.NextTrackingNumber(), base);
     EXPECT_EQ(client.NextTrackingNumber(), base + 1);
   }
+  // 0 reads as a failed send: the counter passes over it when it wraps.
+  OAPClient wrapping(1, "");
+  wrapping.TrackingBase = UINT32_MAX;
+  EXPECT_EQ(wrapping.NextTrackingNumber(), UINT32_MAX);
+  EXPECT_EQ(wrapping.NextTrackingNumber(), 1u);
   EXPECT_EQ(OAPClient(1, "").GetRunningModuleName(), "Qm OAP Client");
 }
 

@@ -160,6 +160,15 @@ TEST_F(EngineControllerTest, FailedExchangesRaiseTheirTextAndKeepNothing) {
   EXPECT_EQ(client.SendAMessage(NewBody("3.0")), 0x20007u);
   server.Queue({"<?xml version=\"1.0\"?>\n<OAP-request version=\"3.0\" id=\"20008\"/>"});
   EXPECT_EQ(client.SendAMessage(NewBody("3.0")), 0u);
+  // Accepted under another number: only that number is known, and an answer
+  // to the request's number is dropped.
+  server.Queue({ResponseDoc("2abcd", 1, 200)});
+  EXPECT_EQ(client.SendAMessage(NewBody("3.0", true)), 0x2abcdu);
+  MsgStatus status;
+  EXPECT_FALSE(Device()->GetStatus(0x20009, status));
+  Device()->AddResponse(0x20009, "N:Yes", false);
+  EXPECT_EQ(server.Requests().size(), sizeof cases / sizeof cases[0] + 3);
+  EXPECT_TRUE(Device()->GetStatus(0x2abcd, status));
 
   MessageBody* body = NewBody("3.0");
   body->to = "1234@127.0.0.1:" + std::to_string(UnusedPort());
@@ -241,6 +250,26 @@ TEST_F(EngineControllerTest, RepliesAreEchoedOnceAndFinalOneCloses) {
             "No existing interactive message to update");
   EXPECT_EQ(client.QueryResponse(address, 0x20001), (Replies{"typed"}));
   EXPECT_EQ(client.GetStatus(address, 0x20001), MsgStatus::Sent);
+}
+
+// A version 4.0 echo travels under a fresh number that shares the message's
+// body: replies to either number extend the one text.
+TEST_F(EngineControllerTest, Version4EchoNumbersShareTheMessage) {
+  server.Queue({ResponseDoc("20000", 1, 200)});
+  server.Queue({ResponseDoc("20001", 1, 200)});
+  server.Queue({ResponseDoc("20002", 1, 200)});
+  ASSERT_EQ(client.SendAMessage(NewBody("4.0", true)), 0x20000u);
+  Device()->AddResponse(0x20000, "N:Yes", false);
+  Device()->AddResponse(0x20001, "N:Later", false);
+  ASSERT_EQ(server.Requests().size(), 3u);
+  const std::string update = server.Requests()[2];
+  EXPECT_NE(update.find("<Id>20000</Id>"), std::string::npos) << update;
+  EXPECT_NE(update.find("--&gt;&gt;Yes&#xd;&#xa;--&gt;&gt;Later</Body>"), std::string::npos)
+      << update;
+  MsgStatus first, second;
+  ASSERT_TRUE(Device()->GetStatus(0x20000, first) && Device()->GetStatus(0x20001, second));
+  EXPECT_EQ(first.body->bodyText, second.body->bodyText);
+  EXPECT_EQ(second.state, MsgStatus::Sent);
 }
 
 }  // namespace

@@ -68,15 +68,15 @@ TEST(ModelBody, GoldenSerialisations) {
       {kV3, "Hi", [](B b) { b.subjectText = "a<b>"; b.ttl = 30; b.priority = -1; },
        kV3I + "<SubjectText>a&lt;b&gt;</SubjectText>\n<BodyText>Hi</BodyText>\n" + kStatus +
            "<TTL>30</TTL>\n</Body>"},
-      // Wiping options needs an update.
-      {kV3, "", [](B b) { b.wipeOptions = true; b.options = {Opt("Yes<", "y", "200"), Opt("No", "")}; },
+      // Wiping options needs an update. Every text is escaped; UTF-8 is written as Latin-1.
+      {kV3, "", [](B b) { b.wipeOptions = true; b.options = {Opt("Yes<\xC3\xBC\xE2\x82\xAC", "y&", "2>0"), Opt("No", "")}; },
        kV3I + "<BodyText></BodyText>\n<Priority>6</Priority>\n" + kStatus +
-           V3Opt(1, "Yes<", "<CallNo method=\"\">200</CallNo>\n" + Resp("y"), 'A') +
+           V3Opt(1, "Yes&lt;\xFC&#x20ac;", "<CallNo method=\"\">2&gt;0</CallNo>\n" + Resp("y&amp;"), 'A') +
            V3Opt(2, "No", Resp(""), 'C') + "</Body>"},
       // One option plus the custom one make two: keys A and C.
-      {kV3, "Q", [](B b) { b.priority = 0; b.options = {Opt("Ok", "1")}; b.userResponseLabel = "T"; },
-       kV3I + "<BodyText>Q</BodyText>\n" + kStatus + V3Opt(1, "Ok", Resp("1"), 'A') +
-           V3Opt(2, "Custom", kCustomT, 'C') + "</Body>"},
+      {kV3, "Q", [](B b) { b.priority = 0; b.options = {Opt("Ok", "1")}; b.userResponseLabel = "T"; b.to = "1<2"; },
+       "<Body service=\"interactiveMessage\"><To>1&lt;2</To>\n<BodyText>Q</BodyText>\n" + kStatus +
+           V3Opt(1, "Ok", Resp("1"), 'A') + V3Opt(2, "Custom", kCustomT, 'C') + "</Body>"},
       // An update keeps its options unless they are wiped; three choices: every key A.
       {kV3, "Q",
        [](B b) { b.updateOnlyExisting = true; b.options = {Opt("a", "1"), Opt("b", "2")}; b.userResponseLabel = "T"; },
@@ -91,20 +91,21 @@ TEST(ModelBody, GoldenSerialisations) {
       {kV4, "", [](B b) { b.priority = 0; b.numberOfRepetitions = 1; },  // a single showing: no repetition
        "<Message>\n<Indication>\n</Indication>\n</Message>"},
       {kV4, "x>y",
-       [](B b) { b.subjectText = "S&T"; b.beep = 2; b.intensity = "High"; b.urgent = true; b.colour = "Red";
+       [](B b) { b.subjectText = "S&T"; b.beep = 2; b.intensity = "High"; b.urgent = true; b.colour = "R\xE9" "d<";
                  b.intervalTime = 10; b.numberOfRepetitions = 3; b.ttl = 60; b.priority = 1; },
        "<Message>\n<Subject>S&amp;T</Subject>\n<Body>x&gt;y</Body>\n<Indication>\n<Beep>2</Beep>\n"
-       "<Intensity>High</Intensity>\n<Urgent/>\n<Colour>Red</Colour>\n<Repetition>\n"
+       "<Intensity>High</Intensity>\n<Urgent/>\n<Colour>R\xC3\xA9" "d&lt;</Colour>\n<Repetition>\n"
        "<Interval_time>10</Interval_time>\n<Number_of_repetitions>3</Number_of_repetitions>\n"
        "</Repetition>\n</Indication>\n<TTL>60</TTL>\n<Priority>1</Priority>\n</Message>"},
       {kV4, "", [](B b) { b.subjectText = "S"; b.updateOnlyExisting = true; b.ttl = 60; b.beep = 3; },
        "<Message>\n<Subject>S</Subject>\n<Indication>\n<Intensity>None</Intensity>\n</Indication> \n</Message>"},
       // Version 4, interactive.
-      // Two listed options take keys A and C whatever the custom one; no wipe without an update.
+      // Two listed options take keys A and C whatever the custom one; no wipe
+      // without an update. Every text is escaped; Latin-1 bytes become UTF-8.
       {kV4Interactive, "Q",
-       [](B b) { b.wipeOptions = true; b.userResponseLabel = "L"; b.options = {Opt("Yes", "y", "55"), Opt("No<", "n")}; },
-       kQ + V4Opt(1, "Yes", 'A', Data("y") + kCall55) + V4Opt(2, "No<", 'C', Data("n")) +
-           V4Opt(3, "Custom", 'A', Label("L")) + kClose},
+       [](B b) { b.wipeOptions = true; b.userResponseLabel = "L>"; b.options = {Opt("Yes", "y", "55"), Opt("No<\xFC", "n&")}; },
+       kQ + V4Opt(1, "Yes", 'A', Data("y") + kCall55) + V4Opt(2, "No&lt;\xC3\xBC", 'C', Data("n&amp;")) +
+           V4Opt(3, "Custom", 'A', Label("L&gt;")) + kClose},
       // Three options: all keys A, custom (always A), then a closing option.
       {kV4Interactive, "Q",
        [](B b) { b.sticky = true; b.userResponseLabel = "Say"; b.options = {Opt("a", "1", "55"), Opt("b", "2"), Opt("c", "3")}; },
@@ -144,7 +145,7 @@ TEST(ModelBlock, RequestDocumentsEnvelopesAndRootNames) {
   header->ip = "127.0.0.1";
   header->port = 9000;
   header->to = "55";
-  header->fromNumber = "99<1";
+  header->fromNumber = "99<1\xE9";
   header->deliveryStatus = true;
   block->SetHeader(header);
   auto* body = new MessageBody();  // released through the body base
@@ -154,7 +155,7 @@ TEST(ModelBlock, RequestDocumentsEnvelopesAndRootNames) {
   EXPECT_EQ(block->Serialize(),
             "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
             "<OAP-request version=\"3.0\" id=\"ff\">\n<Header>\n<IP>127.0.0.1</IP>\n"
-            "<Port>9000</Port>\n<To>55</To>\n<FromEx>\n<Number>99<1</Number>\n</FromEx>\n"
+            "<Port>9000</Port>\n<To>55</To>\n<FromEx>\n<Number>99&lt;1\xE9</Number>\n</FromEx>\n"
             "<DeliveryStatus/>\n</Header>\n<Body service=\"interactiveMessage\"><To>42</To>\n"
             "<BodyText></BodyText>\n<Priority>6</Priority>\n" +
                 kStatus + V3Opt(1, "a", Resp("1"), 'A') + "</Body></OAP-request>");
@@ -261,6 +262,9 @@ TEST(ModelParse, RequestsAndResponses) {
       {Response("4.0", "<Other/>"), "10|0/0|||||||Unknown Code"},
       {Response("4.0", "<Status><Type>one</Type><Code>x</Code></Status>"),
        "10|0/0|||||||Unknown Code"},
+      // Numbers beyond 32 bits read as the nearest bound (not as 1/200 wrapped).
+      {Response("4.0", "<Status><Type>4294967297</Type><Code>-4294967096</Code></Status>"),
+       "10|2147483647/-2147483648|||||||Unknown Code"},
       // No block: unreadable, unknown or differently cased root, missing required parts.
       {Envelope("<Id>1</Id>").substr(0, 60), ""},
       {std::string("<OAP-request version=\"3.0\"/>") + '\0' + "x", ""},  // read to its full length
