@@ -26,7 +26,7 @@ if(TARGET qm_core AND TARGET qm_ini_codec AND TARGET qm_log)
   )
   target_include_directories(qm_logview PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/tools/qmlogview)
   target_compile_options(qm_logview PRIVATE ${QM_WARNINGS})
-  target_link_libraries(qm_logview PUBLIC qm_core qm_ini_codec qm_log SQLite::SQLite3)
+  target_link_libraries(qm_logview PUBLIC qm_toolcommon qm_core qm_ini_codec qm_log SQLite::SQLite3)
 
   add_executable(qmlogview tools/qmlogview/main.cpp)
   target_compile_options(qmlogview PRIVATE ${QM_WARNINGS})
