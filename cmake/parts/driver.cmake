@@ -7,6 +7,7 @@ if(TARGET qm_oap_model AND TARGET qm_oap_engine)
     messenger_drivers/oap/src/QmProtocolDriverInterface.cpp
     messenger_drivers/oap/src/QmOAPDriver.cpp
     messenger_drivers/oap/src/OAPDriverPlugin.cpp
+    messenger_drivers/oap/src/OAPBuildInfo.cpp
   )
   target_include_directories(qmoapdriver PRIVATE
     ${CMAKE_CURRENT_SOURCE_DIR}/messenger_drivers/oap/src

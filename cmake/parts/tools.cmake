@@ -7,7 +7,6 @@ add_library(qm_toolcommon STATIC
 )
 target_include_directories(qm_toolcommon PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/tools/common)
 target_compile_options(qm_toolcommon PRIVATE ${QM_WARNINGS})
-target_compile_definitions(qm_toolcommon PRIVATE QM_PROJECT_VERSION="${PROJECT_VERSION}")
 
 # The OAP server simulator: a stand-in server with simulated handsets for
 # running the driver end to end. It checks documents with its own expat-based

@@ -11,6 +11,7 @@
 #include <iterator>
 
 #include "MessageBody.h"
+#include "OAPBuildInfo.h"
 #include "OAPClient.h"
 #include "QmAny.h"
 #include "QmException.h"
@@ -109,6 +110,7 @@ bool QmOAPDriver::Configure(std::map<std::string, std::string>& /*settings*/) {
 
 bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
   DRIVER_ENTER("Setup");
+  QM_LOG(Logger, Info, kSource, OAPBuildInfo::Describe());
   bool result = false;
   long port = conf != nullptr ? std::strtol(conf->ListenerPort, nullptr, 10) : 0;
   if (port < 1) {
