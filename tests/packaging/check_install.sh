@@ -114,6 +114,23 @@ fi
 grep -q "^answered$" "$work/host.out" || fail "the example host printed no 'answered'"
 grep -qF "OAP driver plug-in $version, build id $build_id" "$work/host.err" ||
   fail "the plug-in did not log its version and build id $build_id"
+# A handset that never answers: SIGTERM ends the example host's query cycle,
+# and it cleans up and reports the message unanswered.
+timeout 60 "$work/example/build/qm_example_host" "127.0.0.1:$sim_port" "$listen_port" 1003 1004 \
+  >"$work/stopped.out" 2>&1 &
+host_pid=$!
+for _ in $(seq 200); do
+  grep -q '^sent ask' "$work/stopped.out" && break
+  sleep 0.05
+done
+kill -TERM "$host_pid"
+status=0
+wait "$host_pid" || status=$?
+if [ "$status" -ne 1 ] || ! grep -q '^stopping on signal 15$' "$work/stopped.out" ||
+  ! grep -q '^not answered$' "$work/stopped.out"; then
+  fail "the example host did not stop cleanly on SIGTERM (status $status)"
+  cat "$work/stopped.out"
+fi
 
 # ---- pkg-config: the static runtime with its dependencies -------------------
 cat >"$work/probe.cpp" <<'PROBE'
