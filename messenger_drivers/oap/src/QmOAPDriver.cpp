@@ -11,6 +11,7 @@
 #include <iterator>
 
 #include "MessageBody.h"
+#include "OAPBuildInfo.h"
 #include "OAPClient.h"
 #include "OAPTracer.h"
 #include "QmAny.h"
@@ -103,6 +104,7 @@ bool QmOAPDriver::Configure(std::map<std::string, std::string>& /*settings*/) {
 
 bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
   OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Setup", kFalse);
+  QM_LOG(Logger, Info, kSource, OAPBuildInfo::Describe());
   bool result = false;
   long port = conf != nullptr ? std::strtol(conf->ListenerPort, nullptr, 10) : 0;
   if (port < 1) {
