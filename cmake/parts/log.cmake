@@ -5,6 +5,7 @@ add_library(qm_log OBJECT
   runtime/src/QmDBProcessorFatalException.cpp
   runtime/src/QmLogDBProcessorInterface.cpp
   runtime/src/QmLogSQLiteProcessor.cpp
+  runtime/src/QmioDirectory.cpp
   runtime/src/LockFile.cpp
   runtime/src/QmsysEventLogWriterInterface.cpp
   runtime/src/QmsysEventLogFileWriter.cpp
