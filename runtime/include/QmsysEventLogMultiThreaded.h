@@ -47,7 +47,7 @@ class QmsysEventLogMultiThreaded : public QmsysEventLogInterface {
   std::shared_ptr<Queue> currentQueue();
 
   std::mutex m_queueMutex;         // guards m_queue (the pointer, not the queue)
-  std::shared_ptr<Queue> m_queue;  // of the latest worker; null before Start
+  std::shared_ptr<Queue> m_queue;  // of the running worker; null when stopped
 };
 
 #endif

@@ -73,10 +73,7 @@ bool QmsysEventLogMultiThreaded::Start() {
   std::shared_ptr<Queue> queue;
   {
     std::lock_guard<std::mutex> starting(m_queueMutex);
-    if (m_queue) {
-      std::lock_guard<std::mutex> guard(m_queue->mutex);
-      if (m_queue->running && !m_queue->stop) return alive;  // the worker already runs
-    }
+    if (m_queue) return alive;  // the worker already runs
     queue = std::make_shared<Queue>();
     queue->writer = sharedWriter();
     queue->processName = getProcessName();
@@ -104,7 +101,11 @@ bool QmsysEventLogMultiThreaded::Start() {
 }
 
 bool QmsysEventLogMultiThreaded::Stop() {
-  const std::shared_ptr<Queue> queue = currentQueue();
+  std::shared_ptr<Queue> queue;
+  {
+    std::lock_guard<std::mutex> stopping(m_queueMutex);
+    queue.swap(m_queue);  // a second Stop has nothing left to wait for
+  }
   if (queue) {
     std::unique_lock<std::mutex> guard(queue->mutex);
     queue->stop = true;
