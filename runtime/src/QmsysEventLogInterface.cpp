@@ -284,14 +284,12 @@ QmsysEventLogInterface* CreateGuarded(const std::string& moduleName, Create crea
                           "Unable to create a logger without a module name.");
     return nullptr;
   }
-  try {
-    return create();
-  } catch (...) {
-    QmsysSystemLog::Write(source, QmsysSystemLog::CATEGORY_ERROR,
-                          "Unable to create logger for module [%s]: %s", moduleName.c_str(),
-                          CurrentExceptionText().c_str());
-  }
-  return nullptr;
+  QmsysEventLogInterface* created = nullptr;
+  Guarded(source, [&] {
+    created = create();
+    return true;
+  });
+  return created;
 }
 
 }  // namespace
