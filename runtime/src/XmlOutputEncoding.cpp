@@ -24,9 +24,13 @@ bool IsAsciiLetter(unsigned long c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
+// Name characters below U+0100 as the parser takes them; above, every
+// character XML allows.
 bool IsNameStart(unsigned long c) {
-  return IsAsciiLetter(c) || c == '_' || c == ':' ||
-         (c >= 0xC0 && IsXmlChar(c) && c != 0xD7 && c != 0xF7);
+  if (c < 0x80) return IsAsciiLetter(c) || c == '_' || c == ':';
+  if (c < 0x100)
+    return c == 0xAA || c == 0xB5 || c == 0xBA || (c >= 0xC0 && c != 0xD7 && c != 0xF7);
+  return IsXmlChar(c);
 }
 
 bool IsNameChar(unsigned long c) {

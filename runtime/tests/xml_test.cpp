@@ -129,8 +129,10 @@ TEST(XmlWriter, WritesTheEncodingItDeclaresAndOnlyCharactersXmlAllows) {
                {"US-ASCII", cafe, cafe, "caf&#233;"},
                {"UTF-16", euro + cafe, euro + cafe, euro + cafe},
                {"UTF-16BE", cafe, cafe, cafe},
-               {"UTF-8", "a\x01\x1f" "b\xe9", "a" + fffd + fffd + "b\xc3\xa9",
-                "a" + fffd + fffd + "b\xc3\xa9"}};
+               {"UTF-8",
+                "a\x01\x1f"
+                "b\xe9",
+                "a" + fffd + fffd + "b\xc3\xa9", "a" + fffd + fffd + "b\xc3\xa9"}};
   for (const auto& c : cases) {
     auto recode = [&](const std::string& text) { return Recode(text, c.encoding); };
     XmlReaderWriter doc;
@@ -149,7 +151,12 @@ TEST(XmlWriter, WritesTheEncodingItDeclaresAndOnlyCharactersXmlAllows) {
     std::string rewritten;
     EXPECT_TRUE(again.toString(rewritten) && rewritten == written) << c.encoding;
   }
-  // A name that is no XML name, or one the encoding cannot carry, is not written.
+  // Names the parser takes are written (here U+00B5 and U+00B7 in ISO-8859-1);
+  // a name that is no XML name, or one the encoding cannot carry, is not.
+  XmlReaderWriter latin;
+  ASSERT_TRUE(Parse(latin, "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><r \xb5\xb7=\"1\"/>"));
+  std::string named;
+  EXPECT_TRUE(latin.toString(named) && named.find("<r \xb5\xb7=\"1\">") != std::string::npos);
   for (const char* name : {"a b", "a\x01", "1a", "", "caf\xc3\xa9"}) {
     XmlReaderWriter doc;
     ASSERT_TRUE(Parse(doc, "<?xml version=\"1.0\" encoding=\"US-ASCII\"?><r><c/></r>"));
