@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The soak and fault suite: 10,000 messages through the plug-in with answers
-# pushed back concurrently, faulty OAP servers, and a hostile listener.
+# pushed back concurrently, faulty OAP servers, a hostile listener, and
+# logging shared by threads and processes under faults.
 # Installs what is missing, builds in the test build (build-test, shared with
 # scripts/test.sh, so a tested tree builds only the soak tests), runs the tests labelled
 # "soak" one at a time (they measure threads and memory of their process).
@@ -12,5 +13,5 @@ qm_install_deps
 
 BUILD_DIR=${QM_BUILD_DIR:-build-test}
 cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo ${QM_CMAKE_ARGS:-} >/dev/null
-cmake --build "$BUILD_DIR" -j"$(nproc)" --target soak_load_tests soak_fault_tests soak_stop_tests
+cmake --build "$BUILD_DIR" -j"$(nproc)" --target soak_load_tests soak_fault_tests soak_stop_tests soak_log_tests
 ctest --test-dir "$BUILD_DIR" -L soak --output-on-failure

@@ -12,6 +12,7 @@
 #include "QmconCriticalSection.h"
 #include "QmconFunctions.h"
 #include "QmsysEventLogInterface.h"
+#include "QmsysSystemLog.h"
 
 namespace {
 
@@ -96,9 +97,19 @@ void QmHostRunner::StartLogger() {
     m_err << "qmhost: warning: cannot create " << configDir << ": " << failure.message()
           << std::endl;
   }
+  // The logging classes report their faults to the system log only; the
+  // ones met while the logger is made are shown here as well.
+  std::vector<std::string> faults;
+  QmsysSystemLog::SetListener(
+      [&faults](const std::string& function, QmsysSystemLog::Category, const std::string& text) {
+        faults.push_back(function + ": " + text);
+      });
   m_logger = QmsysEventLogInterface::CreateInstance(
       "qmhost", QmsysEventLogInterface::SINGLE_THREADED, configDir, "qmhost");
-  if (m_logger == nullptr || !m_logger->Start()) {
+  const bool started = m_logger != nullptr && m_logger->Start();
+  QmsysSystemLog::SetListener(nullptr);
+  for (const std::string& fault : faults) m_err << "qmhost: warning: " << fault << std::endl;
+  if (!started) {
     m_err << "qmhost: warning: no event log in " << configDir << "; running without one"
           << std::endl;
     m_logger = nullptr;
