@@ -7,9 +7,13 @@
 #include "QmioSocketEventHandler.h"
 
 // Ready-made connection handler: on a data event it reads the connection in
-// 1024-byte pieces and passes each piece to OnData until OnData returns
-// false or the connection fails or closes. The derived class sets the socket
-// it serves and the logger; neither is owned.
+// 1024-byte pieces and passes each piece on (OnReceived, by default straight
+// to OnData) until that asks to close, the peer closes, or a read finds
+// nothing within the read time-out. In the last case the connection stays
+// open and goes back to the socket pool, which calls again when more data
+// comes. A close by the peer is logged at debug level; any other failure at
+// error level. The derived class sets the socket it serves and the logger;
+// neither is owned. One thread uses a handler at a time.
 class QmioSocketAdvHandler : public QmioSocketEventHandler {
  public:
   QmioSocketAdvHandler(const std::string& terminator, int readTimeoutMs);
@@ -29,6 +33,13 @@ class QmioSocketAdvHandler : public QmioSocketEventHandler {
   std::string GetTerminator() const { return m_terminator; }
 
  protected:
+  // Each piece as it was read; false ends the connection. Passes the piece
+  // to OnData; a derived class that frames its own units overrides it.
+  virtual bool OnReceived(const std::string& piece);
+  // The peer has closed the connection (after everything it sent was passed
+  // to OnReceived).
+  virtual void OnPeerClosed() {}
+
   void ReadLoop();
 
   std::string m_clientName;

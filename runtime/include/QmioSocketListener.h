@@ -11,10 +11,14 @@ class QmioSocket;
 class QmioSocketEventHandler;
 class QmioSocketPool;
 
-// A TCP server as a thread module: its thread accepts connections (polling
-// once a second), asks the derived class whether to take each one and which
-// handler to give it, and hands it to a socket pool whose workers run the
-// handlers. Owns the listening socket and the pool.
+// A TCP server as a thread module: its thread accepts connections (each as
+// soon as it arrives), asks the derived class whether to take each one and
+// which handler to give it, and hands it to a socket pool whose workers run
+// the handlers. When the pool is full the listener makes room (see
+// QmioSocketPool::AddSocketMakingRoom) or waits for it; it never stops
+// accepting while it runs, except when its listening socket stops listening
+// (then its thread ends). A stop request ends the thread within a second.
+// Owns the listening socket and the pool.
 class QmioSocketListener : public QmThreadModule {
  public:
   QmioSocketListener(int socketLimit, int threadCount);
@@ -35,6 +39,9 @@ class QmioSocketListener : public QmThreadModule {
 
   // The bound port, or -1 before Listen.
   int GetListeningPort() const;
+  // How long a connection may wait without sending anything before it is
+  // closed (30000 ms unless set); takes effect at once.
+  void SetIdleTimeout(int timeoutMs);
 
  private:
   bool AcceptOnce();
@@ -42,6 +49,7 @@ class QmioSocketListener : public QmThreadModule {
 
   int m_threadCount;
   int m_socketLimit;
+  int m_idleTimeoutMs;
   std::unique_ptr<QmioServerSocket> m_serverSocket;
   std::unique_ptr<QmioSocketPool> m_pool;
 };

@@ -8,20 +8,20 @@
 #include "QmioSocketPool.h"
 
 // One connection handed from the socket pool to a worker: runs the socket's
-// handler with a data event, then deletes the socket (and so its handler).
-// Owns the socket from construction; while the handler runs the socket is
-// listed in `served` (may be null), through which the pool's Stop ends it.
+// handler with a data event, then gives the socket back to the pool, which
+// watches it again or deletes it (see QmioSocketPool::Release). Without a
+// pool the socket is deleted after its handler. Owns the socket until then;
+// an item that never runs deletes it.
 class SockeReadWork : public QmconDelegate {
  public:
-  explicit SockeReadWork(QmioSocket* socket,
-                         std::shared_ptr<QmioSocketPool::ServedSockets> served = nullptr);
+  explicit SockeReadWork(QmioSocket* socket, std::shared_ptr<QmioSocketPool::Core> pool = nullptr);
   ~SockeReadWork() override;
 
   void DoWork(void* data) override;
 
  private:
   std::unique_ptr<QmioSocket> m_socket;
-  std::shared_ptr<QmioSocketPool::ServedSockets> m_served;
+  std::shared_ptr<QmioSocketPool::Core> m_pool;
 };
 
 #endif

@@ -4,14 +4,16 @@
 
 #include <cstring>
 
-#include "QmException.h"
 #include "QmString.h"
+#include "QmioException.h"
 #include "QmioSocket.h"
 
 namespace {
 
 const char* const kSource = "QmioSocketAdvHandler";
 const unsigned int kPieceSize = 1024;
+// The message of the exception a read throws when the peer has closed.
+const char kClosedByPeer[] = "Socket is closed";
 
 }  // namespace
 
@@ -26,8 +28,13 @@ void QmioSocketAdvHandler::SendData(const std::string& data) {
   QM_LOG(m_logger, Trace, kSource, "Leaving QmioSocketAdvHandler::SendData");
 }
 
+bool QmioSocketAdvHandler::OnReceived(const std::string& piece) {
+  return OnData(piece);
+}
+
 void QmioSocketAdvHandler::OnSocketEvent(QmioSocket* socket, SocketEvent event, void* /*data*/) {
   QM_LOG(m_logger, Trace, kSource, "Entering QmioSocketAdvHandler::OnSocketEvent");
+  SetKeepConnection(false);
   // A handler made before its connection was known serves the event's socket.
   if (m_socket == nullptr) m_socket = socket;
   if (socket != nullptr) m_clientName = socket->GetRemoteAddress();
@@ -37,9 +44,14 @@ void QmioSocketAdvHandler::OnSocketEvent(QmioSocket* socket, SocketEvent event, 
     } catch (const abi::__forced_unwind&) {
       throw;  // the thread is being ended; let it go
     } catch (const QmException& e) {
-      QM_LOG(m_logger, Error, kSource,
-             QmstringFormat("Adv Socket Handler <%s>: Exception occurred [%s]",
-                            m_clientName.c_str(), e.ToString().c_str()));
+      const std::string line = QmstringFormat("Adv Socket Handler <%s>: Exception occurred [%s]",
+                                              m_clientName.c_str(), e.ToString().c_str());
+      // A peer that closes the connection ends it normally.
+      if (e.GetMsg() == kClosedByPeer) {
+        QM_LOG(m_logger, Debug, kSource, line);
+      } else {
+        QM_LOG(m_logger, Error, kSource, line);
+      }
     } catch (...) {
       QM_LOG(m_logger, Error, kSource,
              QmstringFormat("Adv Socket Handler <%s>: Unknown exception occured",
@@ -52,16 +64,22 @@ void QmioSocketAdvHandler::OnSocketEvent(QmioSocket* socket, SocketEvent event, 
 void QmioSocketAdvHandler::ReadLoop() {
   unsigned char buffer[kPieceSize];
   for (;;) {
-    std::memset(buffer, 0, sizeof(buffer));
     QmioSocket::SocketStatus status = QmioSocket::SOCKET_DONE;
-    const int received = m_socket->Read(buffer, kPieceSize, m_readTimeout, status, false);
-    if (received <= 0) {
-      // A time-out starts the next read; a failed wait (status 36) ends the
-      // connection instead of spinning on it.
-      if (status == QmioSocket::SOCKET_FAILED) return;
-      continue;
+    int received = -1;
+    try {
+      received = m_socket->Read(buffer, kPieceSize, m_readTimeout, status, false);
+    } catch (const QmioException& e) {
+      if (e.GetMsg() == kClosedByPeer) OnPeerClosed();
+      throw;
     }
-    if (!OnData(std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(received)))) {
+    if (received <= 0) {
+      // Nothing within the read time-out: the connection waits in the pool
+      // for its next data instead of holding this thread. A failed wait
+      // (status 36) ends it.
+      SetKeepConnection(status == QmioSocket::SOCKET_TIMEOUT);
+      return;
+    }
+    if (!OnReceived(std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(received)))) {
       QM_LOG(m_logger, Info, kSource,
              QmstringFormat("Adv Socket Handler <%s>: Data handler signals close of socket",
                             m_clientName.c_str()));

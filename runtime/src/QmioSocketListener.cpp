@@ -12,9 +12,13 @@
 namespace {
 
 const char* const kSource = "QmioSocketListener";
-const int kAcceptWaitMs = 1000;
+// Each wait for a connection or for room in the pool lasts at most this
+// long, so that a stop request is seen within it.
+const int kWaitStepMs = 200;
 const int kPoolStopMs = 2000;
 const int kStopCheckMs = 1;
+const int kFailurePauseMs = 1000;
+const int kDefaultIdleTimeoutMs = 30000;
 
 // Runs `work` and returns its result; an exception is logged and gives false.
 // A thread being cancelled unwinds on through.
@@ -32,10 +36,29 @@ bool RunLogged(QmLogInterface* logger, Work work) {
   return false;
 }
 
+// Writes the accept loop's closing lines however the loop is left.
+class LoopExitLines {
+ public:
+  explicit LoopExitLines(QmLogInterface* logger) : m_logger(logger) {
+    QM_LOG(m_logger, Trace, kSource, "Entering QmioSocketListener::DoThreadWork");
+  }
+  ~LoopExitLines() {
+    QM_LOG(m_logger, Debug, kSource, "SocketListener: Do not continue any more");
+    QM_LOG(m_logger, Trace, kSource, "Leaving QmioSocketListener::DoThreadWork");
+  }
+  LoopExitLines(const LoopExitLines&) = delete;
+  LoopExitLines& operator=(const LoopExitLines&) = delete;
+
+ private:
+  QmLogInterface* m_logger;
+};
+
 }  // namespace
 
 QmioSocketListener::QmioSocketListener(int socketLimit, int threadCount)
-    : m_threadCount(threadCount), m_socketLimit(socketLimit) {}
+    : m_threadCount(threadCount),
+      m_socketLimit(socketLimit),
+      m_idleTimeoutMs(kDefaultIdleTimeoutMs) {}
 
 QmioSocketListener::~QmioSocketListener() = default;
 
@@ -43,6 +66,8 @@ bool QmioSocketListener::InitializeSpecial() {
   return RunLogged(m_logger, [this] {
     m_serverSocket.reset(new QmioServerSocket());
     m_pool.reset(new QmioSocketPool());
+    m_pool->SetLogger(m_logger);
+    m_pool->SetIdleTimeout(m_idleTimeoutMs);
     return m_pool->Initialize(m_socketLimit, m_threadCount);
   });
 }
@@ -68,23 +93,37 @@ int QmioSocketListener::GetListeningPort() const {
   return m_serverSocket != nullptr ? m_serverSocket->GetPort() : -1;
 }
 
-void QmioSocketListener::DoThreadWork() {
-  QM_LOG(m_logger, Trace, kSource, "Entering QmioSocketListener::DoThreadWork");
-  RunLogged(m_logger, [this] {
-    while (AcceptOnce()) {
-    }
-    QM_LOG(m_logger, Debug, kSource, "SocketListener: Do not continue any more");
-    return true;
-  });
-  QM_LOG(m_logger, Trace, kSource, "Leaving QmioSocketListener::DoThreadWork");
+void QmioSocketListener::SetIdleTimeout(int timeoutMs) {
+  m_idleTimeoutMs = timeoutMs;
+  if (m_pool != nullptr) m_pool->SetIdleTimeout(timeoutMs);
 }
 
+void QmioSocketListener::DoThreadWork() {
+  LoopExitLines exitLines(m_logger);
+  for (;;) {
+    bool goOn = false;
+    // A failure is logged and the loop goes on after a pause; only a stop
+    // request, or a listening socket that no longer listens, ends it.
+    const bool passed = RunLogged(m_logger, [&] {
+      goOn = AcceptOnce();
+      return true;
+    });
+    if (passed && !goOn) return;
+    if (!passed && (!m_serverSocket->IsListening() || !KeepContinueMyself(kFailurePauseMs, true))) {
+      return;
+    }
+  }
+}
+
+// Takes one connection, or none within a wait step. False on a stop request
+// (or a listening socket that was shut down); failures throw.
 bool QmioSocketListener::AcceptOnce() {
-  QmioSocket* accepted = m_serverSocket->Accept(kAcceptWaitMs);
-  if (accepted == nullptr) return KeepContinueMyself(kAcceptWaitMs, true);
-  TakeConnection(accepted);
-  // After a connection only the stop request is checked (the shortest wait),
-  // so that a burst of connections is taken at once instead of one a second.
+  QmioSocket* accepted = m_serverSocket->Accept(kWaitStepMs);
+  if (accepted != nullptr) {
+    TakeConnection(accepted);
+  } else if (m_serverSocket->GetSocket() < 0) {
+    return false;
+  }
   return KeepContinueMyself(kStopCheckMs, true);
 }
 
@@ -99,13 +138,13 @@ void QmioSocketListener::TakeConnection(QmioSocket* socket) {
     return;
   }
   socket->SetEventHandler(GetHandler());
-  try {
-    m_pool->AddSocket(socket);
-  } catch (const QmException&) {
-    // "Too Many Sockets": the connection is dropped, not leaked, and the
-    // exception ends the accept loop.
-    delete socket;
-    throw;
+  // A full pool makes room or, while every waiting connection has data,
+  // is waited for: further connections queue in the kernel meanwhile.
+  while (!m_pool->AddSocketMakingRoom(socket, kWaitStepMs)) {
+    if (!KeepContinueMyself(kStopCheckMs, true)) {
+      delete socket;
+      return;
+    }
   }
   QM_LOG(m_logger, Info, kSource,
          QmstringFormat("Connection with client [IP address '%s'] accepted.", address.c_str()));

@@ -1,275 +1,542 @@
 #include "QmioSocketPool.h"
 
-#include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <mutex>
+#include <set>
+#include <vector>
 
-#include "QmconCriticalSection.h"
+#include "QmString.h"
 #include "QmconException.h"
 #include "QmconFunctions.h"
+#include "QmconThreadPool.h"
 #include "QmioException.h"
 #include "QmioSocket.h"
 #include "SockeReadWork.h"
 
 namespace {
 
-const int kSelectSeconds = 2;
-const int kIdleSleepMs = 500;
-// The select thread leaves within one select time-out plus one idle sleep.
-const int kSelectThreadEndMs = 2500;
+using Clock = std::chrono::steady_clock;
+
+const char* const kSource = "QmioSocketPool";
+const char* const kPath = "SocketPool";
+const int kDefaultIdleTimeoutMs = 30000;
+// Connections that have data and wait for a worker, on top of the ones that
+// wait without data. Beyond both the listener waits (the connections queue in
+// the kernel) or makes room.
+const std::size_t kQueueLimit = 64;
+// A new connection is not closed to make room before it had this long to
+// send its first bytes.
+const int kEvictionGraceMs = 250;
+const int kWatchThreadEndMs = 2000;
 const int kThreadObjectIdleMs = 2000;
+const int kMinWorkerStopMs = 100;
+const uint64_t kWakeId = 0;
+const int kEventBatch = 64;
+
+bool IsReadable(int fd) {
+  pollfd entry{fd, POLLIN, 0};
+  return poll(&entry, 1, 0) > 0 && (entry.revents & (POLLIN | POLLHUP | POLLERR)) != 0;
+}
+
+long MillisecondsBetween(Clock::time_point from, Clock::time_point to) {
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(to - from).count());
+}
 
 }  // namespace
 
-void QmioSocketPool::ServedSockets::Add(QmioSocket* socket) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  if (m_shutDown) shutdown(socket->GetSocket(), SHUT_RDWR);
-  m_sockets.insert(socket);
+class QmioSocketPool::Core : public std::enable_shared_from_this<Core> {
+ public:
+  Core();
+  ~Core();
+  Core(const Core&) = delete;
+  Core& operator=(const Core&) = delete;
+
+  bool IsOpen() const { return m_epoll >= 0 && m_wake >= 0; }
+  void Configure(int socketLimit, int threadCount);
+  void SetLogger(QmLogInterface* logger) { m_logger = logger; }
+  void SetIdleTimeout(int timeoutMs);
+
+  // True when the socket was taken; false when `makeRoom` is set and no room
+  // came within the time-out. Throws "Too Many Sockets" without `makeRoom`.
+  bool Add(QmioSocket* socket, bool makeRoom, int timeoutMs);
+  QmioSocket* Remove(QmioSocket* socket);
+  std::size_t WaitingCount();
+  bool HaveSpot();
+  void Released(QmioSocket* socket, bool keep);
+
+  void WatchLoop();
+  // Stopping in two halves, around the end of the watch thread.
+  void BeginStop();
+  void FinishStop(int timeoutMs);
+
+ private:
+  // A connection not being served: it has sent nothing since it started
+  // waiting (watched in epoll under `id`), or it has data and waits for a
+  // worker. The list is in the order the connections started waiting.
+  struct Waiting {
+    QmioSocket* socket;
+    uint64_t id;
+    Clock::time_point since;
+    bool hasData;
+  };
+  // A connection the pool closes, and why (written after the lock is gone).
+  struct Closing {
+    enum Reason { kDone, kEvicted, kIdle } reason;
+    QmioSocket* socket;
+    long waitedMs;
+  };
+  using Closings = std::vector<Closing>;
+
+  bool Fits(bool hasData) const;
+  std::size_t IdleCount() const;
+  void Enter(QmioSocket* socket, bool hasData);
+  void Unwatch(const Waiting& entry);
+  void Serve(QmioSocket* socket);
+  void Pump();
+  void OnReadable(uint64_t id);
+  bool EvictOldestIdle(Clock::time_point now, Closings& closing);
+  void CloseExpired(Clock::time_point now, Closings& closing);
+  Clock::time_point NextEvictable() const;
+  int MillisecondsToNextExpiry(Clock::time_point now) const;
+  void Wake();
+  void DrainWake();
+  void Flush(const Closings& closing);
+
+  std::mutex m_mutex;
+  std::condition_variable m_changed;  // room, served connections or stop
+  std::list<Waiting> m_waiting;
+  std::set<QmioSocket*> m_served;
+  std::size_t m_socketLimit = 0;
+  std::size_t m_threadCount = 1;
+  int m_idleTimeoutMs = kDefaultIdleTimeoutMs;
+  bool m_stopping = false;
+  uint64_t m_nextId = kWakeId;
+  std::atomic<QmLogInterface*> m_logger{nullptr};
+  int m_epoll = -1;
+  int m_wake = -1;
+  QmconThreadPool m_workers;
+};
+
+QmioSocketPool::Core::Core() {
+  m_epoll = epoll_create1(EPOLL_CLOEXEC);
+  m_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = kWakeId;
+  if (m_epoll >= 0 && m_wake >= 0 && epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_wake, &event) != 0) {
+    close(m_wake);
+    m_wake = -1;
+  }
 }
 
-void QmioSocketPool::ServedSockets::Remove(QmioSocket* socket) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  m_sockets.erase(socket);
+QmioSocketPool::Core::~Core() {
+  for (const Waiting& entry : m_waiting) delete entry.socket;
+  if (m_wake >= 0) close(m_wake);
+  if (m_epoll >= 0) close(m_epoll);
 }
 
-void QmioSocketPool::ServedSockets::ShutdownAll() {
+void QmioSocketPool::Core::Configure(int socketLimit, int threadCount) {
   std::lock_guard<std::mutex> lock(m_mutex);
-  m_shutDown = true;
-  for (QmioSocket* socket : m_sockets) shutdown(socket->GetSocket(), SHUT_RDWR);
+  m_socketLimit = static_cast<std::size_t>(std::max(socketLimit, 0));
+  m_threadCount = static_cast<std::size_t>(std::max(threadCount, 1));
+  m_workers.Initialize(static_cast<unsigned int>(m_threadCount));
 }
 
-QmioSocketPool::QmioSocketPool() : m_served(std::make_shared<ServedSockets>()) {
-  FD_ZERO(&m_readSet);
-  if (pipe2(m_wakePipe, O_CLOEXEC | O_NONBLOCK) != 0 || !CanSelect(m_wakePipe[0])) {
-    // Without the pipe the select thread still stops, after its time-out.
-    for (int& fd : m_wakePipe) {
-      if (fd >= 0) close(fd);
-      fd = -1;
+void QmioSocketPool::Core::SetIdleTimeout(int timeoutMs) {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_idleTimeoutMs = std::max(timeoutMs, 0);
+  }
+  Wake();  // the watch thread's next deadline changes
+}
+
+bool QmioSocketPool::Core::Add(QmioSocket* socket, bool makeRoom, int timeoutMs) {
+  const bool readable = IsReadable(socket->GetSocket());
+  const Clock::time_point deadline =
+      Clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
+  Closings closing;
+  bool taken = true;
+  {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (;;) {
+      if (m_stopping) {
+        closing.push_back({Closing::kDone, socket, 0});
+        break;
+      }
+      // Data is there and a worker is free: no need to watch it first.
+      if (readable && m_served.size() < m_threadCount) {
+        Serve(socket);
+        break;
+      }
+      if (Fits(readable)) {
+        Enter(socket, readable);
+        break;
+      }
+      if (!makeRoom) throw QmioException(kPath, __FILE__, __LINE__, "Too Many Sockets");
+      const Clock::time_point now = Clock::now();
+      if (EvictOldestIdle(now, closing)) continue;
+      if (now >= deadline) {
+        taken = false;
+        break;
+      }
+      m_changed.wait_until(lock, std::min(deadline, NextEvictable()));
     }
   }
+  Flush(closing);
+  return taken;
 }
 
-QmioSocketPool::~QmioSocketPool() {
-  if (m_running) Stop(2000);
-  DeleteWaitingSockets();
-  for (int fd : m_wakePipe) {
-    if (fd >= 0) close(fd);
+QmioSocket* QmioSocketPool::Core::Remove(QmioSocket* socket) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  for (auto it = m_waiting.begin(); it != m_waiting.end();) {
+    if (it->socket == socket) {
+      Unwatch(*it);
+      it = m_waiting.erase(it);
+    } else {
+      ++it;
+    }
   }
-}
-
-bool QmioSocketPool::CanSelect(int descriptor) {
-  return descriptor >= 0 && descriptor < FD_SETSIZE;
-}
-
-bool QmioSocketPool::Initialize(int socketLimit, int threadCount) {
-  m_workers.Initialize(static_cast<unsigned int>(std::max(threadCount, 0)));
-  m_socketLimit = socketLimit;
-  m_finished.Reset();
-  m_selectThread.Run(this);
-  m_running = true;
-  return true;
-}
-
-int QmioSocketPool::AddSocket(QmioSocket* socket) {
-  const int locked = m_lock.Lock();
-  if (locked != 0) return locked;
-  if (static_cast<int>(m_sockets.size()) >= m_socketLimit) {
-    m_lock.Unlock();
-    throw QmioException("SocketPool", __FILE__, __LINE__, "Too Many Sockets");
-  }
-  m_sockets.push_back(socket);
-  m_lock.Unlock();
-  // Watch the new socket now rather than after the current select.
-  Wake();
-  return 0;
-}
-
-QmioSocket* QmioSocketPool::RemoveSocket(QmioSocket* socket) {
-  QmconCriticalSection guard(&m_lock, true, true, false);
-  m_sockets.remove(socket);
-  if (socket != nullptr && CanSelect(socket->GetSocket())) FD_CLR(socket->GetSocket(), &m_readSet);
+  m_changed.notify_all();
   return socket;
 }
 
-bool QmioSocketPool::HaveAvailableSpot() {
-  if (m_lock.Lock() != 0) return false;
+std::size_t QmioSocketPool::Core::WaitingCount() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_waiting.size();
+}
+
+bool QmioSocketPool::Core::HaveSpot() {
+  std::lock_guard<std::mutex> lock(m_mutex);
   // At most the limit, where AddSocket refuses at the limit: kept so.
-  const bool spot = static_cast<int>(m_sockets.size()) <= m_socketLimit;
-  m_lock.Unlock();
-  return spot;
+  return m_waiting.size() <= m_socketLimit;
 }
 
-std::size_t QmioSocketPool::WaitingCount() {
-  QmconCriticalSection guard(&m_lock, true, true, false);
-  return m_sockets.size();
-}
-
-bool QmioSocketPool::Stop(int timeoutMs) {
-  if (m_running) {
-    {
-      // Set under the lock: no hand-over happens after this point.
-      QmconCriticalSection guard(&m_lock, true, true, false);
-      m_stopping = true;
-    }
-    Wake();
-    // Served connections are ended first, so their workers finish instead of
-    // being killed by the worker pool's Stop.
-    m_served->ShutdownAll();
-    m_workers.Stop(timeoutMs);
-    WaitForSelectThreadEnd();
-    m_running = false;
-  }
-  DeleteWaitingSockets();
-  return true;
-}
-
-void QmioSocketPool::WaitForSelectThreadEnd() {
-  m_finished.Wait(kSelectThreadEndMs);
-  // The thread object is written once more after the loop; wait for that so
-  // the pool may be destroyed right after Stop.
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(kThreadObjectIdleMs);
-  while (!pthread_equal(m_selectThread.GetThreadID(), QmconThread::kNoThread) &&
-         std::chrono::steady_clock::now() < deadline) {
-    Qmsleep(1);
-  }
-}
-
-void QmioSocketPool::DeleteWaitingSockets() {
-  if (m_lock.Lock() != 0) return;
-  for (QmioSocket* socket : m_sockets) delete socket;
-  m_sockets.clear();
-  FD_ZERO(&m_readSet);
-  m_lock.Unlock();
-}
-
-void QmioSocketPool::DoWork(void* /*data*/) {
-  try {
-    for (;;) {
-      if (m_stopping.load()) break;
-      const int highest = BuildSelectList();
-      if (highest <= 0) {
-        IdleSleep();
-        continue;
-      }
-      if (!SelectOnce(highest)) break;
-    }
-  } catch (const QmException&) {
-    // An event or lock failure ends the select thread, as a failed select does.
-  }
-  m_finished.Broadcast();
-}
-
-// Nothing to watch: sleeps up to 500 ms, cut short by Wake() through the
-// wake pipe. (The event's timed wait counts the part of a time-out below one
-// second in microseconds, so waiting on it would wake every half millisecond.)
-// Without the pipe, poll ignores the negative descriptor and only sleeps.
-void QmioSocketPool::IdleSleep() {
-  pollfd wake{m_wakePipe[0], POLLIN, 0};
-  if (poll(&wake, 1, kIdleSleepMs) > 0) DrainWakePipe();
-}
-
-bool QmioSocketPool::SelectOnce(int highest) {
-  fd_set ready;
+void QmioSocketPool::Core::Released(QmioSocket* socket, bool keep) {
+  Closings closing;
   {
-    QmconCriticalSection guard(&m_lock, true, true, false);
-    ready = m_readSet;
-  }
-  int top = highest;
-  if (m_wakePipe[0] >= 0) {
-    FD_SET(m_wakePipe[0], &ready);
-    top = std::max(top, m_wakePipe[0]);
-  }
-  // The time value is renewed for every pass: select leaves the time that
-  // was left in it, so a reused value would turn into busy polling.
-  timeval limit;
-  limit.tv_sec = kSelectSeconds;
-  limit.tv_usec = 0;
-  const int rc = select(top + 1, &ready, nullptr, nullptr, &limit);
-  if (rc < 0) {
-    // An interrupted wait, or a socket closed under it, is simply rebuilt.
-    return errno == EINTR || errno == EBADF;
-  }
-  if (rc == 0) return true;
-  if (m_wakePipe[0] >= 0 && FD_ISSET(m_wakePipe[0], &ready)) {
-    DrainWakePipe();
-    FD_CLR(m_wakePipe[0], &ready);
-  }
-  {
-    QmconCriticalSection guard(&m_lock, true, true, false);
-    m_readSet = ready;
-  }
-  ReadSockets();
-  return true;
-}
-
-int QmioSocketPool::BuildSelectList() {
-  if (m_lock.Lock() != 0) return -1;
-  FD_ZERO(&m_readSet);
-  int highest = -1;
-  for (auto it = m_sockets.begin(); it != m_sockets.end();) {
-    QmioSocket* socket = *it;
-    const int fd = socket->GetSocket();
-    if (CanSelect(fd)) {
-      FD_SET(fd, &m_readSet);
-      highest = std::max(highest, fd);
-      ++it;
-    } else if (m_stopping.load()) {
-      ++it;  // deleted by Stop
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_served.erase(socket);
+    if (keep && !m_stopping) {
+      Enter(socket, false);
+      if (IdleCount() > m_socketLimit) EvictOldestIdle(Clock::now(), closing);
     } else {
-      // select cannot watch it: a worker serves it at once (its reads fail
-      // and the connection is closed) rather than leaving it waiting for ever.
-      it = m_sockets.erase(it);
-      HandOver(socket);
+      closing.push_back({Closing::kDone, socket, 0});
     }
+    Pump();
+    m_changed.notify_all();
   }
-  m_lock.Unlock();
-  return highest;
+  Flush(closing);
 }
 
-void QmioSocketPool::ReadSockets() {
-  QmconCriticalSection guard(&m_lock, true, true, false);
-  if (m_stopping.load()) return;
-  for (auto it = m_sockets.begin(); it != m_sockets.end();) {
-    QmioSocket* socket = *it;
-    const int fd = socket->GetSocket();
-    if (!CanSelect(fd) || !FD_ISSET(fd, &m_readSet)) {
-      ++it;
-      continue;
-    }
-    FD_CLR(fd, &m_readSet);
-    it = m_sockets.erase(it);
-    HandOver(socket);
-  }
+bool QmioSocketPool::Core::Fits(bool hasData) const {
+  if (m_waiting.size() >= m_socketLimit + kQueueLimit) return false;
+  return hasData || IdleCount() < m_socketLimit;
 }
 
-void QmioSocketPool::HandOver(QmioSocket* socket) {
-  SockeReadWork* work = new SockeReadWork(socket, m_served);
+std::size_t QmioSocketPool::Core::IdleCount() const {
+  return static_cast<std::size_t>(std::count_if(
+      m_waiting.begin(), m_waiting.end(), [](const Waiting& entry) { return !entry.hasData; }));
+}
+
+void QmioSocketPool::Core::Enter(QmioSocket* socket, bool hasData) {
+  Waiting entry{socket, ++m_nextId, Clock::now(), hasData};
+  if (!hasData) {
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
+    event.data.u64 = entry.id;
+    // A socket that cannot be watched goes to a worker, whose read ends it.
+    entry.hasData = epoll_ctl(m_epoll, EPOLL_CTL_ADD, socket->GetSocket(), &event) != 0;
+  }
+  // The watch thread sleeps without a deadline while nothing is idle.
+  const bool firstIdle = !entry.hasData && IdleCount() == 0;
+  m_waiting.push_back(entry);
+  if (firstIdle) Wake();
+  if (entry.hasData) Pump();
+}
+
+void QmioSocketPool::Core::Unwatch(const Waiting& entry) {
+  if (!entry.hasData) epoll_ctl(m_epoll, EPOLL_CTL_DEL, entry.socket->GetSocket(), nullptr);
+}
+
+void QmioSocketPool::Core::Serve(QmioSocket* socket) {
+  m_served.insert(socket);
+  SockeReadWork* work = new SockeReadWork(socket, shared_from_this());
   try {
     m_workers.AddWork(work);
   } catch (const QmconException& e) {
     // A refused item was not queued; after a failed thread start it stays
     // queued for a worker that exists.
-    if (e.GetMsg() == "Thread Pool Is Stopping") delete work;
+    if (e.GetMsg() == "Thread Pool Is Stopping") {
+      m_served.erase(socket);
+      delete work;
+    }
   }
 }
 
-void QmioSocketPool::Wake() {
-  if (m_wakePipe[1] >= 0) {
-    const char byte = 1;
-    // A full pipe already wakes the select thread.
-    ssize_t ignored = write(m_wakePipe[1], &byte, 1);
-    (void)ignored;
+void QmioSocketPool::Core::Pump() {
+  while (!m_stopping && m_served.size() < m_threadCount) {
+    auto it = std::find_if(m_waiting.begin(), m_waiting.end(),
+                           [](const Waiting& entry) { return entry.hasData; });
+    if (it == m_waiting.end()) return;
+    QmioSocket* socket = it->socket;
+    m_waiting.erase(it);
+    Serve(socket);
   }
 }
 
-void QmioSocketPool::DrainWakePipe() {
-  char scratch[64];
-  while (read(m_wakePipe[0], scratch, sizeof(scratch)) > 0) {
+void QmioSocketPool::Core::OnReadable(uint64_t id) {
+  auto it = std::find_if(m_waiting.begin(), m_waiting.end(),
+                         [id](const Waiting& entry) { return entry.id == id; });
+  // An event for a connection that left meanwhile is stale.
+  if (it == m_waiting.end() || it->hasData) return;
+  Unwatch(*it);
+  it->hasData = true;
+  Pump();
+}
+
+bool QmioSocketPool::Core::EvictOldestIdle(Clock::time_point now, Closings& closing) {
+  bool found = false;
+  for (auto it = m_waiting.begin(); it != m_waiting.end() && !found; ++it) {
+    if (it->hasData) continue;
+    // The rest are younger still.
+    if (now - it->since < std::chrono::milliseconds(kEvictionGraceMs)) break;
+    Unwatch(*it);
+    if (IsReadable(it->socket->GetSocket())) {
+      it->hasData = true;  // its first bytes have just come
+      continue;
+    }
+    closing.push_back({Closing::kEvicted, it->socket, MillisecondsBetween(it->since, now)});
+    m_waiting.erase(it);
+    found = true;
+  }
+  Pump();
+  return found;
+}
+
+void QmioSocketPool::Core::CloseExpired(Clock::time_point now, Closings& closing) {
+  const auto idle = std::chrono::milliseconds(m_idleTimeoutMs);
+  for (auto it = m_waiting.begin(); it != m_waiting.end();) {
+    if (it->hasData) {
+      ++it;
+      continue;
+    }
+    if (now - it->since < idle) break;
+    Unwatch(*it);
+    closing.push_back({Closing::kIdle, it->socket, MillisecondsBetween(it->since, now)});
+    it = m_waiting.erase(it);
+  }
+}
+
+Clock::time_point QmioSocketPool::Core::NextEvictable() const {
+  for (const Waiting& entry : m_waiting) {
+    if (!entry.hasData) return entry.since + std::chrono::milliseconds(kEvictionGraceMs);
+  }
+  return Clock::time_point::max();
+}
+
+int QmioSocketPool::Core::MillisecondsToNextExpiry(Clock::time_point now) const {
+  for (const Waiting& entry : m_waiting) {
+    if (entry.hasData) continue;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+        entry.since + std::chrono::milliseconds(m_idleTimeoutMs) - now);
+    return static_cast<int>(std::max<long>(left.count(), 0));
+  }
+  return -1;
+}
+
+void QmioSocketPool::Core::WatchLoop() {
+  epoll_event events[kEventBatch];
+  for (;;) {
+    int timeoutMs;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      if (m_stopping) return;
+      timeoutMs = MillisecondsToNextExpiry(Clock::now());
+    }
+    const int count = epoll_wait(m_epoll, events, kEventBatch, timeoutMs);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) {
+      QM_LOG(m_logger.load(), Error, kSource,
+             "Socket pool stops watching its connections: " + QmgetLastError());
+      return;
+    }
+    Closings closing;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      if (m_stopping) return;
+      for (int i = 0; i < count; ++i) {
+        if (events[i].data.u64 == kWakeId) {
+          DrainWake();
+        } else {
+          OnReadable(events[i].data.u64);
+        }
+      }
+      CloseExpired(Clock::now(), closing);
+      m_changed.notify_all();
+    }
+    Flush(closing);
+  }
+}
+
+void QmioSocketPool::Core::BeginStop() {
+  std::vector<QmioSocket*> waiting;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_stopping = true;
+    for (const Waiting& entry : m_waiting) {
+      Unwatch(entry);
+      waiting.push_back(entry.socket);
+    }
+    m_waiting.clear();
+    // Served connections end by themselves: their handlers' reads see the
+    // shut-down socket.
+    for (QmioSocket* socket : m_served) shutdown(socket->GetSocket(), SHUT_RDWR);
+    m_changed.notify_all();
+  }
+  Wake();
+  for (QmioSocket* socket : waiting) delete socket;
+}
+
+void QmioSocketPool::Core::FinishStop(int timeoutMs) {
+  const Clock::time_point deadline =
+      Clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
+  {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait_until(lock, deadline, [this] { return m_served.empty(); });
+  }
+  const long left = MillisecondsBetween(Clock::now(), deadline);
+  m_workers.Stop(static_cast<int>(std::max<long>(left, kMinWorkerStopMs)));
+  // Items the workers never ran went with their sockets.
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_served.clear();
+}
+
+void QmioSocketPool::Core::Wake() {
+  if (m_wake < 0) return;
+  const uint64_t one = 1;
+  // A counter at its limit already wakes the watch thread.
+  ssize_t ignored = write(m_wake, &one, sizeof(one));
+  (void)ignored;
+}
+
+void QmioSocketPool::Core::DrainWake() {
+  uint64_t count = 0;
+  ssize_t ignored = read(m_wake, &count, sizeof(count));
+  (void)ignored;
+}
+
+void QmioSocketPool::Core::Flush(const Closings& closing) {
+  QmLogInterface* logger = m_logger.load();
+  for (const Closing& entry : closing) {
+    const std::string address = entry.socket->GetRemoteAddress();
+    if (entry.reason == Closing::kEvicted) {
+      QM_LOG(logger, Warn, kSource,
+             QmstringFormat("Connection with client [IP address '%s'] closed to make room: it "
+                            "sent nothing in %ld ms.",
+                            address.c_str(), entry.waitedMs));
+    } else if (entry.reason == Closing::kIdle) {
+      QM_LOG(logger, Info, kSource,
+             QmstringFormat("Connection with client [IP address '%s'] closed after %ld ms "
+                            "without data.",
+                            address.c_str(), entry.waitedMs));
+    }
+    delete entry.socket;
+  }
+}
+
+QmioSocketPool::QmioSocketPool() : m_core(std::make_shared<Core>()) {}
+
+QmioSocketPool::~QmioSocketPool() {
+  if (m_running) Stop(kWatchThreadEndMs);
+}
+
+bool QmioSocketPool::Initialize(int socketLimit, int threadCount) {
+  if (!m_core->IsOpen()) {
+    throw QmioException(kPath, __FILE__, __LINE__, "Socket Pool Create Failed", QmgetLastError());
+  }
+  m_core->Configure(socketLimit, threadCount);
+  m_finished.Reset();
+  m_watchThread.Run(this);
+  m_running = true;
+  return true;
+}
+
+void QmioSocketPool::SetLogger(QmLogInterface* logger) {
+  m_core->SetLogger(logger);
+}
+
+void QmioSocketPool::SetIdleTimeout(int timeoutMs) {
+  m_core->SetIdleTimeout(timeoutMs);
+}
+
+int QmioSocketPool::AddSocket(QmioSocket* socket) {
+  m_core->Add(socket, false, 0);
+  return 0;
+}
+
+bool QmioSocketPool::AddSocketMakingRoom(QmioSocket* socket, int timeoutMs) {
+  return m_core->Add(socket, true, timeoutMs);
+}
+
+QmioSocket* QmioSocketPool::RemoveSocket(QmioSocket* socket) {
+  return m_core->Remove(socket);
+}
+
+bool QmioSocketPool::HaveAvailableSpot() {
+  return m_core->HaveSpot();
+}
+
+std::size_t QmioSocketPool::WaitingCount() {
+  return m_core->WaitingCount();
+}
+
+bool QmioSocketPool::Stop(int timeoutMs) {
+  m_core->BeginStop();
+  if (m_running) {
+    WaitForWatchThreadEnd();
+    m_core->FinishStop(timeoutMs);
+    m_running = false;
+  }
+  return true;
+}
+
+void QmioSocketPool::WaitForWatchThreadEnd() {
+  m_finished.Wait(kWatchThreadEndMs);
+  // The thread object is written once more after the loop; wait for that so
+  // the pool may be destroyed right after Stop.
+  const auto deadline = Clock::now() + std::chrono::milliseconds(kThreadObjectIdleMs);
+  while (!pthread_equal(m_watchThread.GetThreadID(), QmconThread::kNoThread) &&
+         Clock::now() < deadline) {
+    Qmsleep(1);
+  }
+}
+
+void QmioSocketPool::DoWork(void* /*data*/) {
+  try {
+    m_core->WatchLoop();
+  } catch (const QmException&) {
+    // An event or lock failure ends the watch thread.
+  }
+  m_finished.Broadcast();
+}
+
+void QmioSocketPool::Release(const std::shared_ptr<Core>& core, QmioSocket* socket, bool keep) {
+  if (core != nullptr) {
+    core->Released(socket, keep);
+  } else {
+    delete socket;
   }
 }
