@@ -4,6 +4,8 @@
 #include <pcre2.h>
 
 #include <algorithm>
+#include <cctype>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -83,6 +85,20 @@ const char* Bool(bool value) {
   return value ? "TRUE" : "FALSE";
 }
 
+// The listener port of the configuration: decimal, from 1 to 65535, with
+// nothing but white space around the digits. `port` receives the number read
+// (within the int range, for the refusal's log line).
+bool ReadListenerPort(const QmMessengerInstConfBasic* conf, long* port) {
+  if (conf == nullptr) return false;
+  const std::string text(conf->ListenerPort,
+                         strnlen(conf->ListenerPort, sizeof(conf->ListenerPort)));
+  char* end = nullptr;
+  *port = std::clamp<long>(std::strtol(text.c_str(), &end, 10), INT_MIN, INT_MAX);
+  const bool digits = end != text.c_str();
+  while (*end != '\0' && std::isspace(static_cast<unsigned char>(*end))) ++end;
+  return digits && *end == '\0' && *port >= 1 && *port <= 65535;
+}
+
 }  // namespace
 
 #define DRIVER_ENTER(op) QM_LOG(Logger, Trace, kSource, "Entering QmOAPDriver::" op "().")
@@ -110,8 +126,8 @@ bool QmOAPDriver::Configure(std::map<std::string, std::string>& /*settings*/) {
 bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
   DRIVER_ENTER("Setup");
   bool result = false;
-  long port = conf != nullptr ? std::strtol(conf->ListenerPort, nullptr, 10) : 0;
-  if (port < 1) {
+  long port = 0;
+  if (!ReadListenerPort(conf, &port)) {
     QM_LOG(Logger, Critical, kSource,
            QmstringFormat("Invalid OAP Listener port number: %d.", static_cast<int>(port)));
   } else {
@@ -129,8 +145,10 @@ bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
 
 bool QmOAPDriver::PeriodicEvent() {
   DRIVER_ENTER("PeriodicEvent");
-  DRIVER_LEAVE("PeriodicEvent", true);
-  return true;
+  // False while the listener is down (it is being started again).
+  const bool result = Client == nullptr || Client->KeepListenerUp();
+  DRIVER_LEAVE("PeriodicEvent", result);
+  return result;
 }
 
 bool QmOAPDriver::ResetDevice() {
@@ -248,6 +266,9 @@ bool QmOAPDriver::Send2WayRespQuery(QmMessageFile* msg, ReportsStatus& status) {
     DRIVER_LEAVE("Send2WayRespQuery", true);
     return true;
   }
+  // Answers come through the listener: one that stopped is started again
+  // here as well, for hosts that do not call PeriodicEvent.
+  if (Client != nullptr) Client->KeepListenerUp();
   unsigned long tracking = QmAny(job->TrackingReceipt).asUInt();
   const std::string device = GetDeviceAddress(job, true);
   const int state = Client != nullptr ? Client->GetStatus(device, tracking) : 0;
