@@ -7,13 +7,13 @@
 #include "QmioSocketEventHandler.h"
 
 // Ready-made connection handler: on a data event it reads the connection in
-// 1024-byte pieces and passes each piece on (OnReceived, by default straight
-// to OnData) until that asks to close, the peer closes, or a read finds
-// nothing within the read time-out. In the last case the connection stays
-// open and goes back to the socket pool, which calls again when more data
-// comes. A close by the peer is logged at debug level; any other failure at
-// error level. The derived class sets the socket it serves and the logger;
-// neither is owned. One thread uses a handler at a time.
+// 1024-byte pieces (the first read waits up to the read time-out) and passes
+// each piece on (OnReceived, by default straight to OnData) until that asks
+// to close, the peer closes, or nothing more has come. In the last case the
+// connection stays open and goes back to the socket pool, which calls again
+// when more data comes, so a quiet connection holds no thread. A close by the peer is logged at
+// debug level; any other failure at error level. The derived class sets the socket it serves and
+// the logger; neither is owned. One thread uses a handler at a time.
 class QmioSocketAdvHandler : public QmioSocketEventHandler {
  public:
   QmioSocketAdvHandler(const std::string& terminator, int readTimeoutMs);

@@ -1,6 +1,7 @@
 #ifndef QM_RUNTIME_QMIOSOCKETLISTENER_H
 #define QM_RUNTIME_QMIOSOCKETLISTENER_H
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -50,6 +51,7 @@ class QmioSocketListener : public QmThreadModule {
   int m_threadCount;
   int m_socketLimit;
   int m_idleTimeoutMs;
+  std::chrono::steady_clock::time_point m_lastStopCheck;
   std::unique_ptr<QmioServerSocket> m_serverSocket;
   std::unique_ptr<QmioSocketPool> m_pool;
 };

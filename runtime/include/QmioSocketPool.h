@@ -19,11 +19,12 @@ class QmioSocket;
 //
 // Bounds: at most `threadCount` connections are served at once; connections
 // with data beyond that wait in a bounded queue; at most `socketLimit`
-// connections wait without having sent anything. A connection that sends
-// nothing for the idle time (30 s unless set) is closed. AddSocketMakingRoom
-// makes room for a new connection by closing the one that has waited longest
-// without sending anything. After its handler a connection is deleted, or
-// watched again when the handler asked to keep it (see
+// connections wait without having sent anything, except new ones still
+// within their grace time (250 ms), which may wait up to the queue's bound.
+// A connection that sends nothing for the idle time (30 s unless set) is
+// closed. AddSocketMakingRoom makes room for a new connection by closing the
+// one that has waited longest (past its grace time) without sending anything. After its handler a
+// connection is deleted, or watched again when the handler asked to keep it (see
 // QmioSocketEventHandler::KeepConnection).
 //
 // Ownership: the pool owns the sockets given to it; a socket being served

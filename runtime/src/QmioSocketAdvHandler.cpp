@@ -63,19 +63,21 @@ void QmioSocketAdvHandler::OnSocketEvent(QmioSocket* socket, SocketEvent event, 
 
 void QmioSocketAdvHandler::ReadLoop() {
   unsigned char buffer[kPieceSize];
-  for (;;) {
+  // The event says data is there: the first read waits (at most the read
+  // time-out) for it, the following ones take only what has come meanwhile.
+  for (int timeoutMs = m_readTimeout;; timeoutMs = 0) {
     QmioSocket::SocketStatus status = QmioSocket::SOCKET_DONE;
     int received = -1;
     try {
-      received = m_socket->Read(buffer, kPieceSize, m_readTimeout, status, false);
+      received = m_socket->Read(buffer, kPieceSize, timeoutMs, status, false);
     } catch (const QmioException& e) {
       if (e.GetMsg() == kClosedByPeer) OnPeerClosed();
       throw;
     }
     if (received <= 0) {
-      // Nothing within the read time-out: the connection waits in the pool
-      // for its next data instead of holding this thread. A failed wait
-      // (status 36) ends it.
+      // Nothing more for now: the connection waits in the pool for its next
+      // data instead of holding this thread. A failed wait (status 36) ends
+      // it.
       SetKeepConnection(status == QmioSocket::SOCKET_TIMEOUT);
       return;
     }

@@ -2,6 +2,8 @@
 
 #include <cxxabi.h>
 
+#include <chrono>
+
 #include "QmException.h"
 #include "QmString.h"
 #include "QmioAcceptedSocket.h"
@@ -14,7 +16,7 @@ namespace {
 const char* const kSource = "QmioSocketListener";
 // Each wait for a connection or for room in the pool lasts at most this
 // long, so that a stop request is seen within it.
-const int kWaitStepMs = 200;
+const int kWaitStepMs = 100;
 const int kPoolStopMs = 2000;
 const int kStopCheckMs = 1;
 const int kFailurePauseMs = 1000;
@@ -119,11 +121,15 @@ void QmioSocketListener::DoThreadWork() {
 // (or a listening socket that was shut down); failures throw.
 bool QmioSocketListener::AcceptOnce() {
   QmioSocket* accepted = m_serverSocket->Accept(kWaitStepMs);
-  if (accepted != nullptr) {
-    TakeConnection(accepted);
-  } else if (m_serverSocket->GetSocket() < 0) {
-    return false;
+  if (accepted == nullptr) {
+    return m_serverSocket->GetSocket() >= 0 && KeepContinueMyself(kStopCheckMs, true);
   }
+  TakeConnection(accepted);
+  // The stop check costs a short sleep: while connections keep coming it is
+  // made once per wait step, not once per connection.
+  const auto now = std::chrono::steady_clock::now();
+  if (now - m_lastStopCheck < std::chrono::milliseconds(kWaitStepMs)) return true;
+  m_lastStopCheck = now;
   return KeepContinueMyself(kStopCheckMs, true);
 }
 

@@ -32,13 +32,17 @@ using Clock = std::chrono::steady_clock;
 const char* const kSource = "QmioSocketPool";
 const char* const kPath = "SocketPool";
 const int kDefaultIdleTimeoutMs = 30000;
-// Connections that have data and wait for a worker, on top of the ones that
-// wait without data. Beyond both the listener waits (the connections queue in
-// the kernel) or makes room.
+// Connections that may wait on top of the socket limit: ones with data
+// waiting for a worker, and new ones while none of those without data has
+// had its grace time yet. Beyond that the listener waits (connections queue
+// in the kernel) until there is room.
 const std::size_t kQueueLimit = 64;
-// A new connection is not closed to make room before it had this long to
-// send its first bytes.
-const int kEvictionGraceMs = 250;
+// Before it is closed to make room, a connection that has sent nothing yet
+// has this long to send its first bytes; one that has sent documents before
+// must have been quiet this long (a server pauses that long only between
+// documents, if at all).
+const int kNewGraceMs = 250;
+const int kKeptGraceMs = 5000;
 const int kWatchThreadEndMs = 2000;
 const int kThreadObjectIdleMs = 2000;
 const int kMinWorkerStopMs = 100;
@@ -83,14 +87,19 @@ class QmioSocketPool::Core : public std::enable_shared_from_this<Core> {
   void FinishStop(int timeoutMs);
 
  private:
-  // A connection not being served: it has sent nothing since it started
-  // waiting (watched in epoll under `id`), or it has data and waits for a
+  // A connection not being served. New and kept ones are watched in epoll
+  // under `id` for their next data; ready ones have data and wait for a
   // worker. The list is in the order the connections started waiting.
+  enum State {
+    kNew,    // has sent nothing yet
+    kKept,   // has been served and stays open for more
+    kReady,  // has data
+  };
   struct Waiting {
     QmioSocket* socket;
     uint64_t id;
     Clock::time_point since;
-    bool hasData;
+    State state;
   };
   // A connection the pool closes, and why (written after the lock is gone).
   struct Closing {
@@ -100,14 +109,17 @@ class QmioSocketPool::Core : public std::enable_shared_from_this<Core> {
   };
   using Closings = std::vector<Closing>;
 
-  bool Fits(bool hasData) const;
-  std::size_t IdleCount() const;
-  void Enter(QmioSocket* socket, bool hasData);
+  // How many connections may wait in all, with data or without.
+  std::size_t Capacity() const;
+  bool Fits(State state) const;
+  std::size_t NewCount() const;
+  void Enter(QmioSocket* socket, State state);
   void Unwatch(const Waiting& entry);
   void Serve(QmioSocket* socket);
   void Pump();
   void OnReadable(uint64_t id);
   bool EvictOldestIdle(Clock::time_point now, Closings& closing);
+  bool EvictOldest(State state, Clock::time_point now, Closings& closing);
   void CloseExpired(Clock::time_point now, Closings& closing);
   Clock::time_point NextEvictable() const;
   int MillisecondsToNextExpiry(Clock::time_point now) const;
@@ -164,7 +176,7 @@ void QmioSocketPool::Core::SetIdleTimeout(int timeoutMs) {
 }
 
 bool QmioSocketPool::Core::Add(QmioSocket* socket, bool makeRoom, int timeoutMs) {
-  const bool readable = IsReadable(socket->GetSocket());
+  const State state = IsReadable(socket->GetSocket()) ? kReady : kNew;
   const Clock::time_point deadline =
       Clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
   Closings closing;
@@ -177,17 +189,23 @@ bool QmioSocketPool::Core::Add(QmioSocket* socket, bool makeRoom, int timeoutMs)
         break;
       }
       // Data is there and a worker is free: no need to watch it first.
-      if (readable && m_served.size() < m_threadCount) {
+      if (state == kReady && m_served.size() < m_threadCount) {
         Serve(socket);
         break;
       }
-      if (Fits(readable)) {
-        Enter(socket, readable);
+      if (Fits(state)) {
+        Enter(socket, state);
         break;
       }
       if (!makeRoom) throw QmioException(kPath, __FILE__, __LINE__, "Too Many Sockets");
       const Clock::time_point now = Clock::now();
       if (EvictOldestIdle(now, closing)) continue;
+      // Every connection waiting without data is still in its grace time:
+      // this one waits beside them, up to the bound of all waiting ones.
+      if (m_waiting.size() < Capacity()) {
+        Enter(socket, state);
+        break;
+      }
       if (now >= deadline) {
         taken = false;
         break;
@@ -230,8 +248,7 @@ void QmioSocketPool::Core::Released(QmioSocket* socket, bool keep) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_served.erase(socket);
     if (keep && !m_stopping) {
-      Enter(socket, false);
-      if (IdleCount() > m_socketLimit) EvictOldestIdle(Clock::now(), closing);
+      Enter(socket, kKept);
     } else {
       closing.push_back({Closing::kDone, socket, 0});
     }
@@ -241,34 +258,41 @@ void QmioSocketPool::Core::Released(QmioSocket* socket, bool keep) {
   Flush(closing);
 }
 
-bool QmioSocketPool::Core::Fits(bool hasData) const {
-  if (m_waiting.size() >= m_socketLimit + kQueueLimit) return false;
-  return hasData || IdleCount() < m_socketLimit;
+std::size_t QmioSocketPool::Core::Capacity() const {
+  return m_socketLimit + kQueueLimit;
 }
 
-std::size_t QmioSocketPool::Core::IdleCount() const {
-  return static_cast<std::size_t>(std::count_if(
-      m_waiting.begin(), m_waiting.end(), [](const Waiting& entry) { return !entry.hasData; }));
+bool QmioSocketPool::Core::Fits(State state) const {
+  if (m_waiting.size() >= Capacity()) return false;
+  return state != kNew || NewCount() < m_socketLimit;
 }
 
-void QmioSocketPool::Core::Enter(QmioSocket* socket, bool hasData) {
-  Waiting entry{socket, ++m_nextId, Clock::now(), hasData};
-  if (!hasData) {
+std::size_t QmioSocketPool::Core::NewCount() const {
+  return static_cast<std::size_t>(
+      std::count_if(m_waiting.begin(), m_waiting.end(),
+                    [](const Waiting& entry) { return entry.state == kNew; }));
+}
+
+void QmioSocketPool::Core::Enter(QmioSocket* socket, State state) {
+  Waiting entry{socket, ++m_nextId, Clock::now(), state};
+  if (state != kReady) {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
     event.data.u64 = entry.id;
     // A socket that cannot be watched goes to a worker, whose read ends it.
-    entry.hasData = epoll_ctl(m_epoll, EPOLL_CTL_ADD, socket->GetSocket(), &event) != 0;
+    if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, socket->GetSocket(), &event) != 0) entry.state = kReady;
   }
-  // The watch thread sleeps without a deadline while nothing is idle.
-  const bool firstIdle = !entry.hasData && IdleCount() == 0;
+  // The watch thread sleeps without a deadline while nothing is watched.
+  const bool firstWatched = entry.state != kReady &&
+                            std::all_of(m_waiting.begin(), m_waiting.end(),
+                                        [](const Waiting& other) { return other.state == kReady; });
   m_waiting.push_back(entry);
-  if (firstIdle) Wake();
-  if (entry.hasData) Pump();
+  if (firstWatched) Wake();
+  if (entry.state == kReady) Pump();
 }
 
 void QmioSocketPool::Core::Unwatch(const Waiting& entry) {
-  if (!entry.hasData) epoll_ctl(m_epoll, EPOLL_CTL_DEL, entry.socket->GetSocket(), nullptr);
+  if (entry.state != kReady) epoll_ctl(m_epoll, EPOLL_CTL_DEL, entry.socket->GetSocket(), nullptr);
 }
 
 void QmioSocketPool::Core::Serve(QmioSocket* socket) {
@@ -289,7 +313,7 @@ void QmioSocketPool::Core::Serve(QmioSocket* socket) {
 void QmioSocketPool::Core::Pump() {
   while (!m_stopping && m_served.size() < m_threadCount) {
     auto it = std::find_if(m_waiting.begin(), m_waiting.end(),
-                           [](const Waiting& entry) { return entry.hasData; });
+                           [](const Waiting& entry) { return entry.state == kReady; });
     if (it == m_waiting.end()) return;
     QmioSocket* socket = it->socket;
     m_waiting.erase(it);
@@ -301,21 +325,25 @@ void QmioSocketPool::Core::OnReadable(uint64_t id) {
   auto it = std::find_if(m_waiting.begin(), m_waiting.end(),
                          [id](const Waiting& entry) { return entry.id == id; });
   // An event for a connection that left meanwhile is stale.
-  if (it == m_waiting.end() || it->hasData) return;
+  if (it == m_waiting.end() || it->state == kReady) return;
   Unwatch(*it);
-  it->hasData = true;
+  it->state = kReady;
   Pump();
 }
 
 bool QmioSocketPool::Core::EvictOldestIdle(Clock::time_point now, Closings& closing) {
+  return EvictOldest(kNew, now, closing) || EvictOldest(kKept, now, closing);
+}
+
+bool QmioSocketPool::Core::EvictOldest(State state, Clock::time_point now, Closings& closing) {
+  const auto grace = std::chrono::milliseconds(state == kNew ? kNewGraceMs : kKeptGraceMs);
   bool found = false;
   for (auto it = m_waiting.begin(); it != m_waiting.end() && !found; ++it) {
-    if (it->hasData) continue;
-    // The rest are younger still.
-    if (now - it->since < std::chrono::milliseconds(kEvictionGraceMs)) break;
+    if (it->state != state) continue;
+    if (now - it->since < grace) break;  // the rest are younger still
     Unwatch(*it);
     if (IsReadable(it->socket->GetSocket())) {
-      it->hasData = true;  // its first bytes have just come
+      it->state = kReady;  // its data has just come
       continue;
     }
     closing.push_back({Closing::kEvicted, it->socket, MillisecondsBetween(it->since, now)});
@@ -329,7 +357,7 @@ bool QmioSocketPool::Core::EvictOldestIdle(Clock::time_point now, Closings& clos
 void QmioSocketPool::Core::CloseExpired(Clock::time_point now, Closings& closing) {
   const auto idle = std::chrono::milliseconds(m_idleTimeoutMs);
   for (auto it = m_waiting.begin(); it != m_waiting.end();) {
-    if (it->hasData) {
+    if (it->state == kReady) {
       ++it;
       continue;
     }
@@ -341,15 +369,19 @@ void QmioSocketPool::Core::CloseExpired(Clock::time_point now, Closings& closing
 }
 
 Clock::time_point QmioSocketPool::Core::NextEvictable() const {
-  for (const Waiting& entry : m_waiting) {
-    if (!entry.hasData) return entry.since + std::chrono::milliseconds(kEvictionGraceMs);
+  Clock::time_point next = Clock::time_point::max();
+  for (State state : {kNew, kKept}) {
+    auto it = std::find_if(m_waiting.begin(), m_waiting.end(),
+                           [state](const Waiting& entry) { return entry.state == state; });
+    const auto grace = std::chrono::milliseconds(state == kNew ? kNewGraceMs : kKeptGraceMs);
+    if (it != m_waiting.end()) next = std::min(next, it->since + grace);
   }
-  return Clock::time_point::max();
+  return next;
 }
 
 int QmioSocketPool::Core::MillisecondsToNextExpiry(Clock::time_point now) const {
   for (const Waiting& entry : m_waiting) {
-    if (entry.hasData) continue;
+    if (entry.state == kReady) continue;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(
         entry.since + std::chrono::milliseconds(m_idleTimeoutMs) - now);
     return static_cast<int>(std::max<long>(left.count(), 0));

@@ -187,6 +187,8 @@ TEST_F(ListenerTest, FullPoolMakesRoomAndIdleConnectionsExpire) {
   Start(1, 1);
   RawClient oldest(port);
   ASSERT_TRUE(Reaches(traffic.handlers, 1));
+  // A new connection is not closed before it had 250 ms to send something.
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
   RawClient newer(port);  // takes the place of the oldest
   EXPECT_TRUE(oldest.SeesClose(5000));
   EXPECT_TRUE(Logged(QmLogInterface::LEVEL_WARN,
