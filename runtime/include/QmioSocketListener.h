@@ -1,6 +1,7 @@
 #ifndef QM_RUNTIME_QMIOSOCKETLISTENER_H
 #define QM_RUNTIME_QMIOSOCKETLISTENER_H
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -43,6 +44,9 @@ class QmioSocketListener : public QmThreadModule {
   // How long a connection may wait without sending anything before it is
   // closed (30000 ms unless set); takes effect at once.
   void SetIdleTimeout(int timeoutMs);
+  // Whether the accept loop has ended (a stop request, or a listening socket
+  // that stopped listening). Cheap enough to ask on every host call.
+  bool HasEnded() const { return m_ended.load(); }
 
  private:
   bool AcceptOnce();
@@ -52,6 +56,7 @@ class QmioSocketListener : public QmThreadModule {
   int m_socketLimit;
   int m_idleTimeoutMs;
   std::chrono::steady_clock::time_point m_lastStopCheck;
+  std::atomic<bool> m_ended{false};
   std::unique_ptr<QmioServerSocket> m_serverSocket;
   std::unique_ptr<QmioSocketPool> m_pool;
 };

@@ -12,10 +12,13 @@
 class QmioSocket;
 
 // Holds accepted connections while they wait for data and serves each one
-// that has data on a worker of a thread pool, which runs the socket's event
-// handler. One watch thread (this object is its work) sleeps in epoll on the
-// waiting sockets and a wake-up descriptor, so any descriptor number works
-// and nothing waits on a fixed sleep.
+// that has data on a worker, which runs the socket's event handler. Workers
+// are loops (SockeReadWork) on the threads of a thread pool, started as
+// connections need them; a ready connection wakes exactly one idle loop, and
+// a loop with nothing to serve for 30 s ends. One watch thread (this object
+// is its work) sleeps in epoll on the waiting sockets and a wake-up
+// descriptor, so any descriptor number works and nothing waits on a fixed
+// sleep.
 //
 // Bounds: at most `threadCount` connections are served at once; connections
 // with data beyond that wait in a bounded queue; at most `socketLimit`
@@ -28,8 +31,8 @@ class QmioSocket;
 // QmioSocketEventHandler::KeepConnection).
 //
 // Ownership: the pool owns the sockets given to it; a socket being served
-// belongs to its work item, which gives it back through Release. The state
-// the work items touch is shared with them, so a late item never reaches a
+// belongs to its worker, which gives it back through Release. The state the
+// workers touch is shared with them, so a late worker never reaches a
 // destroyed pool. All operations are thread-safe.
 class QmioSocketPool : public QmconDelegate {
  public:
@@ -70,9 +73,13 @@ class QmioSocketPool : public QmconDelegate {
   // The watch loop, run on the watch thread.
   void DoWork(void* data) override;
 
-  // A work item is done with `socket`: the pool watches it again when
-  // `keep` (and the pool still runs), else deletes it.
+  // For the pool's worker loops (SockeReadWork): the next connection to
+  // serve (null when the loop is to end); a served connection given back,
+  // which the pool watches again when `keep` (and it still runs) and deletes
+  // otherwise; the end of a loop.
+  static QmioSocket* TakeNext(const std::shared_ptr<Core>& core);
   static void Release(const std::shared_ptr<Core>& core, QmioSocket* socket, bool keep);
+  static void WorkerEnded(const std::shared_ptr<Core>& core);
 
  private:
   void WaitForWatchThreadEnd();

@@ -94,15 +94,21 @@ QmioSocket::SocketStatus QmioSocket::Wait(bool read, bool write, int timeoutMs) 
 int QmioSocket::Read(unsigned char* buffer, unsigned int size, int timeoutMs, SocketStatus& status,
                      bool quiet) {
   status = SOCKET_READ_READY;
-  if (timeoutMs != -1) {
+  // Without a time to wait, a read that would block is the time-out itself.
+  const int flags = (timeoutMs == 0 || timeoutMs < -1) ? MSG_DONTWAIT : 0;
+  if (timeoutMs > 0) {
     status = Wait(true, false, timeoutMs);
     if (status != SOCKET_READ_READY) return -1;
   }
   m_lastActive = time(nullptr);
   ssize_t received;
   do {
-    received = recv(m_socket, buffer, size, 0);
+    received = recv(m_socket, buffer, size, flags);
   } while (received < 0 && errno == EINTR);
+  if (received < 0 && flags != 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+    status = SOCKET_TIMEOUT;
+    return -1;
+  }
   if (received < 0) {
     status = SOCKET_FAILED;
     QMIO_THROW(m_remoteAddress, "Socket Read Error");

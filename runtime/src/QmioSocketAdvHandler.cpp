@@ -44,13 +44,15 @@ void QmioSocketAdvHandler::OnSocketEvent(QmioSocket* socket, SocketEvent event, 
     } catch (const abi::__forced_unwind&) {
       throw;  // the thread is being ended; let it go
     } catch (const QmException& e) {
-      const std::string line = QmstringFormat("Adv Socket Handler <%s>: Exception occurred [%s]",
-                                              m_clientName.c_str(), e.ToString().c_str());
-      // A peer that closes the connection ends it normally.
-      if (e.GetMsg() == kClosedByPeer) {
-        QM_LOG(m_logger, Debug, kSource, line);
-      } else {
-        QM_LOG(m_logger, Error, kSource, line);
+      if (m_logger != nullptr) {
+        const std::string line = QmstringFormat("Adv Socket Handler <%s>: Exception occurred [%s]",
+                                                m_clientName.c_str(), e.ToString().c_str());
+        // A peer that closes the connection ends it normally.
+        if (e.GetMsg() == kClosedByPeer) {
+          m_logger->WriteDebug(line, __LINE__, kSource);
+        } else {
+          m_logger->WriteError(line, __LINE__, kSource);
+        }
       }
     } catch (...) {
       QM_LOG(m_logger, Error, kSource,
@@ -63,13 +65,16 @@ void QmioSocketAdvHandler::OnSocketEvent(QmioSocket* socket, SocketEvent event, 
 
 void QmioSocketAdvHandler::ReadLoop() {
   unsigned char buffer[kPieceSize];
-  // The event says data is there: the first read waits (at most the read
-  // time-out) for it, the following ones take only what has come meanwhile.
-  for (int timeoutMs = m_readTimeout;; timeoutMs = 0) {
+  // The event says data is there: each read takes what has come; only when
+  // the first finds nothing yet does it wait (at most the read time-out).
+  for (bool first = true;; first = false) {
     QmioSocket::SocketStatus status = QmioSocket::SOCKET_DONE;
     int received = -1;
     try {
-      received = m_socket->Read(buffer, kPieceSize, timeoutMs, status, false);
+      received = m_socket->Read(buffer, kPieceSize, 0, status, false);
+      if (first && received <= 0 && status == QmioSocket::SOCKET_TIMEOUT && m_readTimeout != 0) {
+        received = m_socket->Read(buffer, kPieceSize, m_readTimeout, status, false);
+      }
     } catch (const QmioException& e) {
       if (e.GetMsg() == kClosedByPeer) OnPeerClosed();
       throw;

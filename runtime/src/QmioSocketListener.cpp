@@ -38,21 +38,25 @@ bool RunLogged(QmLogInterface* logger, Work work) {
   return false;
 }
 
-// Writes the accept loop's closing lines however the loop is left.
+// Writes the accept loop's closing lines, and marks its end, however the
+// loop is left.
 class LoopExitLines {
  public:
-  explicit LoopExitLines(QmLogInterface* logger) : m_logger(logger) {
+  LoopExitLines(QmLogInterface* logger, std::atomic<bool>* ended)
+      : m_logger(logger), m_ended(ended) {
     QM_LOG(m_logger, Trace, kSource, "Entering QmioSocketListener::DoThreadWork");
   }
   ~LoopExitLines() {
     QM_LOG(m_logger, Debug, kSource, "SocketListener: Do not continue any more");
     QM_LOG(m_logger, Trace, kSource, "Leaving QmioSocketListener::DoThreadWork");
+    m_ended->store(true);
   }
   LoopExitLines(const LoopExitLines&) = delete;
   LoopExitLines& operator=(const LoopExitLines&) = delete;
 
  private:
   QmLogInterface* m_logger;
+  std::atomic<bool>* m_ended;
 };
 
 }  // namespace
@@ -101,7 +105,7 @@ void QmioSocketListener::SetIdleTimeout(int timeoutMs) {
 }
 
 void QmioSocketListener::DoThreadWork() {
-  LoopExitLines exitLines(m_logger);
+  LoopExitLines exitLines(m_logger, &m_ended);
   for (;;) {
     bool goOn = false;
     // A failure is logged and the loop goes on after a pause; only a stop

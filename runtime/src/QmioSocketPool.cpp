@@ -15,6 +15,7 @@
 #include <list>
 #include <mutex>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "QmString.h"
@@ -46,6 +47,9 @@ const int kKeptGraceMs = 5000;
 const int kWatchThreadEndMs = 2000;
 const int kThreadObjectIdleMs = 2000;
 const int kMinWorkerStopMs = 100;
+// A worker loop with nothing to serve for this long ends (its thread then
+// retires from the thread pool).
+const int kWorkerIdleMs = 30000;
 const uint64_t kWakeId = 0;
 const int kEventBatch = 64;
 
@@ -80,6 +84,10 @@ class QmioSocketPool::Core : public std::enable_shared_from_this<Core> {
   std::size_t WaitingCount();
   bool HaveSpot();
   void Released(QmioSocket* socket, bool keep);
+  // For a worker loop: the next ready connection, taken out to be served;
+  // null when none came within the idle time or the pool stops.
+  QmioSocket* Take();
+  void LoopEnded();
 
   void WatchLoop();
   // Stopping in two halves, around the end of the watch thread.
@@ -115,8 +123,8 @@ class QmioSocketPool::Core : public std::enable_shared_from_this<Core> {
   std::size_t NewCount() const;
   void Enter(QmioSocket* socket, State state);
   void Unwatch(const Waiting& entry);
-  void Serve(QmioSocket* socket);
-  void Pump();
+  // A connection became ready: wakes an idle worker loop or starts one.
+  void Dispatch();
   void OnReadable(uint64_t id);
   bool EvictOldestIdle(Clock::time_point now, Closings& closing);
   bool EvictOldest(State state, Clock::time_point now, Closings& closing);
@@ -127,10 +135,40 @@ class QmioSocketPool::Core : public std::enable_shared_from_this<Core> {
   void DrainWake();
   void Flush(const Closings& closing);
 
+  // Holds the pool lock; on release, wakes the idle loops that Dispatch
+  // chose meanwhile. Waking them after the unlock spares each a wait for the
+  // lock it would be woken into. Before waiting on a condition (which
+  // releases the lock) the wake-ups are given at once.
+  class Locked {
+   public:
+    explicit Locked(Core& core) : m_core(core), m_lock(core.m_mutex) {}
+    ~Locked() {
+      const std::size_t count = std::exchange(m_core.m_toNotify, 0);
+      m_lock.unlock();
+      for (std::size_t i = 0; i < count; ++i) m_core.m_work.notify_one();
+    }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+    // The lock, for a condition wait.
+    std::unique_lock<std::mutex>& ForWait() {
+      for (; m_core.m_toNotify > 0; --m_core.m_toNotify) m_core.m_work.notify_one();
+      return m_lock;
+    }
+
+   private:
+    Core& m_core;
+    std::unique_lock<std::mutex> m_lock;
+  };
+
   std::mutex m_mutex;
   std::condition_variable m_changed;  // room, served connections or stop
   std::list<Waiting> m_waiting;
+  std::condition_variable m_work;  // a connection is ready, or the pool stops
   std::set<QmioSocket*> m_served;
+  std::size_t m_loops = 0;      // worker loops running (at most m_threadCount)
+  std::size_t m_idleLoops = 0;  // of them, waiting for a connection
+  std::size_t m_wakeups = 0;    // wake-ups handed to idle loops, not yet taken
+  std::size_t m_toNotify = 0;   // of them, still to be notified (see Locked)
   std::size_t m_socketLimit = 0;
   std::size_t m_threadCount = 1;
   int m_idleTimeoutMs = kDefaultIdleTimeoutMs;
@@ -161,7 +199,7 @@ QmioSocketPool::Core::~Core() {
 }
 
 void QmioSocketPool::Core::Configure(int socketLimit, int threadCount) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  Locked lock(*this);
   m_socketLimit = static_cast<std::size_t>(std::max(socketLimit, 0));
   m_threadCount = static_cast<std::size_t>(std::max(threadCount, 1));
   m_workers.Initialize(static_cast<unsigned int>(m_threadCount));
@@ -169,7 +207,7 @@ void QmioSocketPool::Core::Configure(int socketLimit, int threadCount) {
 
 void QmioSocketPool::Core::SetIdleTimeout(int timeoutMs) {
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Locked lock(*this);
     m_idleTimeoutMs = std::max(timeoutMs, 0);
   }
   Wake();  // the watch thread's next deadline changes
@@ -182,15 +220,15 @@ bool QmioSocketPool::Core::Add(QmioSocket* socket, bool makeRoom, int timeoutMs)
   Closings closing;
   bool taken = true;
   {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    Locked lock(*this);
     for (;;) {
       if (m_stopping) {
         closing.push_back({Closing::kDone, socket, 0});
         break;
       }
-      // Data is there and a worker is free: no need to watch it first.
-      if (state == kReady && m_served.size() < m_threadCount) {
-        Serve(socket);
+      // Data is there and a worker takes it at once: no need for room.
+      if (state == kReady && (m_idleLoops > m_wakeups || m_loops < m_threadCount)) {
+        Enter(socket, state);
         break;
       }
       if (Fits(state)) {
@@ -210,7 +248,7 @@ bool QmioSocketPool::Core::Add(QmioSocket* socket, bool makeRoom, int timeoutMs)
         taken = false;
         break;
       }
-      m_changed.wait_until(lock, std::min(deadline, NextEvictable()));
+      m_changed.wait_until(lock.ForWait(), std::min(deadline, NextEvictable()));
     }
   }
   Flush(closing);
@@ -218,7 +256,7 @@ bool QmioSocketPool::Core::Add(QmioSocket* socket, bool makeRoom, int timeoutMs)
 }
 
 QmioSocket* QmioSocketPool::Core::Remove(QmioSocket* socket) {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  Locked lock(*this);
   for (auto it = m_waiting.begin(); it != m_waiting.end();) {
     if (it->socket == socket) {
       Unwatch(*it);
@@ -232,12 +270,12 @@ QmioSocket* QmioSocketPool::Core::Remove(QmioSocket* socket) {
 }
 
 std::size_t QmioSocketPool::Core::WaitingCount() {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  Locked lock(*this);
   return m_waiting.size();
 }
 
 bool QmioSocketPool::Core::HaveSpot() {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  Locked lock(*this);
   // At most the limit, where AddSocket refuses at the limit: kept so.
   return m_waiting.size() <= m_socketLimit;
 }
@@ -245,14 +283,13 @@ bool QmioSocketPool::Core::HaveSpot() {
 void QmioSocketPool::Core::Released(QmioSocket* socket, bool keep) {
   Closings closing;
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Locked lock(*this);
     m_served.erase(socket);
     if (keep && !m_stopping) {
       Enter(socket, kKept);
     } else {
       closing.push_back({Closing::kDone, socket, 0});
     }
-    Pump();
     m_changed.notify_all();
   }
   Flush(closing);
@@ -288,37 +325,65 @@ void QmioSocketPool::Core::Enter(QmioSocket* socket, State state) {
                                         [](const Waiting& other) { return other.state == kReady; });
   m_waiting.push_back(entry);
   if (firstWatched) Wake();
-  if (entry.state == kReady) Pump();
+  if (entry.state == kReady) Dispatch();
 }
 
 void QmioSocketPool::Core::Unwatch(const Waiting& entry) {
   if (entry.state != kReady) epoll_ctl(m_epoll, EPOLL_CTL_DEL, entry.socket->GetSocket(), nullptr);
 }
 
-void QmioSocketPool::Core::Serve(QmioSocket* socket) {
-  m_served.insert(socket);
-  SockeReadWork* work = new SockeReadWork(socket, shared_from_this());
+void QmioSocketPool::Core::Dispatch() {
+  if (m_stopping) return;
+  if (m_idleLoops > m_wakeups) {
+    ++m_wakeups;
+    ++m_toNotify;
+    return;
+  }
+  if (m_loops >= m_threadCount) return;  // a busy loop takes it when done
+  ++m_loops;
+  SockeReadWork* loop = new SockeReadWork(nullptr, shared_from_this());
   try {
-    m_workers.AddWork(work);
+    m_workers.AddWork(loop);
   } catch (const QmconException& e) {
     // A refused item was not queued; after a failed thread start it stays
     // queued for a worker that exists.
     if (e.GetMsg() == "Thread Pool Is Stopping") {
-      m_served.erase(socket);
-      delete work;
+      --m_loops;
+      delete loop;
     }
   }
 }
 
-void QmioSocketPool::Core::Pump() {
-  while (!m_stopping && m_served.size() < m_threadCount) {
+QmioSocket* QmioSocketPool::Core::Take() {
+  Locked lock(*this);
+  while (!m_stopping) {
     auto it = std::find_if(m_waiting.begin(), m_waiting.end(),
                            [](const Waiting& entry) { return entry.state == kReady; });
-    if (it == m_waiting.end()) return;
-    QmioSocket* socket = it->socket;
-    m_waiting.erase(it);
-    Serve(socket);
+    if (it != m_waiting.end()) {
+      QmioSocket* socket = it->socket;
+      m_waiting.erase(it);
+      m_served.insert(socket);
+      m_changed.notify_all();
+      return socket;
+    }
+    ++m_idleLoops;
+    const bool woken = m_work.wait_for(lock.ForWait(), std::chrono::milliseconds(kWorkerIdleMs),
+                                       [this] { return m_wakeups > 0 || m_stopping; });
+    --m_idleLoops;
+    if (!woken) break;  // nothing for the idle time: the loop ends
+    if (m_wakeups > 0) --m_wakeups;
   }
+  return nullptr;
+}
+
+void QmioSocketPool::Core::LoopEnded() {
+  Locked lock(*this);
+  --m_loops;
+  m_changed.notify_all();
+  // A connection that became ready while this loop was leaving.
+  const bool ready = std::any_of(m_waiting.begin(), m_waiting.end(),
+                                 [](const Waiting& entry) { return entry.state == kReady; });
+  if (ready && m_idleLoops <= m_wakeups) Dispatch();
 }
 
 void QmioSocketPool::Core::OnReadable(uint64_t id) {
@@ -328,7 +393,7 @@ void QmioSocketPool::Core::OnReadable(uint64_t id) {
   if (it == m_waiting.end() || it->state == kReady) return;
   Unwatch(*it);
   it->state = kReady;
-  Pump();
+  Dispatch();
 }
 
 bool QmioSocketPool::Core::EvictOldestIdle(Clock::time_point now, Closings& closing) {
@@ -344,13 +409,13 @@ bool QmioSocketPool::Core::EvictOldest(State state, Clock::time_point now, Closi
     Unwatch(*it);
     if (IsReadable(it->socket->GetSocket())) {
       it->state = kReady;  // its data has just come
+      Dispatch();
       continue;
     }
     closing.push_back({Closing::kEvicted, it->socket, MillisecondsBetween(it->since, now)});
     m_waiting.erase(it);
     found = true;
   }
-  Pump();
   return found;
 }
 
@@ -394,7 +459,7 @@ void QmioSocketPool::Core::WatchLoop() {
   for (;;) {
     int timeoutMs;
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Locked lock(*this);
       if (m_stopping) return;
       timeoutMs = MillisecondsToNextExpiry(Clock::now());
     }
@@ -407,7 +472,7 @@ void QmioSocketPool::Core::WatchLoop() {
     }
     Closings closing;
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Locked lock(*this);
       if (m_stopping) return;
       for (int i = 0; i < count; ++i) {
         if (events[i].data.u64 == kWakeId) {
@@ -426,7 +491,7 @@ void QmioSocketPool::Core::WatchLoop() {
 void QmioSocketPool::Core::BeginStop() {
   std::vector<QmioSocket*> waiting;
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Locked lock(*this);
     m_stopping = true;
     for (const Waiting& entry : m_waiting) {
       Unwatch(entry);
@@ -437,6 +502,7 @@ void QmioSocketPool::Core::BeginStop() {
     // shut-down socket.
     for (QmioSocket* socket : m_served) shutdown(socket->GetSocket(), SHUT_RDWR);
     m_changed.notify_all();
+    m_work.notify_all();
   }
   Wake();
   for (QmioSocket* socket : waiting) delete socket;
@@ -446,13 +512,13 @@ void QmioSocketPool::Core::FinishStop(int timeoutMs) {
   const Clock::time_point deadline =
       Clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
   {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait_until(lock, deadline, [this] { return m_served.empty(); });
+    Locked lock(*this);
+    m_changed.wait_until(lock.ForWait(), deadline, [this] { return m_loops == 0; });
   }
   const long left = MillisecondsBetween(Clock::now(), deadline);
   m_workers.Stop(static_cast<int>(std::max<long>(left, kMinWorkerStopMs)));
   // Items the workers never ran went with their sockets.
-  std::lock_guard<std::mutex> lock(m_mutex);
+  Locked lock(*this);
   m_served.clear();
 }
 
@@ -571,4 +637,12 @@ void QmioSocketPool::Release(const std::shared_ptr<Core>& core, QmioSocket* sock
   } else {
     delete socket;
   }
+}
+
+QmioSocket* QmioSocketPool::TakeNext(const std::shared_ptr<Core>& core) {
+  return core != nullptr ? core->Take() : nullptr;
+}
+
+void QmioSocketPool::WorkerEnded(const std::shared_ptr<Core>& core) {
+  if (core != nullptr) core->LoopEnded();
 }

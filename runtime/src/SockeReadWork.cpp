@@ -22,6 +22,18 @@ class ReleaseOnExit {
   bool m_keep = false;
 };
 
+// Tells the pool that its worker loop ends, however it ends.
+class LoopEndOnExit {
+ public:
+  explicit LoopEndOnExit(const std::shared_ptr<QmioSocketPool::Core>& pool) : m_pool(pool) {}
+  ~LoopEndOnExit() { QmioSocketPool::WorkerEnded(m_pool); }
+  LoopEndOnExit(const LoopEndOnExit&) = delete;
+  LoopEndOnExit& operator=(const LoopEndOnExit&) = delete;
+
+ private:
+  const std::shared_ptr<QmioSocketPool::Core>& m_pool;
+};
+
 }  // namespace
 
 SockeReadWork::SockeReadWork(QmioSocket* socket, std::shared_ptr<QmioSocketPool::Core> pool)
@@ -30,8 +42,16 @@ SockeReadWork::SockeReadWork(QmioSocket* socket, std::shared_ptr<QmioSocketPool:
 SockeReadWork::~SockeReadWork() = default;
 
 void SockeReadWork::DoWork(void* data) {
-  if (m_socket == nullptr) return;
-  QmioSocket* socket = m_socket.release();
+  if (m_pool == nullptr) {
+    if (m_socket != nullptr) Serve(m_socket.release(), data);
+    return;
+  }
+  LoopEndOnExit loopEnd(m_pool);
+  if (m_socket != nullptr) Serve(m_socket.release(), data);
+  while (QmioSocket* socket = QmioSocketPool::TakeNext(m_pool)) Serve(socket, data);
+}
+
+void SockeReadWork::Serve(QmioSocket* socket, void* data) {
   ReleaseOnExit release(m_pool, socket);
   QmioSocketEventHandler* handler = socket->GetEventHandler();
   if (handler == nullptr) return;

@@ -142,7 +142,7 @@ bool OAPClient::KeepListenerUp() {
   std::lock_guard<std::recursive_mutex> guard(m_listenerMutex);
   if (!m_listenerDown) {
     if (!m_listenerStarted) return false;
-    if (!Listener->WaitForThreadStop(0)) return true;
+    if (!Listener->HasEnded()) return true;
     QM_LOG(m_logger, Critical, kSource,
            QmstringFormat("OAP Listener on '%s:%d' has stopped; starting it again.",
                           Address.c_str(), Port));
