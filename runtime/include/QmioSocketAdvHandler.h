@@ -4,6 +4,7 @@
 #include <string>
 
 #include "QmLogInterface.h"
+#include "QmioSocket.h"
 #include "QmioSocketEventHandler.h"
 
 // Ready-made connection handler: on a data event it reads the connection in
@@ -26,6 +27,11 @@ class QmioSocketAdvHandler : public QmioSocketEventHandler {
   // Writes on the served socket; throws QmioException on failure.
   void SendData(const std::string& data);
 
+  // Whether the derived class writes on the connection (SendData). Without
+  // replies, a connection the peer has closed is released before the data
+  // read last is handled, so that the peer need not wait for that work.
+  // True unless set.
+  void SetRepliesOnConnection(bool replies) { m_repliesOnConnection = replies; }
   void SetSocket(QmioSocket* socket) { m_socket = socket; }
   void SetLogger(QmLogInterface* logger) { m_logger = logger; }
   void SetReadTimeout(int timeoutMs) { m_readTimeout = timeoutMs; }
@@ -41,12 +47,17 @@ class QmioSocketAdvHandler : public QmioSocketEventHandler {
   virtual void OnPeerClosed() {}
 
   void ReadLoop();
+  // One piece that has come (waiting for the first); "" when nothing has.
+  std::string ReadPiece(bool first, QmioSocket::SocketStatus& status);
+  // OnReceived; false (logged) when it asks to close.
+  bool PassOn(const std::string& piece);
 
   std::string m_clientName;
   int m_readTimeout;
   QmioSocket* m_socket = nullptr;
   QmLogInterface* m_logger = nullptr;
   std::string m_terminator;
+  bool m_repliesOnConnection = true;
 };
 
 #endif

@@ -100,7 +100,6 @@ int QmioSocket::Read(unsigned char* buffer, unsigned int size, int timeoutMs, So
     status = Wait(true, false, timeoutMs);
     if (status != SOCKET_READ_READY) return -1;
   }
-  m_lastActive = time(nullptr);
   ssize_t received;
   do {
     received = recv(m_socket, buffer, size, flags);
@@ -109,6 +108,7 @@ int QmioSocket::Read(unsigned char* buffer, unsigned int size, int timeoutMs, So
     status = SOCKET_TIMEOUT;
     return -1;
   }
+  m_lastActive = time(nullptr);
   if (received < 0) {
     status = SOCKET_FAILED;
     QMIO_THROW(m_remoteAddress, "Socket Read Error");

@@ -64,33 +64,56 @@ void QmioSocketAdvHandler::OnSocketEvent(QmioSocket* socket, SocketEvent event, 
 }
 
 void QmioSocketAdvHandler::ReadLoop() {
-  unsigned char buffer[kPieceSize];
-  // The event says data is there: each read takes what has come; only when
-  // the first finds nothing yet does it wait (at most the read time-out).
+  // Without replies on the connection, what was read last is passed on only
+  // after the next read: when that read finds the peer's close, the
+  // connection is released before its last data is handled.
+  std::string held;
   for (bool first = true;; first = false) {
     QmioSocket::SocketStatus status = QmioSocket::SOCKET_DONE;
-    int received = -1;
+    std::string piece;
     try {
-      received = m_socket->Read(buffer, kPieceSize, 0, status, false);
-      if (first && received <= 0 && status == QmioSocket::SOCKET_TIMEOUT && m_readTimeout != 0) {
-        received = m_socket->Read(buffer, kPieceSize, m_readTimeout, status, false);
-      }
+      piece = ReadPiece(first, status);
     } catch (const QmioException& e) {
-      if (e.GetMsg() == kClosedByPeer) OnPeerClosed();
+      if (e.GetMsg() != kClosedByPeer) throw;
+      if (!held.empty()) {
+        m_socket->Close();
+        if (!PassOn(held)) return;
+      }
+      OnPeerClosed();
       throw;
     }
-    if (received <= 0) {
+    if (piece.empty()) {
+      if (!held.empty() && !PassOn(held)) return;
       // Nothing more for now: the connection waits in the pool for its next
       // data instead of holding this thread. A failed wait (status 36) ends
       // it.
       SetKeepConnection(status == QmioSocket::SOCKET_TIMEOUT);
       return;
     }
-    if (!OnReceived(std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(received)))) {
-      QM_LOG(m_logger, Info, kSource,
-             QmstringFormat("Adv Socket Handler <%s>: Data handler signals close of socket",
-                            m_clientName.c_str()));
-      return;
+    if (m_repliesOnConnection) {
+      if (!PassOn(piece)) return;
+    } else {
+      if (!held.empty() && !PassOn(held)) return;
+      held.swap(piece);
     }
   }
+}
+
+std::string QmioSocketAdvHandler::ReadPiece(bool first, QmioSocket::SocketStatus& status) {
+  unsigned char buffer[kPieceSize];
+  // The event says data is there: each read takes what has come; only when
+  // the first finds nothing yet does it wait (at most the read time-out).
+  int received = m_socket->Read(buffer, kPieceSize, 0, status, false);
+  if (first && received <= 0 && status == QmioSocket::SOCKET_TIMEOUT && m_readTimeout != 0) {
+    received = m_socket->Read(buffer, kPieceSize, m_readTimeout, status, false);
+  }
+  return std::string(reinterpret_cast<char*>(buffer), received > 0 ? received : 0);
+}
+
+bool QmioSocketAdvHandler::PassOn(const std::string& piece) {
+  if (OnReceived(piece)) return true;
+  QM_LOG(m_logger, Info, kSource,
+         QmstringFormat("Adv Socket Handler <%s>: Data handler signals close of socket",
+                        m_clientName.c_str()));
+  return false;
 }

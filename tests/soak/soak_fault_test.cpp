@@ -66,15 +66,20 @@ class SoakFaultTest : public SoakDriverTest {
     return driver->SendAMessage(&job, status);
   }
 
-  // The handset answers "Yes" on a connection of its own (which returns once
-  // the driver has taken it); the hand-backs of the host's next query.
+  // The handset answers "Yes" on a connection of its own; the hand-backs of
+  // the host's queries until one came.
   std::vector<Change> Answer(QmReferenceJob& job) {
     SendInbound(listenerPort,
                 AnswerDoc(Hex(job.GetTrackingReceipt()), job.OapVersion, false, "N:Yes"));
-    Status status = Reports::SENT;
-    driver->Send2WayRespQuery(&job, status);
-    DrainQueue();
-    return job.TakeStatusChanges();
+    std::vector<Change> changes;
+    Eventually([&] {
+      Status status = Reports::SENT;
+      driver->Send2WayRespQuery(&job, status);
+      DrainQueue();
+      for (const Change& change : job.TakeStatusChanges()) changes.push_back(change);
+      return !changes.empty();
+    });
+    return changes;
   }
 
   void ExpectOneYes(QmReferenceJob& job) {
@@ -191,9 +196,10 @@ TEST_P(ListenerFaultTest, DriverKeepsTakingAnswers) {
     });
   }
   for (std::thread& sender : senders) sender.join();
-  EXPECT_EQ(logger.Count(Level::LEVEL_WARN, "Couldn't find device controller by Trackign ID"),
-            fault.unknownNumberWarnings);
   ExpectOneYes(job);
+  const char unknown[] = "Couldn't find device controller by Trackign ID";
+  EXPECT_TRUE(logger.WaitFor(Level::LEVEL_WARN, unknown, fault.unknownNumberWarnings, 10000));
+  EXPECT_EQ(logger.Count(Level::LEVEL_WARN, unknown), fault.unknownNumberWarnings);
   EXPECT_EQ(logger.Count(Level::LEVEL_ERROR, "Too Many Sockets"), 0u);
 }
 

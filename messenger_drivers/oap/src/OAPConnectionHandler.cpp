@@ -21,6 +21,9 @@ const size_t kShownBytes = 64;
 OAPConnectionHandler::OAPConnectionHandler(QmLogInterface* logger)
     : QmioSocketAdvHandler("", kReadTimeoutMs) {
   SetLogger(logger);
+  // Nothing is written back: a server that has closed its side is let go
+  // before its last document is handled (and that answer echoed to it).
+  SetRepliesOnConnection(false);
 }
 
 OAPConnectionHandler::~OAPConnectionHandler() = default;
