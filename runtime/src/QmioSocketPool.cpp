@@ -402,10 +402,9 @@ bool QmioSocketPool::Core::EvictOldestIdle(Clock::time_point now, Closings& clos
 
 bool QmioSocketPool::Core::EvictOldest(State state, Clock::time_point now, Closings& closing) {
   const auto grace = std::chrono::milliseconds(state == kNew ? kNewGraceMs : kKeptGraceMs);
-  bool found = false;
-  for (auto it = m_waiting.begin(); it != m_waiting.end() && !found; ++it) {
+  for (auto it = m_waiting.begin(); it != m_waiting.end(); ++it) {
     if (it->state != state) continue;
-    if (now - it->since < grace) break;  // the rest are younger still
+    if (now - it->since < grace) return false;  // the rest are younger still
     Unwatch(*it);
     if (IsReadable(it->socket->GetSocket())) {
       it->state = kReady;  // its data has just come
@@ -414,9 +413,9 @@ bool QmioSocketPool::Core::EvictOldest(State state, Clock::time_point now, Closi
     }
     closing.push_back({Closing::kEvicted, it->socket, MillisecondsBetween(it->since, now)});
     m_waiting.erase(it);
-    found = true;
+    return true;
   }
-  return found;
+  return false;
 }
 
 void QmioSocketPool::Core::CloseExpired(Clock::time_point now, Closings& closing) {
