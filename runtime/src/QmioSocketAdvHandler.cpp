@@ -1,6 +1,7 @@
 #include "QmioSocketAdvHandler.h"
 
 #include <cxxabi.h>
+#include <sys/socket.h>
 
 #include <cstring>
 
@@ -76,7 +77,10 @@ void QmioSocketAdvHandler::ReadLoop() {
     } catch (const QmioException& e) {
       if (e.GetMsg() != kClosedByPeer) throw;
       if (!held.empty()) {
-        m_socket->Close();
+        // Ends the connection for the peer; the descriptor itself stays
+        // until the socket is deleted, so that its number is not reused
+        // while the pool may still name it.
+        shutdown(m_socket->GetSocket(), SHUT_RDWR);
         if (!PassOn(held)) return;
       }
       OnPeerClosed();

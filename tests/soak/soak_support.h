@@ -28,7 +28,7 @@ inline std::string Hex(const std::string& decimal) {
 // Counts for the soak runs: smaller under the sanitizers, which run every
 // test many times slower.
 #ifdef QM_SOAK_SANITIZED
-const int kSoakScale = 10;
+const int kSoakScale = 2;
 #else
 const int kSoakScale = 1;
 #endif
