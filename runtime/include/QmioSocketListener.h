@@ -19,7 +19,7 @@ class QmioSocketPool;
 // the handlers. When the pool is full the listener makes room (see
 // QmioSocketPool::AddSocketMakingRoom) or waits for it; it never stops
 // accepting while it runs, except when its listening socket stops listening
-// (then its thread ends). A stop request ends the thread within a second.
+// (then its thread ends). A stop request ends the thread within about 0.1 s.
 // Owns the listening socket and the pool.
 class QmioSocketListener : public QmThreadModule {
  public:
