@@ -1,8 +1,5 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <vector>
@@ -85,33 +82,6 @@ TEST_F(SocketPoolTest, LimitServingOnceStopAndDestruction) {
   OneShotHandler other(&log);  // a socket keeps its first handler
   EXPECT_FALSE(third->SetEventHandler(&other));
   EXPECT_NE(&other, third->GetEventHandler());
-}
-
-// Any descriptor number can wait in the pool and be served (select could not
-// watch one at or above 1024).
-TEST_F(SocketPoolTest, ServesAConnectionAboveTheSelectLimit) {
-  rlimit saved{};
-  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
-  if (saved.rlim_max < 2048) GTEST_SKIP() << "the descriptor limit is below 2048";
-  rlimit raised = saved;
-  raised.rlim_cur = std::max<rlim_t>(saved.rlim_cur, 2048);
-  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &raised));
-  std::unique_ptr<QmioSocket> low(Connect());
-  ASSERT_NE(nullptr, low);
-  const int high = fcntl(low->GetSocket(), F_DUPFD_CLOEXEC, 1500);
-  ASSERT_GE(high, 1500);
-  auto* socket = new QmioAcceptedSocket(high, "127.0.0.1");
-  socket->SetEventHandler(new OneShotHandler(&log));
-  low.reset();
-  {
-    QmioSocketPool pool;
-    pool.Initialize(2, 1);
-    ASSERT_EQ(0, pool.AddSocket(socket));
-    ASSERT_TRUE(clients.back()->Send("123"));
-    EXPECT_EQ("3", clients.back()->Receive(16, 3000));
-  }
-  EXPECT_EQ(1, log.events.load());
-  setrlimit(RLIMIT_NOFILE, &saved);
 }
 
 }  // namespace

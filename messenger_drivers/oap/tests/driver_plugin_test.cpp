@@ -167,12 +167,18 @@ TEST_F(DriverTest, ListenerThatStopsIsStartedAgain) {
                               "' has stopped; starting it again.";
   EXPECT_EQ(logger.Count(kCritical, stopped, true), 1u);
   EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Failed to Start OAP Listener"));
+  EXPECT_TRUE(logger.Has(Log::LEVEL_DEBUG, "SocketListener: Do not continue any more"));
+  EXPECT_TRUE(logger.Has(kTrace, "Leaving QmioSocketListener::DoThreadWork"));
   close(occupant);
   while (!driver->PeriodicEvent() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   EXPECT_TRUE(driver->PeriodicEvent());
-  EXPECT_TRUE(CanConnect(listenerPort));
+  EXPECT_TRUE(SendInbound(listenerPort, "<OAP-response/>"));
+  for (const char* line : {"Leaving OAPListener::OnConnection() with TRUE.",
+                           "Leaving OAPListener::GetHandler() with TRUE."}) {
+    EXPECT_TRUE(logger.Has(kTrace, line)) << line;
+  }
   EXPECT_EQ(logger.Count(kCritical, stopped, true), 1u);
   EXPECT_TRUE(logger.Has(Log::LEVEL_INFO, "OAP Listener on '127.0.0.1:" +
                                               std::to_string(listenerPort) + "' started again."));
