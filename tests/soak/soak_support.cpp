@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 
@@ -121,7 +122,7 @@ void LoopbackOapServer::ServeOne(int fd) {
       break;
     case Mode::kOversized:
       SendAll(fd, answer.insert(answer.find("</Status>"),
-                                "<Text>" + std::string(2100, 'x') + "</Text>"));
+                                "<Text>" + std::string(70 * 1024, 'x') + "</Text>"));
       break;
   }
   shutdown(fd, SHUT_WR);
@@ -154,6 +155,41 @@ void SoakDriverTest::Address(QmReferenceJob& job, const std::string& handset,
   job.IsInteractive = job.ExpectsResponse = interactive;
   job.ResponseChoices.assign(interactive ? 1 : 0, QmResponseChoice());
   if (interactive) job.ResponseChoices.front().Text = "Yes";
+}
+
+int ConnectLoopback(int port) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address = FakeOapServer::Loopback(port);
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+    return fd;
+  }
+  if (fd >= 0) close(fd);
+  return -1;
+}
+
+bool WriteAll(int fd, const std::string& text) {
+  size_t sent = 0;
+  while (sent < text.size()) {
+    const ssize_t rc = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+    if (rc <= 0) return false;
+    sent += static_cast<size_t>(rc);
+  }
+  return true;
+}
+
+bool PushShort(int port, const std::string& document) {
+  const int fd = ConnectLoopback(port);
+  if (fd < 0) return false;
+  const bool written = WriteAll(fd, document);
+  close(fd);
+  return written;
+}
+
+bool RaiseDescriptorLimit(rlim_t count) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_max < count) return false;
+  limit.rlim_cur = std::max(limit.rlim_cur, count);
+  return setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }
 
 size_t ThreadCount() {

@@ -4,6 +4,8 @@
 #include <pcre2.h>
 
 #include <algorithm>
+#include <cctype>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -84,6 +86,20 @@ void CopyPresentation(const QmOAPMessageFile& job, MessageBody* body) {
 const char kTrue[] = "TRUE";
 const char kFalse[] = "FALSE";
 
+// The listener port of the configuration: decimal, from 1 to 65535, with
+// nothing but white space around the digits. `port` receives the number read
+// (within the int range, for the refusal's log line).
+bool ReadListenerPort(const QmMessengerInstConfBasic* conf, long* port) {
+  if (conf == nullptr) return false;
+  const std::string text(conf->ListenerPort,
+                         strnlen(conf->ListenerPort, sizeof(conf->ListenerPort)));
+  char* end = nullptr;
+  *port = std::clamp<long>(std::strtol(text.c_str(), &end, 10), INT_MIN, INT_MAX);
+  const bool digits = end != text.c_str();
+  while (*end != '\0' && std::isspace(static_cast<unsigned char>(*end))) ++end;
+  return digits && *end == '\0' && *port >= 1 && *port <= 65535;
+}
+
 }  // namespace
 
 QmOAPDriver::QmOAPDriver()
@@ -106,8 +122,8 @@ bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
   OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Setup", kFalse);
   QM_LOG(Logger, Info, kSource, OAPBuildInfo::Describe());
   bool result = false;
-  long port = conf != nullptr ? std::strtol(conf->ListenerPort, nullptr, 10) : 0;
-  if (port < 1) {
+  long port = 0;
+  if (!ReadListenerPort(conf, &port)) {
     QM_LOG(Logger, Critical, kSource,
            QmstringFormat("Invalid OAP Listener port number: %d.", static_cast<int>(port)));
   } else {
@@ -125,7 +141,10 @@ bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
 
 bool QmOAPDriver::PeriodicEvent() {
   OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::PeriodicEvent", kTrue);
-  return true;
+  // False while the listener is down (it is being started again).
+  const bool result = Client == nullptr || Client->KeepListenerUp();
+  trace.SetResult(OAPTracer::TrueFalse(result));
+  return result;
 }
 
 bool QmOAPDriver::ResetDevice() {
@@ -233,6 +252,9 @@ bool QmOAPDriver::Send2WayRespQuery(QmMessageFile* msg, ReportsStatus& status) {
            "Empty or no tracking receipt defined. Terminating query cycle.");
     return true;
   }
+  // Answers come through the listener: one that stopped is started again
+  // here as well, for hosts that do not call PeriodicEvent.
+  if (Client != nullptr) Client->KeepListenerUp();
   unsigned long tracking = QmAny(job->TrackingReceipt).asUInt();
   const std::string device = GetDeviceAddress(job, true);
   const int state = Client != nullptr ? Client->GetStatus(device, tracking) : 0;
