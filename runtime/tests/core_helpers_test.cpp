@@ -19,11 +19,8 @@
 namespace {
 
 TEST(ExceptionTest, ToStringFormats) {
-  struct Case {
-    std::string got, want;
-  };
   const QmioException io("10.0.0.1:7000", "QmioSocket", 3, "Socket Connecting Failed", "refused");
-  const Case cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {QmException("QmioSocket", 12, "Socket is closed", "Success").ToString(),
        "Exception raised! File[QmioSocket] Line[12] Msg[Socket is closed] SysMsg[Success]"},
       {io.ToString(),
@@ -37,7 +34,7 @@ TEST(ExceptionTest, ToStringFormats) {
       {io.GetPath(), "10.0.0.1:7000"},
       {io.what(), "Socket Connecting Failed"},
   };
-  for (const auto& c : cases) EXPECT_EQ(c.got, c.want);
+  for (const auto& c : cases) EXPECT_EQ(c.first, c.second);
 }
 
 TEST(StringHelpersTest, TextAndNumberConversions) {
@@ -62,41 +59,36 @@ TEST(StringHelpersTest, TextAndNumberConversions) {
   };
   for (const auto& c : cases) EXPECT_EQ(c.first, c.second);
   EXPECT_EQ(QmstringFormat("%s", std::string(5000, 'z').c_str()).size(), 5000u);
-  EXPECT_TRUE(QmstringEqualsNoCase("[Main]", "[main]"));
-  EXPECT_FALSE(QmstringEqualsNoCase("main", "mains"));
+  EXPECT_TRUE(QmstringEqualsNoCase("[Main]", "[main]") && !QmstringEqualsNoCase("main", "mains"));
 }
 
 TEST(QmioFileTest, WriteTruncateLockAndMissingPath) {
   char dir[] = "/tmp/qmfileXXXXXX";
   ASSERT_NE(mkdtemp(dir), nullptr);
   const std::string path = std::string(dir) + "/f.txt";
-  {
-    QmioFile file(path);
-    file.Open("w+");
-    file.Write("hello world");
-    file.Truncate(0);
-    file.Write("bye");
-    file.Lock("w", false);
-    ASSERT_TRUE(file.IsLocked());
-    const pid_t child = fork();
-    if (child == 0) {
-      // Only async-signal-safe calls in the child of a threaded process.
-      const int fd = open(path.c_str(), O_RDONLY);
-      _exit(flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
-    file.Unlock();
-    EXPECT_FALSE(file.IsLocked());
-    file.Close();
+  QmioFile file(path);
+  file.Open("w+");
+  file.Write("hello world");
+  file.Truncate(0);
+  file.Write("bye");
+  file.Lock("w", false);
+  ASSERT_TRUE(file.IsLocked());
+  const pid_t child = fork();
+  if (child == 0) {  // only async-signal-safe calls in the child of a threaded process
+    const int fd = open(path.c_str(), O_RDONLY);
+    _exit(flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK ? 0 : 1);
   }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
+  file.Unlock();
+  EXPECT_FALSE(file.IsLocked());
+  file.Close();
+  char buffer[16] = {0};
   QmioFile reader(path);
   reader.Open("r");
-  char buffer[16] = {0};
   EXPECT_EQ(std::fread(buffer, 1, sizeof(buffer) - 1, reader.GetStream()), 3u);
   EXPECT_STREQ(buffer, "bye");
-  reader.Close();
   EXPECT_THROW(QmioFile(std::string(dir) + "/missing/x").Open("r"), QmioException);
   std::system(("rm -rf " + std::string(dir)).c_str());
 }
