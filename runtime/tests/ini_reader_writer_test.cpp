@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <stdexcept>
 #include <string>
 
@@ -50,19 +49,13 @@ TEST_F(IniTest, ReadsCaseInsensitivelyAndKeepsOnlyMeaningfulLines) {
   EXPECT_EQ(line(0) + "," + line(1) + "," + line(2) + "," + line(-1), "flag=,spaced=v w,=,=");
 }
 
-TEST_F(IniTest, RandomBytesBeforeASectionDoNotSpoilIt) {
-  std::mt19937 random(99);
-  const std::string alphabet = "[]=#; \t\nab\r\xff";
-  for (int round = 0; round < 200; ++round) {
-    std::string text;
-    for (int i = 0, n = static_cast<int>(random() % 200); i < n; ++i) {
-      text += round % 2 ? static_cast<char>(random() % 256) : alphabet[random() % alphabet.size()];
-    }
-    // Whatever comes before it, a well-formed section after it is read.
-    writeFile(text + "\n[known]\nkey=value\n");
+// Whatever comes before it, a well-formed section after it is read.
+TEST_F(IniTest, StrayBytesBeforeASectionDoNotSpoilIt) {
+  for (const char* text :
+       {"[", "[]=", "=\n[a", "]#;\r\xff\t", "[open\nk", "\xff\xfe[x]z=", "a=b=c\r"}) {
+    writeFile(std::string(text) + "\n[known]\nkey=value\n");
     IniReaderWriter ini(path(), true, false, false);
-    ASSERT_TRUE(ini.isFileLoaded()) << text;
-    EXPECT_EQ(ini.getKeyValue("[known]", "key"), "value") << text;
+    EXPECT_TRUE(ini.isFileLoaded() && ini.getKeyValue("[known]", "key") == "value") << text;
   }
 }
 
@@ -103,8 +96,7 @@ TEST_F(IniTest, CreatesRemovesAndResets) {
   EXPECT_EQ(readFile(), "\n[c]\nz=3\nv=4\n\n[new]\nn=5\n\n[d]\nk=\nj=\n");
   ini.reset();
   EXPECT_FALSE(ini.isFileLoaded() || ini.isHeadPresent("[c]"));
-  ASSERT_TRUE(ini.read());
-  EXPECT_FALSE(ini.isKeyPresent("[d]", "k"));  // "k=" has no value: dropped
+  EXPECT_TRUE(ini.read() && !ini.isKeyPresent("[d]", "k"));  // "k=" has no value: dropped
 
   IniReaderWriter missing(path("absent.ini"), true, true, false);
   EXPECT_FALSE(missing.isFileLoaded() || missing.read());
@@ -142,8 +134,7 @@ TEST_F(IniTest, ExtendedRewritesOpenFileInPlace) {
   ini.setKeyValue("[main]", "second", "2");
   ASSERT_TRUE(ini.write() && ini.removeKey("[main]", "first") && ini.write());
   EXPECT_EQ(readFile(), "\n[main]\nsecond=2\n");  // no trace of the longer text
-  EXPECT_TRUE(ini.write(path("copy.ini")));
-  EXPECT_EQ(readFile("copy.ini"), "\n[main]\nsecond=2\n");
+  EXPECT_TRUE(ini.write(path("copy.ini")) && readFile("copy.ini") == readFile());
   ini.setKeyValue("[main]", "third", "3");
   EXPECT_TRUE(ini.write(path()));  // own path: rewrites the open file under its lock
   EXPECT_EQ(readFile(), "\n[main]\nsecond=2\nthird=3\n");
@@ -173,11 +164,9 @@ TEST_F(IniTest, ConcurrentProcessesKeepEachOthersKeys) {
     }
     _exit(failures == 0 ? 0 : 1);
   }
-  for (pid_t child : children) {
-    int status = 0;
-    EXPECT_TRUE(waitpid(child, &status, 0) == child && WIFEXITED(status) &&
-                WEXITSTATUS(status) == 0);
-  }
+  int status = 0;
+  for (pid_t child : children)
+    EXPECT_TRUE(waitpid(child, &status, 0) == child && WIFEXITED(status) && !WEXITSTATUS(status));
   IniReaderWriter result(path(), true, false, false);
   for (int i = 0; i < kProcesses * kRounds; ++i)
     EXPECT_EQ(result.getKeyValue("[main]", key(i)), "v");
