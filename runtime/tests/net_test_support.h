@@ -71,17 +71,11 @@ class RecordingLogger : public QmLogInterface {
   std::vector<std::pair<LogLevel, std::string>> m_lines;
 };
 
-inline long ElapsedMs(std::chrono::steady_clock::time_point start) {
-  using namespace std::chrono;
-  return static_cast<long>(duration_cast<milliseconds>(steady_clock::now() - start).count());
-}
-
 // Polls `done` every few milliseconds until it holds or `limitMs` passes.
 inline bool WaitUntil(const std::function<bool()>& done, int limitMs) {
-  for (const auto start = std::chrono::steady_clock::now(); !done();) {
-    if (ElapsedMs(start) > limitMs) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+  for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(5)))
+    if (std::chrono::steady_clock::now() > end) return false;
   return true;
 }
 
