@@ -92,6 +92,9 @@ TEST_F(LogDbTest, RowsRoundTripFilterAndReplaceAStaleTable) {
   // A module whose table name is taken gets a table of its own.
   ASSERT_TRUE(processor.writeLogRecord("other-mod", "own", base, 1, "f", 1));
   EXPECT_EQ("other_mod_2", processor.getTableName("other-mod"));
+  QmLogSQLiteProcessor early(db(), true);  // learns of "late" from the metatable
+  ASSERT_TRUE(processor.writeLogRecord("late", "x", base, 1, "f", 1));
+  EXPECT_EQ("late", early.getTableName("late"));
   EXPECT_EQ(std::vector<std::string>{"own"}, Messages(processor, "other-mod"));
   ASSERT_TRUE(processor.cleanModuleTable("other.mod"));
   EXPECT_TRUE(Messages(processor, "other.mod").empty());
