@@ -128,7 +128,7 @@ start_sim
 timeout 60 "$work/example/build/qm_example_host" "127.0.0.1:$sim_port" "$listen_port" 1003 1004 \
   >"$work/stopped.out" 2>&1 &
 host_pid=$!
-for _ in $(seq 200); do
+for _ in $(seq 1200); do  # up to a minute on a loaded machine
   grep -q '^sent ask' "$work/stopped.out" && break
   sleep 0.05
 done
