@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <memory>
 #include <vector>
 
@@ -12,6 +13,11 @@
 #include "net_test_support.h"
 
 namespace {
+
+size_t ThreadsOfThisProcess() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
+}
 
 struct HandlerLog {
   std::atomic<int> events{0}, destroyed{0};
@@ -70,12 +76,14 @@ TEST_F(SocketPoolTest, LimitServingOnceStopAndDestruction) {
   EXPECT_EQ(2, log.destroyed.load());  // the waiting socket deleted with its handler
   EXPECT_EQ(1, log.events.load());
   EXPECT_TRUE(clients[0]->SeesClose(2000));
-  {  // destroying a running pool stops it as well
+  const size_t threads = ThreadsOfThisProcess();
+  {  // destroying a running pool stops it and its threads as well
     QmioSocketPool running;
     running.Initialize(4, 1);
     ASSERT_EQ(0, running.AddSocket(Connect()));
   }
   EXPECT_EQ(3, log.destroyed.load());
+  EXPECT_LE(ThreadsOfThisProcess(), threads);
   OneShotHandler other(&log);  // a socket keeps its first handler
   EXPECT_FALSE(third->SetEventHandler(&other));
   EXPECT_NE(&other, third->GetEventHandler());
