@@ -1,0 +1,48 @@
+#ifndef QM_OAP_OAPMESSAGESWEEPER_H
+#define QM_OAP_OAPMESSAGESWEEPER_H
+
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+class OAPMessageStore;
+class QmLogInterface;
+
+// Keeps a message store within its bounds: once a second, on a thread of its
+// own, it removes the messages older than the retention and the oldest
+// beyond the limit, in small batches so that sends and answers waiting for
+// the store never wait long. Each sweep that removed something logs one info
+// line with the count.
+//
+// Start and Stop are called by the owner's thread; Stop (also run by the
+// destructor) wakes the thread and joins it, which takes at most one batch.
+// The logger is not owned and must stay usable until Stop returns.
+class OAPMessageSweeper {
+ public:
+  OAPMessageSweeper(std::shared_ptr<OAPMessageStore> store, int retentionMinutes, size_t limit,
+                    QmLogInterface* logger);
+  ~OAPMessageSweeper();
+  OAPMessageSweeper(const OAPMessageSweeper&) = delete;
+  OAPMessageSweeper& operator=(const OAPMessageSweeper&) = delete;
+
+  void Start();
+  void Stop();
+  // One sweep now, on the caller's thread; the number of messages removed.
+  size_t Sweep();
+
+ private:
+  void Run();
+
+  const std::shared_ptr<OAPMessageStore> m_store;
+  const int m_retentionMinutes;
+  const size_t m_limit;
+  QmLogInterface* const m_logger;
+  std::mutex m_mutex;
+  std::condition_variable m_wake;
+  bool m_stop = false;
+  std::thread m_thread;
+};
+
+#endif
