@@ -10,6 +10,8 @@
 #include "OAPDeviceController.h"
 #include "OAPDeviceRegistrar.h"
 #include "OAPListener.h"
+#include "OAPMessageStore.h"
+#include "OAPMessageSweeper.h"
 #include "OAPTracer.h"
 #include "QmException.h"
 #include "QmString.h"
@@ -23,10 +25,19 @@ const char kSource[] = "messenger_drivers/oap/src/OAPClient";
 const unsigned int kAnswerLimit = 2000;
 const int kAnswerTimeoutMs = 2000;
 
+const uint32_t kBlockBits = 16;
+const uint32_t kBlockLast = 0xffff;
+// Random draws for a free block before the counter stays where it is.
+const int kBlockDraws = 64;
+
 // A multiple of 65536 from 65536 to 65535 * 65536.
+uint32_t RandomBlockBase() {
+  return static_cast<uint32_t>((rand() % 65535) + 1) << kBlockBits;
+}
+
 uint32_t RandomTrackingBase() {
   srand(static_cast<unsigned>(time(nullptr)));
-  return static_cast<uint32_t>((rand() % 65535) + 1) << 16;
+  return RandomBlockBase();
 }
 
 }  // namespace
@@ -40,13 +51,23 @@ OAPClient::~OAPClient() {
   OAPDeviceRegistrar::GetInstance()->DetachClient(this);
 }
 
+void OAPClient::SetMessageStore(std::shared_ptr<OAPMessageStore> store, int retentionMinutes,
+                                size_t limit) {
+  m_store = std::move(store);
+  m_retentionMinutes = retentionMinutes;
+  m_storeLimit = limit;
+}
+
 std::string OAPClient::GetRunningModuleName() {
   return "Qm OAP Client";
 }
 
 bool OAPClient::InitializeSpecial() {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::InitializeSpecial", "FALSE");
-  OAPDeviceRegistrar::GetInstance()->SetLogger(m_logger);
+  OAPDeviceRegistrar* registry = OAPDeviceRegistrar::GetInstance();
+  registry->SetLogger(m_logger);
+  registry->AttachClient(weak_from_this());
+  if (m_store != nullptr) registry->SetStore(m_store);
   // A second start replaces the listener: the running one is stopped first.
   if (Listener != nullptr) FinalizeSpecial();
   bool result = false;
@@ -61,12 +82,18 @@ bool OAPClient::InitializeSpecial() {
   } catch (const QmException& e) {
     QM_LOG(m_logger, Error, kSource, QmstringFormat("%s", e.GetMsg().c_str()));
   }
+  if (result && m_store != nullptr) {
+    m_sweeper =
+        std::make_unique<OAPMessageSweeper>(m_store, m_retentionMinutes, m_storeLimit, m_logger);
+    m_sweeper->Start();
+  }
   trace.SetResult(OAPTracer::TrueFalse(result));
   return result;
 }
 
 bool OAPClient::FinalizeSpecial() {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::FinalizeSpecial", "FALSE");
+  m_sweeper.reset();
   bool result = false;
   try {
     if (Listener != nullptr && m_listenerStarted) {
@@ -87,8 +114,34 @@ bool OAPClient::FinalizeSpecial() {
 }
 
 uint32_t OAPClient::NextTrackingNumber() {
-  const uint32_t number = TrackingBase.fetch_add(1);
-  return number != 0 ? number : TrackingBase.fetch_add(1);
+  for (;;) {
+    const uint32_t number = TrackingBase.fetch_add(1);
+    if (number != 0 && MayIssue(number)) return number;
+  }
+}
+
+bool OAPClient::MayIssue(uint32_t number) {
+  const uint32_t block = number >> kBlockBits;
+  if (m_checkedBlock.load() == block) return true;
+  std::lock_guard<std::mutex> guard(m_blockMutex);
+  if (m_checkedBlock.load() == block) return true;
+  const std::shared_ptr<OAPMessageStore> store = StoreInUse();
+  auto occupied = [&store](uint32_t base) { return store->AnyInRange(base, base | kBlockLast); };
+  if (!occupied(block << kBlockBits)) {
+    m_checkedBlock = block;
+    return true;
+  }
+  // Another thread may have moved the counter already.
+  if ((TrackingBase.load() >> kBlockBits) == block) {
+    uint32_t base = RandomBlockBase();
+    for (int draw = 1; draw < kBlockDraws && occupied(base); ++draw) base = RandomBlockBase();
+    TrackingBase = base;
+  }
+  return false;
+}
+
+std::shared_ptr<OAPMessageStore> OAPClient::StoreInUse() {
+  return m_store != nullptr ? m_store : OAPDeviceRegistrar::GetInstance()->GetStore();
 }
 
 int OAPClient::GetListeningPort() const {
@@ -100,8 +153,9 @@ unsigned long OAPClient::SendAMessage(MessageBody* body) {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::SendAMessage", "Failure(0)");
   unsigned long tracking = 0;
   if (body != nullptr) {
-    OAPDeviceController* device = OAPDeviceRegistrar::GetInstance()->GetDevice(body->to, true);
-    device->SetClient(this);
+    const OAPDeviceRegistrar::Device device =
+        OAPDeviceRegistrar::GetInstance()->GetDevice(body->to, true);
+    device->SetClient(weak_from_this());
     tracking = device->SendAMessage(body);
   }
   trace.SetResult(QmstringFormat("%s(%lu)", tracking != 0 ? "Success" : "Failure", tracking));
@@ -111,7 +165,7 @@ unsigned long OAPClient::SendAMessage(MessageBody* body) {
 int OAPClient::GetStatus(const std::string& device, unsigned long tracking) {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::GetStatus", "0");
   OAPDeviceController::MsgStatus status;
-  OAPDeviceController* controller =
+  const OAPDeviceRegistrar::Device controller =
       OAPDeviceRegistrar::GetInstance()->GetDevice(device, static_cast<uint32_t>(tracking));
   if (controller != nullptr) controller->GetStatus(static_cast<uint32_t>(tracking), status);
   const int state = status.state;
@@ -122,7 +176,7 @@ int OAPClient::GetStatus(const std::string& device, unsigned long tracking) {
 std::list<std::string> OAPClient::QueryResponse(const std::string& device, unsigned long tracking) {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::QueryResponse", "0");
   std::list<std::string> replies;
-  OAPDeviceController* controller =
+  const OAPDeviceRegistrar::Device controller =
       OAPDeviceRegistrar::GetInstance()->GetDevice(device, static_cast<uint32_t>(tracking));
   if (controller != nullptr) {
     replies = controller->QueryResponse(device, static_cast<uint32_t>(tracking));
@@ -133,14 +187,14 @@ std::list<std::string> OAPClient::QueryResponse(const std::string& device, unsig
 
 void OAPClient::WipeOptions(unsigned long tracking) {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::WipeOptions");
-  OAPDeviceController* controller =
+  const OAPDeviceRegistrar::Device controller =
       OAPDeviceRegistrar::GetInstance()->GetDeviceByTrackingID(static_cast<uint32_t>(tracking));
   if (controller != nullptr) {
     auto update = std::make_unique<MessageBody>();
     update->version = "4.0";
     update->updateOnlyExisting = true;
     update->id = static_cast<uint32_t>(tracking);
-    controller->SetClient(this);
+    controller->SetClient(weak_from_this());
     try {
       controller->SendAMessage(update.release());
     } catch (const std::exception& e) {

@@ -2,9 +2,11 @@
 #define QM_OAP_OAPCLIENT_H
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "QmPlainModule.h"
@@ -12,22 +14,33 @@
 class MessageBody;
 class OAPBlock;
 class OAPListener;
+class OAPMessageStore;
+class OAPMessageSweeper;
 
 // The module the driver owns for its whole life: it starts and stops the
 // inbound listener, leads the driver's sends and queries to the device
 // registry, and performs the one outbound exchange with an OAP server
 // (DispatchPayLoad). It keeps the process's tracking-number counter.
 //
-// Owns the listener from InitializeSpecial to FinalizeSpecial. Sends,
-// queries and dispatches may run on many threads at once: each dispatch uses
-// a socket of its own and the counter is drawn atomically.
-class OAPClient : public QmPlainModule {
+// Owns the listener from InitializeSpecial to FinalizeSpecial, and while it
+// runs keeps the message store it was given within its bounds. Made and held
+// through std::shared_ptr: device controllers refer to it weakly, so that a
+// client being let go never leaves them a dangling pointer. Sends, queries
+// and dispatches may run on many threads at once: each dispatch uses a
+// socket of its own and the counter is drawn atomically.
+class OAPClient : public QmPlainModule, public std::enable_shared_from_this<OAPClient> {
  public:
   // Stores the listener's port and address and draws a random tracking base.
   OAPClient(int port, const std::string& address);
   // Stops a listener that was not finalised, and detaches the client from
-  // the controllers that dispatch through it.
+  // the device registry.
   ~OAPClient() override;
+
+  // The store the device registry keeps message state in from
+  // InitializeSpecial on, with the age (minutes) and the number of messages
+  // beyond which messages are forgotten. Without one the registry keeps its
+  // store and nothing is swept. Called before Initialize.
+  void SetMessageStore(std::shared_ptr<OAPMessageStore> store, int retentionMinutes, size_t limit);
 
   bool InitializeSpecial() override;
   bool FinalizeSpecial() override;
@@ -53,7 +66,10 @@ class OAPClient : public QmPlainModule {
   OAPBlock* DispatchPayLoad(const std::string& host, int port, OAPBlock* request);
 
   // The next tracking number: read, then incremented by one. 0 is skipped
-  // when the counter wraps: it stands for a failed send.
+  // when the counter wraps: it stands for a failed send. Numbers come from
+  // blocks of 65536 in which the store knew no message when the counter
+  // entered them; the counter moves on to a random free block when the next
+  // block holds messages from before.
   uint32_t NextTrackingNumber();
   // The port the running listener is bound to, -1 without a listener.
   int GetListeningPort() const;
@@ -65,9 +81,22 @@ class OAPClient : public QmPlainModule {
   std::atomic<uint32_t> TrackingBase;
 
  private:
+  // Whether the counter may issue `number`; moves it to a free block when
+  // the number's block holds stored messages.
+  bool MayIssue(uint32_t number);
+  std::shared_ptr<OAPMessageStore> StoreInUse();
+
   std::unique_ptr<OAPListener> Listener;
   // Whether the listener's thread was started (and so must be stopped).
   bool m_listenerStarted = false;
+  std::shared_ptr<OAPMessageStore> m_store;
+  int m_retentionMinutes = 0;
+  size_t m_storeLimit = 0;
+  std::unique_ptr<OAPMessageSweeper> m_sweeper;
+  // The block (number >> 16) checked last; kNoBlock before the first.
+  static const uint32_t kNoBlock = 0x10000;
+  std::atomic<uint32_t> m_checkedBlock{kNoBlock};
+  std::mutex m_blockMutex;
 };
 
 #endif

@@ -12,6 +12,9 @@
 
 #include "MessageBody.h"
 #include "OAPClient.h"
+#include "OAPDeviceRegistrar.h"
+#include "OAPMemoryMessageStore.h"
+#include "OAPSQLiteMessageStore.h"
 #include "OAPTracer.h"
 #include "QmAny.h"
 #include "QmException.h"
@@ -83,6 +86,26 @@ void CopyPresentation(const QmOAPMessageFile& job, MessageBody* body) {
 const char kTrue[] = "TRUE";
 const char kFalse[] = "FALSE";
 
+// The settings Configure takes, and the value of kStoreKey that keeps the
+// messages in memory.
+const char kStoreKey[] = "MessageStore";
+const char kRetentionKey[] = "MessageRetentionMinutes";
+const char kLimitKey[] = "MessageStoreLimit";
+const char kInMemory[] = "memory";
+const long kMaxRetentionMinutes = 5256000;  // ten years
+const long kMaxStoreLimit = 100000000;
+
+// A whole decimal number from 1 to `maximum`, blanks around it allowed.
+bool ReadCount(const std::string& text, long maximum, long* out) {
+  const std::string digits = QmstringTrim(text);
+  if (digits.empty() || digits.size() > 12 ||
+      digits.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  *out = std::strtol(digits.c_str(), nullptr, 10);
+  return *out >= 1 && *out <= maximum;
+}
+
 }  // namespace
 
 QmOAPDriver::QmOAPDriver()
@@ -94,11 +117,72 @@ QmOAPDriver::QmOAPDriver()
   ReportsManager = nullptr;
 }
 
-QmOAPDriver::~QmOAPDriver() = default;
+QmOAPDriver::~QmOAPDriver() {
+  Client.reset();
+  // The device controllers and the message store go with the driver.
+  OAPDeviceRegistrar::GetInstance()->Clear();
+}
 
-bool QmOAPDriver::Configure(std::map<std::string, std::string>& /*settings*/) {
-  OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Configure", kTrue);
+bool QmOAPDriver::Configure(std::map<std::string, std::string>& settings) {
+  OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Configure", kFalse);
+  // All or nothing: a bad value leaves the settings as they were.
+  StoreSettings chosen = m_settings;
+  for (const auto& setting : settings) {
+    if (!ApplySetting(setting.first, setting.second, &chosen)) return false;
+  }
+  m_settings = chosen;
+  trace.SetResult(kTrue);
   return true;
+}
+
+bool QmOAPDriver::ApplySetting(const std::string& key, const std::string& value,
+                               StoreSettings* settings) {
+  long number = 0;
+  std::string expected;
+  if (key == kStoreKey) {
+    const std::string where = QmstringTrim(value);
+    if (!where.empty()) {
+      settings->where = QmstringEqualsNoCase(where, kInMemory) ? kInMemory : where;
+      return true;
+    }
+    expected = "\"memory\" or the path of a file";
+  } else if (key == kRetentionKey) {
+    if (ReadCount(value, kMaxRetentionMinutes, &number)) {
+      settings->retentionMinutes = static_cast<int>(number);
+      return true;
+    }
+    expected = "whole minutes from 1 to " + std::to_string(kMaxRetentionMinutes);
+  } else if (key == kLimitKey) {
+    if (ReadCount(value, kMaxStoreLimit, &number)) {
+      settings->limit = static_cast<size_t>(number);
+      return true;
+    }
+    expected = "a whole number of messages from 1 to " + std::to_string(kMaxStoreLimit);
+  } else {
+    QM_LOG(Logger, Warn, kSource, QmstringFormat("Ignoring unknown setting '%s'.", key.c_str()));
+    return true;
+  }
+  QM_LOG(Logger, Error, kSource,
+         QmstringFormat("Invalid value '%s' for setting '%s': expected %s.", value.c_str(),
+                        key.c_str(), expected.c_str()));
+  return false;
+}
+
+std::shared_ptr<OAPMessageStore> QmOAPDriver::OpenStore() {
+  if (m_store != nullptr && m_storeWhere == m_settings.where) return m_store;
+  m_storeWhere = m_settings.where;
+  m_store = nullptr;
+  if (m_storeWhere != kInMemory) {
+    std::string error;
+    m_store = OAPSQLiteMessageStore::Open(m_storeWhere, Logger, &error);
+    if (m_store == nullptr) {
+      QM_LOG(Logger, Critical, kSource,
+             QmstringFormat("Cannot use message store '%s' (%s); keeping messages in memory.",
+                            m_storeWhere.c_str(), error.c_str()));
+    }
+  }
+  if (m_store == nullptr) m_store = std::make_shared<OAPMemoryMessageStore>();
+  return m_store;
 }
 
 bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
@@ -113,7 +197,8 @@ bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
     FinalizeClient();
     std::string address(conf->ListenerAddress,
                         strnlen(conf->ListenerAddress, sizeof(conf->ListenerAddress)));
-    Client.reset(new OAPClient(static_cast<int>(port), address));
+    Client = std::make_shared<OAPClient>(static_cast<int>(port), address);
+    Client->SetMessageStore(OpenStore(), m_settings.retentionMinutes, m_settings.limit);
     result = Client->Initialize(Logger, "");
     if (!result) QM_LOG(Logger, Critical, kSource, "Failed to Initialize OAP Client.");
   }

@@ -1,6 +1,7 @@
 #ifndef QM_OAP_QMOAPDRIVER_H
 #define QM_OAP_QMOAPDRIVER_H
 
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <string>
@@ -8,11 +9,14 @@
 #include "QmProtocolDriverInterface.h"
 
 class OAPClient;
+class OAPMessageStore;
 
 // The OAP driver: turns host jobs into OAP messages sent through the
 // OAPClient module and answers the host's two-way queries from the client's
 // record of delivery reports and handset answers. It owns the client from
-// Setup to Cleanup; the host owns every job record it passes in.
+// Setup to Cleanup, and the message store (chosen with Configure) from the
+// first Setup until it is deleted; the host owns every job record it passes
+// in.
 class QmOAPDriver : public QmProtocolDriverInterface {
  public:
   QmOAPDriver();
@@ -40,6 +44,20 @@ class QmOAPDriver : public QmProtocolDriverInterface {
   std::string GetCallerID(QmOAPMessageFile* job);
 
  private:
+  // What Configure chose; used by the next Setup.
+  struct StoreSettings {
+    // "memory", or the path of an SQLite file.
+    std::string where = "memory";
+    int retentionMinutes = 4320;
+    size_t limit = 1000000;
+  };
+
+  // Takes one setting into `settings`; false (with an error line) for a bad
+  // value. Unknown keys are logged and ignored.
+  bool ApplySetting(const std::string& key, const std::string& value, StoreSettings* settings);
+  // The store of the settings: the one open when they name it, else a newly
+  // opened one; a file that cannot be used gives a store in memory.
+  std::shared_ptr<OAPMessageStore> OpenStore();
   // Hands the job to the client as a new message body; the tracking
   // number, or 0 when the server did not accept it.
   unsigned long DispatchJob(QmOAPMessageFile* job);
@@ -52,7 +70,11 @@ class QmOAPDriver : public QmProtocolDriverInterface {
   const char* ProtocolName;
   const char* Version;
   const char* CarrierName;
-  std::unique_ptr<OAPClient> Client;
+  std::shared_ptr<OAPClient> Client;
+  StoreSettings m_settings;
+  std::shared_ptr<OAPMessageStore> m_store;
+  // The `where` setting m_store was opened for.
+  std::string m_storeWhere;
 };
 
 #endif
