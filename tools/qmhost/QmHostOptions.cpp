@@ -179,6 +179,7 @@ bool ParseGlobalOption(const std::string& option, ArgReader& reader, QmHostOptio
   }
   if (option == "--plugin") return reader.Value(option, &out->plugin, error);
   if (option == "--workdir") return reader.Value(option, &out->workdir, error);
+  if (option == "--state") return reader.Value(option, &out->statePath, error);
   if (option == "--listen-port") return reader.Value(option, &out->listenPort, error);
   if (option == "--listen-address") return reader.Value(option, &out->listenAddress, error);
   if (option == "--poll-ms") return reader.Number(option, 1, &out->pollMs, error);
@@ -261,7 +262,8 @@ bool QmHostOptions::ParseStatus(const std::string& text, int* status) {
 
 std::string QmHostOptions::Usage() {
   return "Usage: qmhost --plugin PATH --workdir DIR --listen-port N [--listen-address A]\n"
-         "              [--poll-ms 200] [--duration-ms 10000] [--until-expected] JOB...\n"
+         "              [--state FILE] [--poll-ms 200] [--duration-ms 10000] [--until-expected]\n"
+         "              JOB...\n"
          "\n"
          "Loads an OAP driver plug-in, sends the jobs and runs the two-way query cycle,\n"
          "printing every job the driver hands back.\n"
@@ -270,6 +272,8 @@ std::string QmHostOptions::Usage() {
          "  --workdir DIR          work directory; logging is configured in DIR/config\n"
          "  --listen-port N        port of the driver's inbound listener\n"
          "  --listen-address A     address the listener binds to (default 127.0.0.1)\n"
+         "  --state FILE           the driver's message store, kept over restarts\n"
+         "                         (default DIR/qmhost-state.db; 'memory' keeps none)\n"
          "  --poll-ms N            time between two query rounds (default 200)\n"
          "  --duration-ms N        how long the query cycle runs (default 10000)\n"
          "  --until-expected       end the cycle once every job saw its expected statuses\n"

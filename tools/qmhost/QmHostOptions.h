@@ -52,6 +52,8 @@ class QmHostOptions {
   bool help = false;
   std::string plugin;
   std::string workdir;
+  // The driver's message store; empty: a file in the work directory.
+  std::string statePath;
   std::string listenPort;
   std::string listenAddress = "127.0.0.1";
   int pollMs = 200;
