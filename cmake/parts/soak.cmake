@@ -29,4 +29,14 @@ if(QM_BUILD_TESTS AND TARGET qmoapdriver AND TARGET qm_refhost AND TARGET qm_cor
   target_link_libraries(soak_stop_tests PRIVATE qm_net qm_log qm_ini_codec)
   target_include_directories(soak_stop_tests PRIVATE
     ${CMAKE_CURRENT_SOURCE_DIR}/runtime/tests)
+
+  # The message store: host processes killed and restarted on one store file
+  # (played by soak_host), and memory and file size under a long run.
+  add_executable(soak_host ${QM_SOAK_DIR}/soak_host.cpp)
+  target_compile_options(soak_host PRIVATE ${QM_WARNINGS})
+  target_link_libraries(soak_host PRIVATE qm_refhost qm_core Threads::Threads)
+  qm_soak_test(soak_store_tests 900 ${QM_SOAK_DIR}/soak_store_test.cpp)
+  add_dependencies(soak_store_tests soak_host)
+  target_compile_definitions(soak_store_tests PRIVATE
+    QM_SOAK_HOST_PATH="$<TARGET_FILE:soak_host>")
 endif()

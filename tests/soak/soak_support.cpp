@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 
 namespace {
@@ -69,6 +70,12 @@ size_t LoopbackOapServer::Messages() {
   return m_messages.size();
 }
 
+size_t LoopbackOapServer::Requests(const std::string& hexId) {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  auto found = m_messages.find(hexId);
+  return found != m_messages.end() ? found->second : 0;
+}
+
 size_t LoopbackOapServer::Repeats() {
   std::lock_guard<std::mutex> guard(m_mutex);
   return m_requests - m_messages.size();
@@ -95,7 +102,7 @@ void LoopbackOapServer::ServeOne(int fd) {
     request.append(buffer, static_cast<size_t>(got));
   }
   const std::string id = Between(request, " id=\"", "\"");
-  {
+  if (m_counting) {
     // A version 4.0 update travels under a fresh id; its envelope names the
     // message it replaces.
     const std::string envelope = Between(request, "<Id>", "</Id>");
@@ -132,6 +139,7 @@ void SoakDriverTest::SetUp() {
   DriverTest::SetUp();
   if (HasFatalFailure()) return;
   if (!withLogger) driver->Logger = nullptr;
+  ASSERT_TRUE(driver->Configure(settings));
   threadsBefore = ThreadCount();
   SetupOnFreePort();
 }
@@ -154,6 +162,15 @@ void SoakDriverTest::Address(QmReferenceJob& job, const std::string& handset,
   job.IsInteractive = job.ExpectsResponse = interactive;
   job.ResponseChoices.assign(interactive ? 1 : 0, QmResponseChoice());
   if (interactive) job.ResponseChoices.front().Text = "Yes";
+}
+
+TempFolder::TempFolder() {
+  char pattern[] = "/tmp/qm_soak_XXXXXX";
+  m_path = mkdtemp(pattern) != nullptr ? pattern : "/tmp";
+}
+
+TempFolder::~TempFolder() {
+  if (m_path != "/tmp") std::system(("rm -rf '" + m_path + "'").c_str());
 }
 
 size_t ThreadCount() {

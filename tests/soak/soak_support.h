@@ -56,10 +56,16 @@ class LoopbackOapServer {
   void Stop();
   int Port() const { return m_port; }
   void SetMode(Mode mode) { m_mode = mode; }
+  // Whether requests are counted per message (the counts grow with every
+  // message; a memory soak turns them off).
+  void SetCounting(bool counting) { m_counting = counting; }
   // Messages seen, and requests that were about a message seen before (the
   // updates that echo an answer on the handset).
   size_t Messages();
   size_t Repeats();
+  // Requests about the message with this hexadecimal id (its own and the
+  // updates of it).
+  size_t Requests(const std::string& hexId);
 
  private:
   void Serve();
@@ -69,6 +75,7 @@ class LoopbackOapServer {
   int m_port = 0;
   std::atomic<bool> m_stop{false};
   std::atomic<Mode> m_mode{Mode::kAccept};
+  std::atomic<bool> m_counting{true};
   std::mutex m_mutex;
   std::map<std::string, size_t> m_messages;
   size_t m_requests = 0;
@@ -91,6 +98,19 @@ class SoakDriverTest : public DriverTest {
   size_t threadsBefore = 0;  // with the server's thread, before Setup
   LoopbackOapServer server;
   bool withLogger = true;
+  // Given to Configure before Setup.
+  std::map<std::string, std::string> settings;
+};
+
+// A folder of its own under /tmp, removed with everything in it.
+class TempFolder {
+ public:
+  TempFolder();
+  ~TempFolder();
+  std::string File(const std::string& name) const { return m_path + "/" + name; }
+
+ private:
+  std::string m_path;
 };
 
 #endif

@@ -83,8 +83,10 @@ bool OAPClient::InitializeSpecial() {
     QM_LOG(m_logger, Error, kSource, QmstringFormat("%s", e.GetMsg().c_str()));
   }
   if (result && m_store != nullptr) {
-    m_sweeper =
-        std::make_unique<OAPMessageSweeper>(m_store, m_retentionMinutes, m_storeLimit, m_logger);
+    if (m_sweeper == nullptr) {
+      m_sweeper =
+          std::make_unique<OAPMessageSweeper>(m_store, m_retentionMinutes, m_storeLimit, m_logger);
+    }
     m_sweeper->Start();
   }
   trace.SetResult(OAPTracer::TrueFalse(result));
@@ -93,7 +95,7 @@ bool OAPClient::InitializeSpecial() {
 
 bool OAPClient::FinalizeSpecial() {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::FinalizeSpecial", "FALSE");
-  m_sweeper.reset();
+  if (m_sweeper != nullptr) m_sweeper->Stop();
   bool result = false;
   try {
     if (Listener != nullptr && m_listenerStarted) {
@@ -157,6 +159,7 @@ unsigned long OAPClient::SendAMessage(MessageBody* body) {
         OAPDeviceRegistrar::GetInstance()->GetDevice(body->to, true);
     device->SetClient(weak_from_this());
     tracking = device->SendAMessage(body);
+    if (m_sweeper != nullptr) m_sweeper->Poke();
   }
   trace.SetResult(QmstringFormat("%s(%lu)", tracking != 0 ? "Success" : "Failure", tracking));
   return tracking;

@@ -92,6 +92,7 @@ class OAPClient : public QmPlainModule, public std::enable_shared_from_this<OAPC
   std::shared_ptr<OAPMessageStore> m_store;
   int m_retentionMinutes = 0;
   size_t m_storeLimit = 0;
+  // Made by the first InitializeSpecial; runs until FinalizeSpecial.
   std::unique_ptr<OAPMessageSweeper> m_sweeper;
   // The block (number >> 16) checked last; kNoBlock before the first.
   static const uint32_t kNoBlock = 0x10000;

@@ -43,9 +43,21 @@ void OAPMessageSweeper::Stop() {
   if (m_thread.joinable()) m_thread.join();
 }
 
+void OAPMessageSweeper::Poke() {
+  if (m_store->Count() <= m_limit + m_limit / 16) return;
+  {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_due = true;
+  }
+  m_wake.notify_all();
+}
+
 void OAPMessageSweeper::Run() {
   std::unique_lock<std::mutex> lock(m_mutex);
-  while (!m_wake.wait_for(lock, kPeriod, [this] { return m_stop; })) {
+  while (!m_stop) {
+    m_wake.wait_for(lock, kPeriod, [this] { return m_stop || m_due; });
+    if (m_stop) break;
+    m_due = false;
     lock.unlock();
     Sweep();
     lock.lock();

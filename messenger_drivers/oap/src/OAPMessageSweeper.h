@@ -10,15 +10,17 @@
 class OAPMessageStore;
 class QmLogInterface;
 
-// Keeps a message store within its bounds: once a second, on a thread of its
-// own, it removes the messages older than the retention and the oldest
+// Keeps a message store within its bounds: once a second, and at once when
+// poked while the store holds a sixteenth more than its limit, a thread of
+// its own removes the messages older than the retention and the oldest
 // beyond the limit, in small batches so that sends and answers waiting for
 // the store never wait long. Each sweep that removed something logs one info
 // line with the count.
 //
-// Start and Stop are called by the owner's thread; Stop (also run by the
-// destructor) wakes the thread and joins it, which takes at most one batch.
-// The logger is not owned and must stay usable until Stop returns.
+// Start and Stop are called by the owner's thread, Poke by any thread. Stop
+// (also run by the destructor) wakes the thread and joins it, which takes at
+// most one batch; the sweeper may be started again. The logger is not owned
+// and must stay usable until Stop returns.
 class OAPMessageSweeper {
  public:
   OAPMessageSweeper(std::shared_ptr<OAPMessageStore> store, int retentionMinutes, size_t limit,
@@ -29,6 +31,8 @@ class OAPMessageSweeper {
 
   void Start();
   void Stop();
+  // Asks for a sweep now when the store has grown well beyond its limit.
+  void Poke();
   // One sweep now, on the caller's thread; the number of messages removed.
   size_t Sweep();
 
@@ -42,6 +46,7 @@ class OAPMessageSweeper {
   std::mutex m_mutex;
   std::condition_variable m_wake;
   bool m_stop = false;
+  bool m_due = false;
   std::thread m_thread;
 };
 
