@@ -19,13 +19,20 @@ const int kApplicationId = 0x514d5354;
 const int kLayout = 1;
 // How long opening waits for a file that another connection is writing.
 const int kBusyTimeoutMs = 500;
+// Messages kept decoded for reads without the file.
+const size_t kRecentMessages = 4096;
+// The write-ahead log is moved into the file by Expire (the sweeper's
+// thread) rather than by the commit that fills it, so that a send does not
+// wait for the copy and its syncs. A log this long (64 MiB of pages) is
+// moved by the commit all the same, for a store nobody sweeps.
+const int kLogFramesLimit = 16384;
+const char kLogSizeLimit[] = "PRAGMA journal_size_limit=4194304";
 
 const char kSchema[] =
     "CREATE TABLE IF NOT EXISTS messages("
     "tracking INTEGER PRIMARY KEY, address TEXT NOT NULL, state INTEGER NOT NULL, "
     "closed INTEGER NOT NULL, responses BLOB, body BLOB, body_of INTEGER NOT NULL, "
-    "created INTEGER NOT NULL);"
-    "CREATE INDEX IF NOT EXISTS messages_by_age ON messages(created);";
+    "created INTEGER NOT NULL);";
 // Insert and update bind the same parameters: ?1 the tracking number, then
 // the columns in table order.
 const char kInsert[] =
@@ -37,14 +44,10 @@ const char kUpdate[] =
 const char kSelect[] =
     "SELECT address, state, closed, responses, body, body_of, created FROM messages "
     "WHERE tracking = ?1";
-const char kDelete[] = "DELETE FROM messages WHERE tracking = ?1";
+// With ?2 -1 any row of the number goes; else only the one made then.
+const char kDelete[] = "DELETE FROM messages WHERE tracking = ?1 AND (?2 < 0 OR created = ?2)";
 const char kRange[] = "SELECT 1 FROM messages WHERE tracking BETWEEN ?1 AND ?2 LIMIT 1";
-const char kExpireOld[] =
-    "DELETE FROM messages WHERE tracking IN "
-    "(SELECT tracking FROM messages WHERE created < ?1 ORDER BY created LIMIT ?2)";
-const char kExpireOldest[] =
-    "DELETE FROM messages WHERE tracking IN "
-    "(SELECT tracking FROM messages ORDER BY created, tracking LIMIT ?1)";
+const char kAges[] = "SELECT created, tracking FROM messages";
 
 // Resets a statement and its bindings when the scope ends.
 class Use {
@@ -91,7 +94,8 @@ bool TakeFile(sqlite3* db, std::string* error) {
   std::string mode, id, tables, check;
   // Held from the first write until the connection closes: a second process
   // cannot use the file meanwhile.
-  if (sqlite3_exec(db, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK ||
+  if (sqlite3_exec(db, "PRAGMA locking_mode=EXCLUSIVE; PRAGMA page_size=1024", nullptr, nullptr,
+                   nullptr) != SQLITE_OK ||
       !QueryText(db, "PRAGMA journal_mode=WAL", &mode) ||
       !QueryText(db, "PRAGMA application_id", &id) ||
       !QueryText(db, "SELECT count(*) FROM sqlite_master", &tables)) {
@@ -140,6 +144,8 @@ std::shared_ptr<OAPSQLiteMessageStore> OAPSQLiteMessageStore::Open(const std::st
   sqlite3_busy_timeout(db, kBusyTimeoutMs);
   std::shared_ptr<OAPSQLiteMessageStore> store(new OAPSQLiteMessageStore(db, path, logger));
   if (!TakeFile(db, error) || !store->Prepare(error)) return nullptr;
+  sqlite3_exec(db, kLogSizeLimit, nullptr, nullptr, nullptr);
+  sqlite3_wal_hook(db, &OAPSQLiteMessageStore::OnCommit, store.get());
   return store;
 }
 
@@ -148,24 +154,17 @@ OAPSQLiteMessageStore::OAPSQLiteMessageStore(sqlite3* db, const std::string& pat
     : m_db(db), m_path(path), m_logger(logger) {}
 
 OAPSQLiteMessageStore::~OAPSQLiteMessageStore() {
-  m_insert.reset();
-  m_update.reset();
-  m_select.reset();
-  m_delete.reset();
-  m_range.reset();
-  m_expireOld.reset();
-  m_expireOldest.reset();
+  for (Statement* statement :
+       {&m_insert, &m_update, &m_select, &m_delete, &m_range, &m_begin, &m_commit}) {
+    statement->reset();
+  }
   sqlite3_close(m_db);
 }
 
 bool OAPSQLiteMessageStore::Prepare(std::string* error) {
-  const std::pair<Statement*, const char*> statements[] = {{&m_insert, kInsert},
-                                                           {&m_update, kUpdate},
-                                                           {&m_select, kSelect},
-                                                           {&m_delete, kDelete},
-                                                           {&m_range, kRange},
-                                                           {&m_expireOld, kExpireOld},
-                                                           {&m_expireOldest, kExpireOldest}};
+  const std::pair<Statement*, const char*> statements[] = {
+      {&m_insert, kInsert}, {&m_update, kUpdate}, {&m_select, kSelect}, {&m_delete, kDelete},
+      {&m_range, kRange},   {&m_begin, "BEGIN"},  {&m_commit, "COMMIT"}};
   for (const auto& entry : statements) {
     sqlite3_stmt* statement = nullptr;
     if (sqlite3_prepare_v3(m_db, entry.second, -1, SQLITE_PREPARE_PERSISTENT, &statement,
@@ -175,13 +174,32 @@ bool OAPSQLiteMessageStore::Prepare(std::string* error) {
     }
     entry.first->reset(statement);
   }
-  std::string rows;
-  if (!QueryText(m_db, "SELECT count(*) FROM messages", &rows)) {
+  sqlite3_stmt* ages = nullptr;
+  if (sqlite3_prepare_v2(m_db, kAges, -1, &ages, nullptr) != SQLITE_OK) {
     *error = sqlite3_errmsg(m_db);
     return false;
   }
-  m_rows = std::stoul(rows);
+  int rc = SQLITE_OK;
+  while ((rc = sqlite3_step(ages)) == SQLITE_ROW) {
+    m_age.emplace_back(sqlite3_column_int64(ages, 0),
+                       static_cast<uint32_t>(sqlite3_column_int64(ages, 1)));
+  }
+  sqlite3_finalize(ages);
+  if (rc != SQLITE_DONE) {
+    *error = sqlite3_errmsg(m_db);
+    return false;
+  }
+  std::sort(m_age.begin(), m_age.end());
+  m_rows = m_age.size();
   return true;
+}
+
+int OAPSQLiteMessageStore::OnCommit(void* self, sqlite3* db, const char* /*name*/, int frames) {
+  static_cast<OAPSQLiteMessageStore*>(self)->m_logFrames = frames;
+  if (frames >= kLogFramesLimit) {
+    sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  }
+  return SQLITE_OK;
 }
 
 void OAPSQLiteMessageStore::LogFailure(const std::string& what) {
@@ -195,7 +213,30 @@ bool OAPSQLiteMessageStore::Run(sqlite3_stmt* statement) {
   return sqlite3_step(statement) == SQLITE_DONE;
 }
 
+void OAPSQLiteMessageStore::Remember(const Message& message) {
+  Unremember(message.tracking);
+  m_recent.push_front(message);
+  m_recentByNumber[message.tracking] = m_recent.begin();
+  if (m_recent.size() > kRecentMessages) {
+    m_recentByNumber.erase(m_recent.back().tracking);
+    m_recent.pop_back();
+  }
+}
+
+void OAPSQLiteMessageStore::Unremember(uint32_t tracking) {
+  auto found = m_recentByNumber.find(tracking);
+  if (found == m_recentByNumber.end()) return;
+  m_recent.erase(found->second);
+  m_recentByNumber.erase(found);
+}
+
 bool OAPSQLiteMessageStore::Load(uint32_t tracking, Message* out) {
+  auto recent = m_recentByNumber.find(tracking);
+  if (recent != m_recentByNumber.end()) {
+    m_recent.splice(m_recent.begin(), m_recent, recent->second);
+    *out = *recent->second;
+    return true;
+  }
   sqlite3_stmt* select = m_select.get();
   Use use(select);
   sqlite3_bind_int64(select, 1, tracking);
@@ -220,6 +261,7 @@ bool OAPSQLiteMessageStore::Load(uint32_t tracking, Message* out) {
     return false;
   }
   out->body = body.empty() ? nullptr : std::move(decoded);
+  Remember(*out);
   return true;
 }
 
@@ -240,12 +282,35 @@ bool OAPSQLiteMessageStore::Write(const Message& message, bool insert) {
   sqlite3_bind_int64(statement, 7, message.bodyOf);
   sqlite3_bind_int64(statement, 8, message.created);
   if (sqlite3_step(statement) != SQLITE_DONE) {
+    Unremember(message.tracking);
     LogFailure(QmstringFormat("cannot write message %lu; it is kept in memory only",
                               0ul + message.tracking));
     return false;
   }
-  if (insert) ++m_rows;
+  if (insert) {
+    ++m_rows;
+    m_age.emplace_back(message.created, message.tracking);
+  }
+  Remember(message);
   return true;
+}
+
+bool OAPSQLiteMessageStore::Delete(uint32_t tracking, int64_t created) {
+  Unremember(tracking);
+  sqlite3_bind_int64(m_delete.get(), 1, tracking);
+  sqlite3_bind_int64(m_delete.get(), 2, created);
+  if (!Run(m_delete.get())) {
+    LogFailure(QmstringFormat("cannot remove message %lu", 0ul + tracking));
+    return false;
+  }
+  if (sqlite3_changes(m_db) == 0) return false;
+  m_rows -= std::min<size_t>(m_rows, 1);
+  return true;
+}
+
+bool OAPSQLiteMessageStore::IsUnsaved(uint32_t tracking) {
+  Message message;
+  return m_unsaved.Find(tracking, &message);
 }
 
 bool OAPSQLiteMessageStore::Change(uint32_t tracking, const std::function<bool(Message&)>& change) {
@@ -322,12 +387,7 @@ bool OAPSQLiteMessageStore::Find(uint32_t tracking, Message* out) {
 void OAPSQLiteMessageStore::Forget(uint32_t tracking) {
   std::lock_guard<std::mutex> guard(m_mutex);
   m_unsaved.Forget(tracking);
-  sqlite3_bind_int64(m_delete.get(), 1, tracking);
-  if (!Run(m_delete.get())) {
-    LogFailure(QmstringFormat("cannot remove message %lu", 0ul + tracking));
-  } else if (sqlite3_changes(m_db) > 0) {
-    --m_rows;
-  }
+  Delete(tracking, -1);
 }
 
 bool OAPSQLiteMessageStore::AnyInRange(uint32_t first, uint32_t last) {
@@ -343,32 +403,26 @@ bool OAPSQLiteMessageStore::AnyInRange(uint32_t first, uint32_t last) {
 size_t OAPSQLiteMessageStore::Expire(int64_t createdBefore, size_t keep, size_t batch) {
   std::lock_guard<std::mutex> guard(m_mutex);
   size_t removed = m_unsaved.Expire(createdBefore, std::numeric_limits<size_t>::max(), batch);
-  if (removed < batch) {
-    sqlite3_bind_int64(m_expireOld.get(), 1, createdBefore);
-    sqlite3_bind_int64(m_expireOld.get(), 2, static_cast<sqlite3_int64>(batch - removed));
-    removed += Remove(m_expireOld.get(), "cannot remove expired messages");
+  // One transaction for the batch.
+  if (removed < batch && !m_age.empty() && !Run(m_begin.get())) {
+    LogFailure("cannot remove expired messages");
+    return removed;
   }
-  if (removed < batch && m_rows > keep) {
-    const size_t excess = std::min(batch - removed, m_rows - keep);
-    sqlite3_bind_int64(m_expireOldest.get(), 1, static_cast<sqlite3_int64>(excess));
-    removed += Remove(m_expireOldest.get(), "cannot remove the oldest messages");
+  while (removed < batch && !m_age.empty() &&
+         (m_age.front().first < createdBefore || m_rows > keep)) {
+    const std::pair<int64_t, uint32_t> oldest = m_age.front();
+    m_age.pop_front();
+    removed += Delete(oldest.second, oldest.first) ? 1 : 0;
+  }
+  if (sqlite3_get_autocommit(m_db) == 0 && !Run(m_commit.get())) {
+    LogFailure("cannot remove expired messages");
+  }
+  if (m_logFrames > 0 &&
+      sqlite3_wal_checkpoint_v2(m_db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr) ==
+          SQLITE_OK) {
+    m_logFrames = 0;
   }
   return removed;
-}
-
-size_t OAPSQLiteMessageStore::Remove(sqlite3_stmt* statement, const char* failure) {
-  if (!Run(statement)) {
-    LogFailure(failure);
-    return 0;
-  }
-  const size_t count = std::min(static_cast<size_t>(sqlite3_changes(m_db)), m_rows);
-  m_rows -= count;
-  return count;
-}
-
-bool OAPSQLiteMessageStore::IsUnsaved(uint32_t tracking) {
-  Message message;
-  return m_unsaved.Find(tracking, &message);
 }
 
 size_t OAPSQLiteMessageStore::Count() {
