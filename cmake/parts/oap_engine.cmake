@@ -15,6 +15,7 @@ add_library(qm_oap_engine OBJECT
   messenger_drivers/oap/src/OAPSQLiteMessageStore.cpp
   messenger_drivers/oap/src/OAPMessageCodec.cpp
   messenger_drivers/oap/src/OAPMessageSweeper.cpp
+  messenger_drivers/oap/src/OAPLoggerProxy.cpp
 )
 target_include_directories(qm_oap_engine PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/messenger_drivers/oap/src)
 target_compile_options(qm_oap_engine PRIVATE ${QM_WARNINGS})

@@ -30,6 +30,15 @@ if(QM_BUILD_TESTS AND TARGET qmoapdriver AND TARGET qm_refhost AND TARGET qm_cor
   target_include_directories(soak_stop_tests PRIVATE
     ${CMAKE_CURRENT_SOURCE_DIR}/runtime/tests)
 
+  # Cleanup at random moments while host threads send and answers arrive.
+  qm_soak_test(soak_cleanup_tests 1800 ${QM_SOAK_DIR}/soak_cleanup_test.cpp)
+  if(QM_SANITIZE)
+    # The sanitizer stages of CI leave the soak label out: a few rounds there.
+    add_test(NAME SanitizedCleanupRounds COMMAND soak_cleanup_tests)
+    set_tests_properties(SanitizedCleanupRounds PROPERTIES ENVIRONMENT QM_SOAK_ROUNDS=10
+                         TIMEOUT 600)
+  endif()
+
   # The message store: host processes killed and restarted on one store file
   # (played by soak_host), and memory and file size under a long run.
   add_executable(soak_host ${QM_SOAK_DIR}/soak_host.cpp)

@@ -1,12 +1,14 @@
 #include "soak_support.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <random>
 
 namespace {
 
@@ -53,14 +55,18 @@ bool LoopbackOapServer::Start(int port) {
     return false;
   }
   m_port = ntohs(address.sin_port);
+  // Several threads wait on it: the one that loses the race for a
+  // connection must not block in accept.
+  fcntl(m_listenFd, F_SETFL, O_NONBLOCK);
   m_stop = false;
-  m_thread = std::thread(&LoopbackOapServer::Serve, this);
+  for (int t = 0; t < m_threadCount; ++t) m_threads.emplace_back(&LoopbackOapServer::Serve, this);
   return true;
 }
 
 void LoopbackOapServer::Stop() {
   m_stop = true;
-  if (m_thread.joinable()) m_thread.join();
+  for (std::thread& thread : m_threads) thread.join();
+  m_threads.clear();
   if (m_listenFd >= 0) close(m_listenFd);
   m_listenFd = -1;
 }
@@ -111,7 +117,9 @@ void LoopbackOapServer::ServeOne(int fd) {
     ++m_requests;
   }
   std::string answer = ResponseDoc(id, 1, 200);
-  switch (m_mode.load()) {
+  thread_local std::minstd_rand draws(std::random_device{}());
+  const bool silent = static_cast<int>(draws() % 100) < m_silentShare;
+  switch (silent ? Mode::kSilent : m_mode.load()) {
     case Mode::kAccept:
       SendAll(fd, answer);
       break;
@@ -171,6 +179,15 @@ TempFolder::TempFolder() {
 
 TempFolder::~TempFolder() {
   if (m_path != "/tmp") std::system(("rm -rf '" + m_path + "'").c_str());
+}
+
+size_t DescriptorCount() {
+  size_t count = 0;
+  if (DIR* open = opendir("/proc/self/fd")) {
+    while (dirent* entry = readdir(open)) count += entry->d_name[0] != '.' ? 1 : 0;
+    closedir(open);
+  }
+  return count - 1;  // the folder read itself
 }
 
 size_t ThreadCount() {

@@ -13,6 +13,7 @@
 #include "MessageBody.h"
 #include "OAPClient.h"
 #include "OAPDeviceRegistrar.h"
+#include "OAPLoggerProxy.h"
 #include "OAPMemoryMessageStore.h"
 #include "OAPSQLiteMessageStore.h"
 #include "OAPTracer.h"
@@ -119,6 +120,7 @@ QmOAPDriver::QmOAPDriver()
 
 QmOAPDriver::~QmOAPDriver() {
   Client.reset();
+  OAPLoggerProxy::Instance()->Detach();
   // The device controllers and the message store go with the driver.
   OAPDeviceRegistrar::GetInstance()->Clear();
 }
@@ -174,7 +176,7 @@ std::shared_ptr<OAPMessageStore> QmOAPDriver::OpenStore() {
   m_store = nullptr;
   if (m_storeWhere != kInMemory) {
     std::string error;
-    m_store = OAPSQLiteMessageStore::Open(m_storeWhere, Logger, &error);
+    m_store = OAPSQLiteMessageStore::Open(m_storeWhere, OAPLoggerProxy::Instance(), &error);
     if (m_store == nullptr) {
       QM_LOG(Logger, Critical, kSource,
              QmstringFormat("Cannot use message store '%s' (%s); keeping messages in memory.",
@@ -187,6 +189,7 @@ std::shared_ptr<OAPMessageStore> QmOAPDriver::OpenStore() {
 
 bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
   OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Setup", kFalse);
+  std::lock_guard<std::mutex> lifecycle(m_lifecycle);
   bool result = false;
   long port = conf != nullptr ? std::strtol(conf->ListenerPort, nullptr, 10) : 0;
   if (port < 1) {
@@ -197,10 +200,15 @@ bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
     FinalizeClient();
     std::string address(conf->ListenerAddress,
                         strnlen(conf->ListenerAddress, sizeof(conf->ListenerAddress)));
-    Client = std::make_shared<OAPClient>(static_cast<int>(port), address);
-    Client->SetMessageStore(OpenStore(), m_settings.retentionMinutes, m_settings.limit);
-    result = Client->Initialize(Logger, "");
+    OAPLoggerProxy* proxy = OAPLoggerProxy::Instance();
+    proxy->Attach(Logger);
+    auto client = std::make_shared<OAPClient>(static_cast<int>(port), address);
+    client->SetMessageStore(OpenStore(), m_settings.retentionMinutes, m_settings.limit);
+    result = client->Initialize(proxy, "");
     if (!result) QM_LOG(Logger, Critical, kSource, "Failed to Initialize OAP Client.");
+    // Kept also when it failed, for Cleanup.
+    std::lock_guard<std::mutex> guard(m_clientMutex);
+    Client = std::move(client);
   }
   trace.SetResult(OAPTracer::TrueFalse(result));
   return result;
@@ -223,15 +231,28 @@ bool QmOAPDriver::ProcessSignal() {
 
 bool QmOAPDriver::Cleanup() {
   OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Cleanup", kTrue);
+  std::lock_guard<std::mutex> lifecycle(m_lifecycle);
   FinalizeClient();
+  // From here on nothing of the driver writes to the host's logger.
+  OAPLoggerProxy::Instance()->Detach();
   return true;
 }
 
+std::shared_ptr<OAPClient> QmOAPDriver::CurrentClient() {
+  std::lock_guard<std::mutex> guard(m_clientMutex);
+  return Client;
+}
+
 void QmOAPDriver::FinalizeClient() {
-  if (Client && Client->Finalize()) {
-    QM_LOG(Logger, Info, kSource, "Finalized OAP Client");
-    Client.reset();
+  // Taken out first: calls from now on find no client; calls still using it
+  // keep it until they return.
+  std::shared_ptr<OAPClient> client;
+  {
+    std::lock_guard<std::mutex> guard(m_clientMutex);
+    client.swap(Client);
   }
+  if (client != nullptr && client->Finalize())
+    QM_LOG(Logger, Info, kSource, "Finalized OAP Client");
 }
 
 std::string QmOAPDriver::GetDeviceAddress(QmOAPMessageFile* job, bool withoutPort) {
@@ -261,7 +282,8 @@ std::string QmOAPDriver::GetCallerID(QmOAPMessageFile* job) {
 }
 
 unsigned long QmOAPDriver::DispatchJob(QmOAPMessageFile* job) {
-  if (!Client) QM_THROW("OAP Client not set up");
+  const std::shared_ptr<OAPClient> client = CurrentClient();
+  if (client == nullptr) QM_THROW("OAP Client not set up");
   std::unique_ptr<MessageBody> body(new MessageBody());
   body->version = job->OapVersion;
   body->bodyText = job->MessageText;
@@ -276,7 +298,7 @@ unsigned long QmOAPDriver::DispatchJob(QmOAPMessageFile* job) {
     body->userResponseLabel = job->CustomResponseLabel;
   }
   // The client's device controller keeps the body with the message.
-  return Client->SendAMessage(body.release());
+  return client->SendAMessage(body.release());
 }
 
 bool QmOAPDriver::SendAMessage(QmMessageFile* msg, ReportsStatus& status) {
@@ -318,7 +340,8 @@ bool QmOAPDriver::Send2WayRespQuery(QmMessageFile* msg, ReportsStatus& status) {
   }
   unsigned long tracking = QmAny(job->TrackingReceipt).asUInt();
   const std::string device = GetDeviceAddress(job, true);
-  const int state = Client != nullptr ? Client->GetStatus(device, tracking) : 0;
+  const std::shared_ptr<OAPClient> client = CurrentClient();
+  const int state = client != nullptr ? client->GetStatus(device, tracking) : 0;
   if (state == 0) {
     job->SetErrorText("Unknown Device");
     QM_LOG(Logger, Error, kSource, "The device is unknown for me.");
@@ -329,7 +352,7 @@ bool QmOAPDriver::Send2WayRespQuery(QmMessageFile* msg, ReportsStatus& status) {
     status = QmMessengerReportsMngrInterface::DELIVERED;
     PushBackMsgFile(job, status, false, "");
   }
-  for (const std::string& answer : Client->QueryResponse(device, tracking)) {
+  for (const std::string& answer : client->QueryResponse(device, tracking)) {
     if (!job->IsNewResponse(answer)) {
       QM_LOG(Logger, Debug, kSource,
              QmstringFormat("<%s> Response '%s' is not a new one", job->JobId.c_str(),

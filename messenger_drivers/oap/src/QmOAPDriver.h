@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "QmProtocolDriverInterface.h"
@@ -16,7 +17,13 @@ class OAPMessageStore;
 // record of delivery reports and handset answers. It owns the client from
 // Setup to Cleanup, and the message store (chosen with Configure) from the
 // first Setup until it is deleted; the host owns every job record it passes
-// in.
+// in. Its components write through a logger proxy that Cleanup detaches from
+// the host's logger.
+//
+// Thread safety: the host may call any operation from any thread, also
+// while Cleanup runs. Setup and Cleanup are serialised; every other call
+// works with the client it found when it began, which stays alive until the
+// call returns (Cleanup stops it first, so such a call fails quickly).
 class QmOAPDriver : public QmProtocolDriverInterface {
  public:
   QmOAPDriver();
@@ -61,7 +68,10 @@ class QmOAPDriver : public QmProtocolDriverInterface {
   // Hands the job to the client as a new message body; the tracking
   // number, or 0 when the server did not accept it.
   unsigned long DispatchJob(QmOAPMessageFile* job);
+  // Stops the client and lets go of it.
   void FinalizeClient();
+  // The client of the last Setup; null before it and after Cleanup.
+  std::shared_ptr<OAPClient> CurrentClient();
   // The status a new handset answer reports: by the kind of the chosen
   // option, or REPLIED_WITH for free text.
   ReportsStatus StatusForAnswer(QmMessageFile* job, const std::string& answer);
@@ -70,7 +80,10 @@ class QmOAPDriver : public QmProtocolDriverInterface {
   const char* ProtocolName;
   const char* Version;
   const char* CarrierName;
-  std::shared_ptr<OAPClient> Client;
+  std::shared_ptr<OAPClient> Client;  // guarded by m_clientMutex
+  std::mutex m_clientMutex;
+  // Serialises Setup and Cleanup.
+  std::mutex m_lifecycle;
   StoreSettings m_settings;
   std::shared_ptr<OAPMessageStore> m_store;
   // The `where` setting m_store was opened for.
