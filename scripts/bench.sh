@@ -113,6 +113,10 @@ paired("Inbound answers through the listener into the query", "BM_Inbound/echo:0
        "raw accept-and-read", 0.70, rate=True)
 paired("Inbound answers, against the raw loop plus the echo exchange", "BM_Inbound/echo:1",
        "driver", "raw accept-read-echo", None, rate=True)
+paired("Outbound send with the message store in a file", "BM_StoreOutbound", "SQLite store",
+       "store in memory", 0.80)
+paired("Inbound answers with the message store in a file", "BM_StoreInbound", "SQLite store",
+       "store in memory", 0.80, rate=True)
 paired("Parse a typical response", "BM_ParseResponse", "OAPBlock::Parse", "bare expat", 0.60)
 absolute("Serialise an interactive request, 3.0", fmt_time(ns("BM_SerializeRequest/version:3")))
 absolute("Serialise an interactive request, 4.0", fmt_time(ns("BM_SerializeRequest/version:4")))
@@ -187,6 +191,10 @@ lines += [
     "  connection; the second baseline adds that one exchange to the raw loop. One document",
     "  for no known message goes to the listener first: after a second without connections the",
     "  accept loop pauses a second before it accepts again, which would land on the first batch.",
+    "- *Store*: the same sends and answer batches through two drivers in one process (the",
+    "  library loaded a second time from a copy), one keeping its messages in an SQLite file",
+    "  (`MessageStore` set to a file in /tmp), the other in memory (the default), each with its",
+    "  own loopback server.",
     "- *Parsing*: `OAPBlock::Parse` of the accepted response (with a status text) against",
     "  `XML_Parse` with empty handlers on a new parser for the same bytes; serialisation writes",
     "  a prepared request block.",

@@ -16,6 +16,7 @@
 #include "OAPBlockHeader.h"
 #include "OAPClient.h"
 #include "OAPDeviceRegistrar.h"
+#include "OAPLoggerProxy.h"
 #include "OAPMemoryMessageStore.h"
 #include "OAPRequestBlock.h"
 #include "QmException.h"
@@ -89,6 +90,24 @@ TEST_F(EngineClientTest, TrackingBaseIsARandomMultipleOf65536) {
   EXPECT_EQ(moving.NextTrackingNumber(), first | 0xffff);
   const uint32_t next = moving.NextTrackingNumber();
   EXPECT_TRUE(next >> 16 != (first >> 16) + 1 && next % 65536 == 0) << next;
+}
+
+// The proxy the driver hands its components: lines reach the attached logger
+// and nothing else; once detached it writes nothing.
+TEST_F(EngineClientTest, LoggerProxyHandsLinesOnOnlyWhileAttached) {
+  OAPLoggerProxy* proxy = OAPLoggerProxy::Instance();
+  EXPECT_EQ(proxy, OAPLoggerProxy::Instance());
+  EXPECT_FALSE(proxy->WriteError("before", 1, "here"));
+  EXPECT_EQ(proxy->GetLogLevel(), Log::LEVEL_NONE);
+  proxy->Attach(&logger);
+  EXPECT_TRUE(proxy->WriteTrace("one", 1, "here") && proxy->WriteFatal("two", 2, "there"));
+  EXPECT_EQ(proxy->GetLogLevel(), Log::LEVEL_TRACE);
+  EXPECT_EQ(proxy->GetLoggerName(), "recording");
+  proxy->Detach();
+  EXPECT_FALSE(proxy->WriteInfo("after", 3, "here"));
+  EXPECT_EQ(logger.TextsFrom("here"), std::vector<std::string>{"one"});
+  EXPECT_EQ(logger.Count(Log::LEVEL_FATAL, "two", true), 1u);
+  EXPECT_EQ(proxy->GetLoggerName(), "");
 }
 
 TEST_F(EngineClientTest, ListenerRunsBetweenInitializeAndFinalize) {
