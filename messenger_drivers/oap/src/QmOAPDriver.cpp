@@ -127,6 +127,7 @@ QmOAPDriver::~QmOAPDriver() {
 
 bool QmOAPDriver::Configure(std::map<std::string, std::string>& settings) {
   OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Configure", kFalse);
+  std::lock_guard<std::mutex> lifecycle(m_lifecycle);
   // All or nothing: a bad value leaves the settings as they were.
   StoreSettings chosen = m_settings;
   for (const auto& setting : settings) {

@@ -21,9 +21,10 @@ class OAPMessageStore;
 // the host's logger.
 //
 // Thread safety: the host may call any operation from any thread, also
-// while Cleanup runs. Setup and Cleanup are serialised; every other call
+// while Cleanup runs. Every call other than Configure, Setup and Cleanup
 // works with the client it found when it began, which stays alive until the
 // call returns (Cleanup stops it first, so such a call fails quickly).
+// Configure, Setup and Cleanup are serialised.
 class QmOAPDriver : public QmProtocolDriverInterface {
  public:
   QmOAPDriver();
@@ -82,7 +83,7 @@ class QmOAPDriver : public QmProtocolDriverInterface {
   const char* CarrierName;
   std::shared_ptr<OAPClient> Client;  // guarded by m_clientMutex
   std::mutex m_clientMutex;
-  // Serialises Setup and Cleanup.
+  // Serialises Configure, Setup and Cleanup.
   std::mutex m_lifecycle;
   StoreSettings m_settings;
   std::shared_ptr<OAPMessageStore> m_store;
