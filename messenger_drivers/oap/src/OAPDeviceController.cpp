@@ -284,24 +284,25 @@ void OAPDeviceController::AddResponse(uint32_t trackingNumber, const std::string
   bool final = false;
   {
     QmconCriticalSection guard(&m_lock, true, true, false);
-    const std::shared_ptr<OAPMessageStore> store = GetStore();
     Message message;
-    if (!FindOwn(*store, trackingNumber, &message) || message.closed) return;
+    if (!FindOwn(*GetStore(), trackingNumber, &message) || message.closed) return;
     if (isUserResponse) {
       reply = text;
     } else {
       reply = text.substr(2);  // std::out_of_range for data shorter than its prefix
       final = text.compare(0, 2, kFinalPrefix) == 0;
     }
-    // Closed together with storing the reply, so that a second final answer
-    // racing this one is ignored.
-    if (!store->AddResponse(trackingNumber, reply, final)) return;
   }
-  WipeOptions(trackingNumber, reply, final);
+  Echo(trackingNumber, reply, final, true);
 }
 
 unsigned long OAPDeviceController::WipeOptions(uint32_t trackingNumber,
                                                const std::string& replyText, bool wipe) {
+  return Echo(trackingNumber, replyText, wipe, false);
+}
+
+unsigned long OAPDeviceController::Echo(uint32_t trackingNumber, const std::string& replyText,
+                                        bool wipe, bool storeReply) {
   OAPTracer trace(GetLogger(), kSource, __LINE__, "OAPDeviceController::WipeOptions", "0");
   std::shared_ptr<MessageBody> body;
   {
@@ -310,16 +311,27 @@ unsigned long OAPDeviceController::WipeOptions(uint32_t trackingNumber,
     Message message;
     if (!FindOwn(*store, trackingNumber, &message)) return 0;
     const std::shared_ptr<const MessageBody> shown = ShownBody(*store, message);
-    if (shown == nullptr) return 0;
-    body = std::make_shared<MessageBody>(*shown);
-    body->updateOnlyExisting = true;
-    body->wipeOptions = wipe;
-    if (!body->replyHeaderAdded) {
-      body->bodyText += kReplyHeading;
-      body->replyHeaderAdded = true;
+    if (shown != nullptr) {
+      body = std::make_shared<MessageBody>(*shown);
+      body->updateOnlyExisting = true;
+      body->wipeOptions = wipe;
+      if (!body->replyHeaderAdded) {
+        body->bodyText += kReplyHeading;
+        body->replyHeaderAdded = true;
+      }
+      body->bodyText += kReplyMarker + replyText;
     }
-    body->bodyText += kReplyMarker + replyText;
-    store->SetBody(message.bodyOf != 0 ? message.bodyOf : trackingNumber, *body);
+    // A reply is kept together with the text that echoes it, and a final one
+    // closes the message before the echo goes out, so that a second final
+    // answer racing this one is ignored. A shared body is the other
+    // message's to keep.
+    const bool ownBody = message.bodyOf == 0;
+    if (storeReply &&
+        !store->AddResponse(trackingNumber, replyText, wipe, ownBody ? body.get() : nullptr)) {
+      return 0;
+    }
+    if (body == nullptr) return 0;
+    if (!storeReply || !ownBody) store->SetBody(ownBody ? trackingNumber : message.bodyOf, *body);
   }
   const unsigned long tracking = SendAMessage(body);
   trace.SetResult(std::to_string(tracking));

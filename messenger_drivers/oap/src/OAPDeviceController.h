@@ -148,6 +148,11 @@ class OAPDeviceController {
   bool ReserveStatus(uint32_t trackingNumber, const std::shared_ptr<MessageBody>& body);
   void WithdrawStatus(uint32_t trackingNumber);
   void AcceptStatus(uint32_t answerNumber, const std::shared_ptr<MessageBody>& body);
+  // WipeOptions; with `storeReply` (a reply AddResponse takes) the reply is
+  // kept first, closing the message when `wipe` is set, in the same change
+  // of the store as the echoed text.
+  unsigned long Echo(uint32_t trackingNumber, const std::string& replyText, bool wipe,
+                     bool storeReply);
   // A new message of this device as the store keeps it.
   Message NewMessage(uint32_t trackingNumber, int32_t state,
                      const std::shared_ptr<MessageBody>& body) const;

@@ -24,12 +24,15 @@ bool OAPMemoryMessageStore::SetState(uint32_t tracking, int32_t state) {
   return true;
 }
 
-bool OAPMemoryMessageStore::AddResponse(uint32_t tracking, const std::string& reply, bool close) {
+bool OAPMemoryMessageStore::AddResponse(uint32_t tracking, const std::string& reply, bool close,
+                                        const MessageBody* body) {
+  auto copy = body != nullptr ? std::make_shared<const MessageBody>(*body) : nullptr;
   std::lock_guard<std::mutex> guard(m_mutex);
   Message* message = Lookup(tracking);
   if (message == nullptr || message->closed) return false;
   message->responses.push_back(reply);
   message->closed = close;
+  if (copy != nullptr) message->body = std::move(copy);
   return true;
 }
 

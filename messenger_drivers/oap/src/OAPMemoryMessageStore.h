@@ -18,7 +18,8 @@ class OAPMemoryMessageStore : public OAPMessageStore {
 
   bool Add(const Message& message) override;
   bool SetState(uint32_t tracking, int32_t state) override;
-  bool AddResponse(uint32_t tracking, const std::string& reply, bool close) override;
+  bool AddResponse(uint32_t tracking, const std::string& reply, bool close,
+                   const MessageBody* body) override;
   bool SetBody(uint32_t tracking, const MessageBody& body) override;
   bool TakeResponses(uint32_t tracking, std::list<std::string>* replies) override;
   bool Find(uint32_t tracking, Message* out) override;

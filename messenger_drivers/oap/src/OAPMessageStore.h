@@ -57,9 +57,12 @@ class OAPMessageStore {
   virtual bool Add(const Message& message) = 0;
   // Changes the state of a known message.
   virtual bool SetState(uint32_t tracking, int32_t state) = 0;
-  // Appends a reply, and closes the message when `close` is set; false for
-  // an unknown or closed message.
-  virtual bool AddResponse(uint32_t tracking, const std::string& reply, bool close) = 0;
+  // Appends a reply, closes the message when `close` is set and, with a body
+  // (null for none), keeps it as the message's body, all in one change: the
+  // text that echoes the reply goes with it. False for an unknown or closed
+  // message.
+  virtual bool AddResponse(uint32_t tracking, const std::string& reply, bool close,
+                           const MessageBody* body) = 0;
   // Replaces the body of a known message.
   virtual bool SetBody(uint32_t tracking, const MessageBody& body) = 0;
   // Moves the replies not yet collected into `replies` (emptied first).

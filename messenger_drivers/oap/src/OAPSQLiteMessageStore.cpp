@@ -347,13 +347,15 @@ bool OAPSQLiteMessageStore::SetState(uint32_t tracking, int32_t state) {
   });
 }
 
-bool OAPSQLiteMessageStore::AddResponse(uint32_t tracking, const std::string& reply, bool close) {
+bool OAPSQLiteMessageStore::AddResponse(uint32_t tracking, const std::string& reply, bool close,
+                                        const MessageBody* body) {
   std::lock_guard<std::mutex> guard(m_mutex);
-  if (IsUnsaved(tracking)) return m_unsaved.AddResponse(tracking, reply, close);
+  if (IsUnsaved(tracking)) return m_unsaved.AddResponse(tracking, reply, close, body);
   return Change(tracking, [&](Message& m) {
     if (m.closed) return false;
     m.responses.push_back(reply);
     m.closed = close;
+    if (body != nullptr) m.body = std::make_shared<const MessageBody>(*body);
     return true;
   });
 }
@@ -417,9 +419,8 @@ size_t OAPSQLiteMessageStore::Expire(int64_t createdBefore, size_t keep, size_t 
   if (sqlite3_get_autocommit(m_db) == 0 && !Run(m_commit.get())) {
     LogFailure("cannot remove expired messages");
   }
-  if (m_logFrames > 0 &&
-      sqlite3_wal_checkpoint_v2(m_db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr) ==
-          SQLITE_OK) {
+  if (m_logFrames > 0 && sqlite3_wal_checkpoint_v2(m_db, nullptr, SQLITE_CHECKPOINT_PASSIVE,
+                                                   nullptr, nullptr) == SQLITE_OK) {
     m_logFrames = 0;
   }
   return removed;

@@ -80,13 +80,13 @@ TEST_P(StoreTest, KeepsStateRepliesAndBodiesOfEachMessage) {
   ASSERT_TRUE(store->Add(NewMessage(10, kSent)));
   EXPECT_FALSE(store->Add(NewMessage(10, kDelivered)));
   EXPECT_TRUE(store->SetState(10, kDelivered));
-  EXPECT_TRUE(store->AddResponse(10, "Yes", false));
-  EXPECT_TRUE(store->AddResponse(10, "On my way", true));
-  EXPECT_FALSE(store->AddResponse(10, "Late", false));  // closed
+  EXPECT_TRUE(store->AddResponse(10, "Yes", false, nullptr));
+  // A reply goes with the text that echoes it.
   MessageBody echoed = *NewMessage(10, kSent).body;
   echoed.bodyText += "\r\n-->>Yes";
   echoed.replyHeaderAdded = true;
-  EXPECT_TRUE(store->SetBody(10, echoed));
+  EXPECT_TRUE(store->AddResponse(10, "On my way", true, &echoed));
+  EXPECT_FALSE(store->AddResponse(10, "Late", false, nullptr));  // closed
 
   Message found;
   ASSERT_TRUE(store->Find(10, &found));
@@ -103,7 +103,7 @@ TEST_P(StoreTest, KeepsStateRepliesAndBodiesOfEachMessage) {
   EXPECT_TRUE(replies.empty());
 
   // Unknown numbers change nothing.
-  EXPECT_FALSE(store->SetState(11, kSent) || store->AddResponse(11, "x", false) ||
+  EXPECT_FALSE(store->SetState(11, kSent) || store->AddResponse(11, "x", false, nullptr) ||
                store->SetBody(11, echoed) || store->TakeResponses(11, &replies) ||
                store->Find(11, &found));
   Message sharing = NewMessage(12, kSent);
@@ -113,6 +113,9 @@ TEST_P(StoreTest, KeepsStateRepliesAndBodiesOfEachMessage) {
   ASSERT_TRUE(store->Find(12, &found));
   EXPECT_EQ(found.body, nullptr);
   EXPECT_EQ(found.bodyOf, 10u);
+  EXPECT_TRUE(store->SetBody(12, echoed));
+  ASSERT_TRUE(store->Find(12, &found) && found.body != nullptr);
+  EXPECT_EQ(found.body->bodyText, echoed.bodyText);
   EXPECT_EQ(store->Count(), 2u);
   store->Forget(10);
   EXPECT_FALSE(store->Find(10, &found));
@@ -146,13 +149,13 @@ class SQLiteStoreTest : public StoreTest {};
 // changed; reservations of sends that never returned are not kept.
 TEST_P(SQLiteStoreTest, ReopenedFileHoldsWhatWasRecorded) {
   ASSERT_TRUE(store->Add(NewMessage(20, kSent)));
-  ASSERT_TRUE(store->AddResponse(20, "Yes", false));
+  ASSERT_TRUE(store->AddResponse(20, "Yes", false, nullptr));
   ASSERT_TRUE(store->Add(NewMessage(21, OAPMessageStore::kPending)));
   ASSERT_TRUE(store->Add(NewMessage(22, OAPMessageStore::kPending)));
   ASSERT_TRUE(store->SetState(22, kDelivered));  // a reservation accepted goes to the file
   Replies replies;
   ASSERT_TRUE(store->Add(NewMessage(23, kSent)));
-  ASSERT_TRUE(store->AddResponse(23, "No", true));
+  ASSERT_TRUE(store->AddResponse(23, "No", true, nullptr));
   ASSERT_TRUE(store->TakeResponses(23, &replies));
   Reopen();
   Message found;
