@@ -1,6 +1,6 @@
 // Parses arbitrary bytes as an XML document and serialises what was read.
-// Re-reading the output is not required: the writer keeps the declared
-// encoding and copies text that looks like an entity reference unescaped.
+// Re-reading the output is not required: the writer copies text that looks
+// like an entity or character reference unescaped.
 #include <cstddef>
 #include <cstdint>
 #include <string>

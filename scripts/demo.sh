@@ -79,15 +79,15 @@ HOST_LOG="$WORK/qmhost.log"
 timeout 60 "$QMHOST" --plugin "$PLUGIN" --workdir "$WORK" --state "$WORK/state.db" \
   --listen-port "$LISTEN_PORT" --listen-address 127.0.0.1 \
   --poll-ms 200 --duration-ms 15000 --until-expected \
-  --job plain-3.0 --handset 1001 --server "$SERVER" --version 3.0 \
+  --job plain-3.0 --handset 1001 --server "$SERVER" --oap-version 3.0 \
     --subject "Notice" --text "Fire drill at 10:00" --expect 3 \
-  --job interactive-3.0 --handset 1002 --server "$SERVER" --version 3.0 \
+  --job interactive-3.0 --handset 1002 --server "$SERVER" --oap-version 3.0 \
     --subject "Lunch" --text "Are you coming to lunch?" \
     --choice "Yes:1" --choice "No:2" --custom-label "Other answer" \
     --interactive --expect 3,4,5,6 \
-  --job plain-4.0 --handset 2001 --server "$SERVER" --version 4.0 \
+  --job plain-4.0 --handset 2001 --server "$SERVER" --oap-version 4.0 \
     --subject "Notice" --text "Visitors in the lobby" --expect 3 \
-  --job interactive-4.0 --handset 2002 --server "$SERVER" --version 4.0 \
+  --job interactive-4.0 --handset 2002 --server "$SERVER" --oap-version 4.0 \
     --subject "Alarm" --text "Alarm in room 12: will you take it?" \
     --choice "Accept:1" --choice "Decline:2" \
     --interactive --expect 3,6,15 \

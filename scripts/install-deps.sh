@@ -1,14 +1,19 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those missing.
-# Source it and call qm_install_deps, or run it directly.
+# Source it and call qm_install_deps, or run it directly. With the argument
+# "packaging" it also installs what building and checking the Debian
+# packages needs.
 
 QM_PACKAGES=(cmake make g++ clang pkg-config libexpat1-dev libpcre2-dev libsqlite3-dev
-  libgtest-dev libgmock-dev libbenchmark-dev python3 dpkg-dev file)
+  libgtest-dev libgmock-dev libbenchmark-dev python3 help2man man-db)
+QM_PACKAGING_PACKAGES=(build-essential dpkg-dev debhelper fakeroot lintian)
 
 qm_install_deps() {
+  local wanted=("${QM_PACKAGES[@]}")
+  [ "${1:-}" = packaging ] && wanted+=("${QM_PACKAGING_PACKAGES[@]}")
   local missing=()
   local pkg
-  for pkg in "${QM_PACKAGES[@]}"; do
+  for pkg in "${wanted[@]}"; do
     dpkg -s "$pkg" >/dev/null 2>&1 || missing+=("$pkg")
   done
   [ ${#missing[@]} -eq 0 ] && return 0
@@ -24,5 +29,5 @@ qm_install_deps() {
 
 if [ "${BASH_SOURCE[0]}" = "$0" ]; then
   set -e
-  qm_install_deps
+  qm_install_deps "$@"
 fi

@@ -3,10 +3,11 @@
 # table carries only the two entry points the host looks up.
 if(TARGET qm_oap_model AND TARGET qm_oap_engine)
   set(QM_DRIVER_EXPORTS ${CMAKE_CURRENT_SOURCE_DIR}/messenger_drivers/oap/src/exports.map)
-  add_library(qmoapdriver SHARED
+  add_library(qmoapdriver MODULE
     messenger_drivers/oap/src/QmProtocolDriverInterface.cpp
     messenger_drivers/oap/src/QmOAPDriver.cpp
     messenger_drivers/oap/src/OAPDriverPlugin.cpp
+    messenger_drivers/oap/src/OAPBuildInfo.cpp
   )
   target_include_directories(qmoapdriver PRIVATE
     ${CMAKE_CURRENT_SOURCE_DIR}/messenger_drivers/oap/src

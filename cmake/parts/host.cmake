@@ -24,7 +24,7 @@ qm_add_test(host_tests
   SOURCES messenger_host/tests/host_reference_test.cpp
           messenger_host/tests/host_options_test.cpp
           tools/qmhost/QmHostOptions.cpp
-  LIBS qm_refhost qm_core)
+  LIBS qm_refhost qm_core qm_toolcommon)
 if(TARGET host_tests)
   add_dependencies(host_tests qm_half_plugin)
   target_compile_definitions(host_tests PRIVATE
@@ -40,5 +40,5 @@ if(TARGET qm_log)
     tools/qmhost/QmHostRunner.cpp
   )
   target_compile_options(qmhost PRIVATE ${QM_WARNINGS})
-  target_link_libraries(qmhost PRIVATE qm_refhost qmruntime)
+  target_link_libraries(qmhost PRIVATE qm_refhost qm_toolcommon qmruntime)
 endif()

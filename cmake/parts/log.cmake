@@ -5,6 +5,7 @@ add_library(qm_log OBJECT
   runtime/src/QmDBProcessorFatalException.cpp
   runtime/src/QmLogDBProcessorInterface.cpp
   runtime/src/QmLogSQLiteProcessor.cpp
+  runtime/src/QmioDirectory.cpp
   runtime/src/LockFile.cpp
   runtime/src/QmsysEventLogWriterInterface.cpp
   runtime/src/QmsysEventLogFileWriter.cpp
@@ -25,3 +26,7 @@ qm_add_test(log_tests
 qm_add_test(logger_config_tests
   SOURCES runtime/tests/logger_config_test.cpp
   LIBS qm_core qm_ini_codec qm_log)
+if(TARGET logger_config_tests)
+  # The documented configuration examples are read from the sources.
+  target_compile_definitions(logger_config_tests PRIVATE QM_SOURCE_DIR="${CMAKE_CURRENT_SOURCE_DIR}")
+endif()

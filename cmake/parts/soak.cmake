@@ -49,3 +49,23 @@ if(QM_BUILD_TESTS AND TARGET qmoapdriver AND TARGET qm_refhost AND TARGET qm_cor
   target_compile_definitions(soak_store_tests PRIVATE
     QM_SOAK_HOST_PATH="$<TARGET_FILE:soak_host>")
 endif()
+
+# The logging cases need only the runtime: threads and processes sharing one
+# SQLite log or one rotating file, storage faults, a stuck worker at Stop and
+# the XML parser on a very wide element. In a sanitizer build they run a few
+# times each with the regular suite, so CI checks them under the sanitizers.
+if(QM_BUILD_TESTS AND TARGET qm_log AND TARGET qm_xml)
+  add_executable(soak_log_tests tests/soak/soak_log_test.cpp)
+  target_include_directories(soak_log_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/runtime/tests)
+  target_compile_options(soak_log_tests PRIVATE ${QM_WARNINGS})
+  target_link_libraries(soak_log_tests PRIVATE qm_log qm_xml qm_core qm_ini_codec EXPAT::EXPAT
+                        SQLite::SQLite3 GTest::gtest_main Threads::Threads)
+  if(QM_SANITIZE)
+    target_compile_definitions(soak_log_tests PRIVATE QM_SOAK_SANITIZED=1)
+    gtest_discover_tests(soak_log_tests TEST_PREFIX "Soak." DISCOVERY_TIMEOUT 60
+      PROPERTIES TIMEOUT 600)
+  else()
+    gtest_discover_tests(soak_log_tests TEST_PREFIX "Soak." DISCOVERY_TIMEOUT 60
+      PROPERTIES LABELS soak TIMEOUT 600)
+  endif()
+endif()

@@ -3,6 +3,7 @@
 add_library(qm_xml OBJECT
   runtime/src/XmlElement.cpp
   runtime/src/XmlTree.cpp
+  runtime/src/XmlOutputEncoding.cpp
   runtime/src/XmlReaderWriter.cpp
 )
 target_compile_options(qm_xml PRIVATE ${QM_WARNINGS})

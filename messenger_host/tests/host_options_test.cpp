@@ -23,11 +23,12 @@ TEST(HostOptions, FullCommandLineAndPresentationOptions) {
   QmHostOptions options;
   std::string error;
   ASSERT_TRUE(QmHostOptions::Parse(
-      Words(kBase + "--poll-ms 50 --duration-ms 3000 --until-expected --listen-address 0.0.0.0 "
-                    "--state /tmp/s.db --job a "
-                    "--handset 4711 --server srv:7000 --version 4.0 --choice Yes --choice Stop:2 "
-                    "--choice Call%3aus:3:0815 --interactive --custom-label Other --ttl-minutes 5 "
-                    "--expect SENT,6,REPLIED_SPECIAL_A --job b --handset 1 --server h:1"),
+      Words(kBase +
+            "--poll-ms 50 --duration-ms 3000 --until-expected --listen-address 0.0.0.0 "
+            "--state /tmp/s.db --job a "
+            "--handset=4711 --server srv:7000 --oap-version 4.0 --choice Yes --choice Stop:2 "
+            "--choice Call%3aus:3:0815 --interactive --custom-label Other --ttl-minutes 5 "
+            "--expect SENT,6,REPLIED_SPECIAL_A --job b --handset 1 --server h:1"),
       &options, &error))
       << error;
   EXPECT_EQ(options.plugin + "|" + options.workdir + "|" + options.listenPort + "|" +
@@ -38,7 +39,7 @@ TEST(HostOptions, FullCommandLineAndPresentationOptions) {
   ASSERT_EQ(options.jobs.size(), 2u);
   const QmHostOptions::Job& a = options.jobs[0];
   std::string job = a.id + "|" + a.handset + "|" + a.serverHost + ":" +
-                    std::to_string(a.serverPort) + "|" + a.version + "|" + a.customLabel + "|" +
+                    std::to_string(a.serverPort) + "|" + a.oapVersion + "|" + a.customLabel + "|" +
                     std::to_string(a.ttlMinutes) + (a.interactive ? "|interactive" : "") +
                     (a.settingsPresent ? "|settings" : "") + "|";
   for (const QmResponseChoice& c : a.choices)
@@ -47,13 +48,19 @@ TEST(HostOptions, FullCommandLineAndPresentationOptions) {
             "a|4711|srv:7000|4.0|Other|5|interactive|settings|Yes:0: Stop:2: Call%3aus:3:0815 ");
   EXPECT_EQ(a.expected, (std::set<int>{3, 6, 15}));
   const QmHostOptions::Job& b = options.jobs[1];
-  EXPECT_TRUE(b.version == "3.0" && !b.settingsPresent && !b.interactive && b.expected.empty());
+  EXPECT_TRUE(b.oapVersion == "3.0" && !b.settingsPresent && !b.interactive && b.expected.empty());
   // Each presentation option alone marks the settings present.
   for (const char* option : {"--urgent", "--sticky", "--colour red", "--intensity high",
                              "--priority 2", "--repeat 3", "--repeat-interval 10"}) {
     QmHostOptions one;
     ASSERT_TRUE(QmHostOptions::Parse(Words(kBase + kJob + option), &one, &error)) << error;
     EXPECT_TRUE(one.jobs[0].settingsPresent) << option;
+  }
+  // --help and --version need nothing else; the rest is not read.
+  for (const char* line : {"-h --bogus", "--version", "--plugin p --version --bogus"}) {
+    QmHostOptions asked;
+    ASSERT_TRUE(QmHostOptions::Parse(Words(line), &asked, &error)) << line << ": " << error;
+    EXPECT_TRUE(asked.help != asked.version) << line;
   }
 }
 
@@ -63,11 +70,16 @@ TEST(HostOptions, BadCommandLinesAreNamed) {
       {kBase, "no job given (use --job ID ...)"},
       {kBase + "--job a --server h:1", "job a needs --handset"},
       {kBase + "--job a --handset 1", "job a needs --server"},
-      {kBase + "--job", "option --job needs a value"},
+      {kBase + "--job", "option '--job' needs a value"},
       {kBase + "--poll-ms fast", "invalid number for --poll-ms: 'fast'"},
       {kBase + "--poll-ms 0", "invalid number for --poll-ms: '0'"},
-      {kBase + "--handset 1", "unknown option '--handset' before the first --job"},
-      {kBase + kJob + "--bogus", "unknown option '--bogus'"},
+      {kBase + "--handset 1", "option '--handset' before the first --job"},
+      {kBase + kJob + "--bogus=1", "unknown option '--bogus'"},
+      {kBase + kJob + "--urgent=1", "option '--urgent' takes no value"},
+      {kBase + kJob + "4711", "unexpected argument '4711'"},
+      {kBase + kJob + "--version 4.0",
+       "--version inside a job: the job's protocol version is --oap-version (for example "
+       "--oap-version 4.0)"},
       {kBase + "--job a --handset 1 --server nohost",
        "invalid --server 'nohost' (expected HOST:PORT)"},
       {kBase + "--job a --handset 1 --server h:99999",

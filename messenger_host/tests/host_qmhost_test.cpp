@@ -41,13 +41,14 @@ TEST(Qmhost, ExitCodesAndMessagesNameWhatWentWrong) {
   // Arguments, plug-in, exit code and a text on the output or the error stream.
   for (const auto& [arguments, plugin, code, text] :
        std::vector<std::tuple<std::string, std::string, int, std::string>>{
-           {"--listen-port 7", QM_DRIVER_PATH, 2, "qmhost: error: no job given (use --job ID ...)"},
+           {"--listen-port 7", QM_DRIVER_PATH, 2, "qmhost: no job given (use --job ID ...)"},
            {"--listen-port 7 " + Job("a", 1), "/nonexistent.so", 3,
             "qmhost: error: Cannot load driver library '/nonexistent.so'"},
            {"--listen-port 0 " + Job("a", 1), QM_DRIVER_PATH, 4,
             "qmhost: error: the driver refused Setup on 127.0.0.1:0"},
            {deadRun, QM_DRIVER_PATH, 5,
-            "job a sent status 2 SENDING receipt '' error 'Socket Connecting Failed'\n"},
+            "job a sent status 2 SENDING receipt '' error 'Socket Connecting Failed'\n"
+            "summary: 0/1 jobs complete\n"},
        }) {
     Qmhost host(arguments, plugin);
     EXPECT_EQ(host.Finish(), code) << arguments;
@@ -66,7 +67,7 @@ TEST(Qmhost, PlainAndInteractiveJobsRunToTheirExpectedStatuses) {
   // The jobs are sent one after the other, each once the server answered.
   ASSERT_TRUE(server.WaitForRequests(2, 10000));
   const std::string hexId = RequestId(server.Requests()[1]);
-  const std::string receipt = std::to_string(std::stoul(hexId, nullptr, 16));
+  const std::string receipt = "0x" + hexId;
   EXPECT_EQ(host.WaitFor(""), "job ask sent status 3 SENT receipt '" + receipt + "' error ''");
   ASSERT_TRUE(SendInbound(listenPort, ResponseDoc(hexId, 3, 200)));
   EXPECT_EQ(host.WaitFor(""),
@@ -85,6 +86,24 @@ TEST(Qmhost, PlainAndInteractiveJobsRunToTheirExpectedStatuses) {
             "job ask status 15 REPLIED_SPECIAL_A text 'Stop' error '' receipt '" + receipt + "'");
   EXPECT_EQ(host.WaitFor(""), "summary: 2/2 jobs complete");
   EXPECT_EQ(host.Finish(), 0) << host.out;
+}
+
+// A stop signal in the query cycle: the driver is cleaned up, the summary
+// printed, and the run reported incomplete.
+TEST(Qmhost, StopSignalEndsTheRunWithItsSummary) {
+  FakeOapServer server(AcceptAll);
+  for (int signal : {SIGTERM, SIGINT}) {
+    Qmhost host("--listen-port " + std::to_string(UnusedPort()) + " --duration-ms 60000 " +
+                Job("ask", server.Port()) + " --interactive --choice Yes --expect 3,4");
+    ASSERT_NE(host.WaitFor("job ask sent status 3 SENT"), "") << host.err;
+    host.Signal(signal);
+    EXPECT_EQ(host.Finish(), 1) << host.err;
+    EXPECT_NE(host.out.find("summary: 0/1 jobs complete"), std::string::npos) << host.out;
+    EXPECT_NE(host.err.find(std::string("qmhost: stopping on ") +
+                            (signal == SIGTERM ? "SIGTERM" : "SIGINT")),
+              std::string::npos)
+        << host.err;
+  }
 }
 
 }  // namespace

@@ -4,8 +4,9 @@
 #include <exception>
 #include <string>
 
-// The runtime's exception: a message plus the source file and line that
-// raised it and the text of the last system error at that moment.
+// The runtime's exception: a message plus the source file (its name, not
+// its path) and line that raised it and the text of the last system error
+// at that moment.
 // Thrown by value; subclasses add a thread id or an I/O path.
 class QmException : public std::exception {
  public:

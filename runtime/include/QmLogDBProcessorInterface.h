@@ -5,11 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "QmconLock.h"
 #include "Qmobject.h"
 
 // Database-independent part of the log database: one table per module,
 // the SQL text used to read rows back with filters, sorting and paging,
-// and the result rows. A concrete processor supplies the database calls.
+// and the result rows. A concrete processor supplies the database calls
+// and serialises them with the lock kept here, so one processor may be
+// used by any number of threads.
 class QmLogDBProcessorInterface : public Qmobject {
  public:
   // One stored log line.
@@ -49,7 +52,7 @@ class QmLogDBProcessorInterface : public Qmobject {
     std::vector<int> levels;
     std::string messagePattern;  // SQL LIKE pattern, no single quotes
     int level = 0;
-    long startTime = 0;
+    long long startTime = 0;  // seconds since the epoch
     std::string datePattern;  // LIKE pattern over "MM/DD/YYYY hh:mm:ss"
     bool sortByTimeDesc = false;
     bool sortByModule = false;
@@ -83,8 +86,9 @@ class QmLogDBProcessorInterface : public Qmobject {
                                const std::string& messagePattern,
                                const std::string& datePattern) = 0;
 
-  int getDBError() const { return m_lastErrorCode; }
-  const std::string& getDBString() const { return m_lastErrorText; }
+  // The last error kept by any operation.
+  int getDBError() const;
+  std::string getDBString() const;
   void clearDBError();
 
   // Module name with every ".", " " and "-" replaced by "_".
@@ -98,8 +102,11 @@ class QmLogDBProcessorInterface : public Qmobject {
 
  protected:
   void setDBError(int code, const std::string& text);
+  // The processor's lock (recursive): held by every database operation.
+  QmconLock& dbLock() const { return m_lock; }
 
  private:
+  mutable QmconLock m_lock;
   int m_lastErrorCode = 0;
   std::string m_lastErrorText;
 };

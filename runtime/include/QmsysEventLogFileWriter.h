@@ -10,22 +10,36 @@
 // so threads and processes may share one log and other tools may rotate or
 // read it at any time. Lines read "MM/DD/YYYY hh:mm:ss <process> [LEVEL]
 // <message>"; with one file per process the process name is left out.
+// Configure it before sharing it; once configured any number of threads
+// may write through one writer. A line that cannot be stored in full
+// (lock, open, write, flush or close failing) returns false and is reported
+// to the system log.
 class QmsysEventLogFileWriter : public QmsysEventLogWriterInterface {
  public:
+  static const unsigned int kDefaultBytesPerFile = 204800;
+  static const unsigned int kMinBytesPerFile = 1024;
+  static const unsigned int kDefaultNumFiles = 20;
+  static const unsigned int kMaxNumFiles = 1000;
+
   QmsysEventLogFileWriter();
   ~QmsysEventLogFileWriter() override;
 
   // Keys, without regard to case: "numFiles", "bytesPerFiles", "filePath",
-  // "autoAppend", "perProcessFile"; others are ignored (false).
+  // "autoAppend", "perProcessFile"; others are ignored (false). A size
+  // setting of 0 is ignored; one that is not a number within bounds is
+  // replaced by its default with a line in the system log (false).
   bool setParameter(const std::string& key, const std::string& value) override;
   bool operator()(const std::string& processName, LogLevel level, const std::string& message,
                   int line, const char* file, time_t time) override;
   // A path was set and both size settings are non-zero.
   bool isInitialized() override;
 
-  bool setNumBytesPerFile(unsigned int bytes);  // 0 is ignored (false)
-  bool setNumOfFiles(unsigned int files);       // 0 is ignored (false)
-  // Creates the file when missing; false when it cannot be opened.
+  // 0 is ignored (false); above kMaxNumFiles means the default (false).
+  bool setNumOfFiles(unsigned int files);
+  // 0 is ignored (false); below kMinBytesPerFile means the default (false).
+  bool setNumBytesPerFile(unsigned int bytes);
+  // Creates the file, and the directories above it, when missing; false
+  // when it cannot be opened for appending.
   bool setFilePath(const std::string& path);
   void setAutoAppend(bool autoAppend) { m_autoAppend = autoAppend; }
   void setPerProcessFile(bool perProcess) { m_perProcessFile = perProcess; }
@@ -38,7 +52,7 @@ class QmsysEventLogFileWriter : public QmsysEventLogWriterInterface {
   std::string getTargetFile(const std::string& processName) const;
 
  private:
-  void appendLine(const std::string& target, const std::string& header, const std::string& message);
+  void appendLine(const std::string& target, const std::string& text);
   bool needsLineFeed(const std::string& message) const;
 
   std::string m_directory;

@@ -17,7 +17,9 @@ class IniReaderWriter;
 // it owns. The registry owns every registered logger; callers keep plain
 // pointers and call Stop() when done, ReleaseAll() frees everything at
 // process end. Nothing here throws to callers except GetInstance for an
-// unknown module; faults go to the system log.
+// unknown module; faults go to the system log. The write operations may be
+// called from any thread; configuration (initialize, setWriter) happens
+// before the logger is shared.
 class QmsysEventLogInterface : public QmLogInterface {
  public:
   enum LoggerType { SINGLE_THREADED = 0, MULTI_THREADED = 1 };
@@ -29,7 +31,9 @@ class QmsysEventLogInterface : public QmLogInterface {
 
   // Repairs "qmlogs.ini" in `configDirectory` for the module, then returns
   // the module's registered logger, creating, configuring and registering
-  // one when there is none. Null when the registry is full.
+  // one when there is none. Null, with the reason in the system log, for an
+  // empty module name, when the registry is full or when the logger cannot
+  // be made.
   static QmsysEventLogInterface* CreateInstance(const std::string& moduleName, LoggerType type,
                                                 const std::string& configDirectory,
                                                 const std::string& processName);
@@ -69,7 +73,11 @@ class QmsysEventLogInterface : public QmLogInterface {
   // section with the file-writer defaults when it does not exist yet.
   static bool updateLoggerName(const std::string& configDirectory, const std::string& moduleName,
                                const std::string& loggerName);
-  // Deletes the module's log files and every "*.lock" file in `directory`.
+  // Deletes the module's own files in `directory`: its log file as
+  // getLogDirPath names it ("<module>_logger.txt", "<module>(NN)_logger.txt",
+  // "<module>_log.txt", each optionally with a ".<n>" before ".txt"), the
+  // numbered archives of that file and its lock file. Files of other modules
+  // stay, even when their names begin with this module's name.
   static bool DeleteLoggerFiles(const std::string& directory, const std::string& moduleName);
 
   explicit QmsysEventLogInterface(const std::string& moduleName);
@@ -88,14 +96,16 @@ class QmsysEventLogInterface : public QmLogInterface {
   LogLevel GetLogLevel() override;
   std::string GetLoggerName() override;
 
-  QmsysEventLogWriterInterface* GetWriter();
-  void setLogLevel(QmsysEventLogWriterInterface::LogLevel level);
-  void SetLogLevel(QmLogInterface::LogLevel level);
+  // The virtual operations below keep this order: hosts that were built
+  // against this class call them by their place in the table.
+  virtual QmsysEventLogWriterInterface* GetWriter();
+  virtual void setLogLevel(QmsysEventLogWriterInterface::LogLevel level);
+  virtual void SetLogLevel(QmLogInterface::LogLevel level);
   // Stores the configuration path and process name and loads the writer.
-  bool initialize(const std::string& configDirectory, const std::string& processName);
+  virtual bool initialize(const std::string& configDirectory, const std::string& processName);
   virtual bool Start();
   virtual bool Stop();
-  bool IsAlive();
+  virtual bool IsAlive();
 
   // Hands one accepted line to the writer (front-end specific).
   virtual bool Print(QmsysEventLogWriterInterface::LogLevel level, const std::string& message,
@@ -115,6 +125,8 @@ class QmsysEventLogInterface : public QmLogInterface {
   // while no writer exists, at most `attempts` times.
   bool loadWriterConfig(int attempts);
   void setWriter(std::unique_ptr<QmsysEventLogWriterInterface> writer);
+  // The writer, shared with a front end's worker that may outlive a Stop.
+  std::shared_ptr<QmsysEventLogWriterInterface> sharedWriter() const { return m_writer; }
   const std::string& getProcessName() const { return m_processName; }
 
  private:
@@ -126,7 +138,7 @@ class QmsysEventLogInterface : public QmLogInterface {
 
   std::string m_configPath;
   std::string m_processName;
-  std::unique_ptr<QmsysEventLogWriterInterface> m_writer;
+  std::shared_ptr<QmsysEventLogWriterInterface> m_writer;
   std::atomic<QmsysEventLogWriterInterface::LogLevel> m_level{
       QmsysEventLogWriterInterface::LEVEL_INFO};
   std::atomic<bool> m_alive{false};

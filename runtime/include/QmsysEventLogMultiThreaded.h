@@ -1,23 +1,22 @@
 #ifndef QM_RUNTIME_QMSYSEVENTLOGMULTITHREADED_H
 #define QM_RUNTIME_QMSYSEVENTLOGMULTITHREADED_H
 
-#include <condition_variable>
 #include <ctime>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
-#include "QmconEvent.h"
-#include "QmconLock.h"
 #include "QmsysEventLogInterface.h"
 
-class QmconThread;
-
 // Logger front end that queues accepted lines and writes them on a worker
-// thread of its own. Start() runs the worker, Stop() lets it write what is
-// queued and waits up to ten seconds for it to end. The worker's thread
-// object cleans itself up; this object owns the queue and its lines.
+// thread of its own. Start() runs the worker; Stop() lets it write what is
+// queued and waits up to ten seconds for it to end. The worker works only
+// on a queue it shares with this object (holding the writer and the
+// process name), never on this object, so a worker stuck in a write may
+// outlive both Stop() and this object without touching freed memory; the
+// lines it had not reached by then are dropped and counted in the system
+// log. Any thread may write; Start() and Stop() may be called from any
+// thread.
 class QmsysEventLogMultiThreaded : public QmsysEventLogInterface {
  public:
   // One queued line.
@@ -37,27 +36,18 @@ class QmsysEventLogMultiThreaded : public QmsysEventLogInterface {
              const char* file) override;
   bool Start() override;
   bool Stop() override;
-  // The worker's body: writes queued lines until stopped.
-  void DoWork(void* userData);
+  // The worker's body: writes the lines of the queue `userData` points to
+  // until it is stopped and empty.
+  static void DoWork(void* userData);
 
  private:
+  struct Queue;
   class Worker;
 
-  bool isWorkerRunning();
-  void writeBatch(const std::vector<std::unique_ptr<MsgStruct>>& batch);
-  void markWorkerFinished();
+  std::shared_ptr<Queue> currentQueue();
 
-  std::vector<std::unique_ptr<MsgStruct>> m_queue;
-  QmconLock m_queueLock;
-  QmconEvent m_arrived;
-  bool m_stop = false;  // guarded by m_queueLock
-
-  // Worker bookkeeping. The thread object deletes itself when the worker
-  // ends, so it is only touched while m_finished is false, under m_doneMutex.
-  std::mutex m_doneMutex;
-  std::condition_variable m_done;
-  QmconThread* m_thread = nullptr;
-  bool m_finished = true;
+  std::mutex m_queueMutex;         // guards m_queue (the pointer, not the queue)
+  std::shared_ptr<Queue> m_queue;  // of the running worker; null when stopped
 };
 
 #endif

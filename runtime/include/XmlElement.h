@@ -71,6 +71,9 @@ class XmlElement {
   // Sets the attribute, replacing the value of an existing one of that name
   // in place; returns it.
   Attribute* setAttribute(const std::string& name, const std::string& value);
+  // Appends an attribute without looking for one of that name, for a parser
+  // that has already refused duplicate names; returns it.
+  Attribute* appendAttribute(const std::string& name, const std::string& value);
   // The attribute after `current` (the first one when `current` is null),
   // or null at the end.
   Attribute* nextAttribute(const Attribute* current) const;

@@ -214,6 +214,7 @@ class XmlReaderWriter {
   bool unlock();
   bool isFileLocked() const { return m_fileLocked; }
   bool read();
+  // Writes toString's bytes to `path`, or to the bound file when empty.
   bool write(const std::string& path = std::string());
   bool close();
   bool isFileOpened() const { return m_fileOpened; }
@@ -221,6 +222,10 @@ class XmlReaderWriter {
 
   // Parses `length` bytes of `buffer`, replacing the present tree.
   bool readFrom(char* buffer, unsigned length);
+  // The declaration and the tree, as bytes of the encoding the document
+  // declares (see XmlOutputEncoding; UTF-8 when it declares none or one
+  // this writer does not know, and then so declared). False when there is
+  // no tree or a name in it cannot be written.
   bool toString(std::string& out) const;
 
   bool createDocument();
@@ -245,7 +250,8 @@ class XmlReaderWriter {
   // Escapes & > < ' " for contents and attribute values, leaving encoded
   // sequences untouched.
   static std::string encodeSpecialChar(const char* text);
-  // The writer's layout of one element and its subtree at `depth`.
+  // The writer's layout of one element and its subtree at `depth`, in
+  // UTF-8, as Node::toString gives it.
   static void serializeElement(const XmlElement* element, int depth, std::string& out);
 
  private:

@@ -1,6 +1,7 @@
 #include "QmLogDBProcessorInterface.h"
 
 #include "QmString.h"
+#include "QmconCriticalSection.h"
 
 namespace {
 
@@ -63,11 +64,22 @@ std::string QmLogDBProcessorInterface::LogEntry::operator[](const std::string& c
 
 QmLogDBProcessorInterface::~QmLogDBProcessorInterface() = default;
 
+int QmLogDBProcessorInterface::getDBError() const {
+  QmconCriticalSection guard(&m_lock, true, true, false);
+  return m_lastErrorCode;
+}
+
+std::string QmLogDBProcessorInterface::getDBString() const {
+  QmconCriticalSection guard(&m_lock, true, true, false);
+  return m_lastErrorText;
+}
+
 void QmLogDBProcessorInterface::clearDBError() {
   setDBError(0, std::string());
 }
 
 void QmLogDBProcessorInterface::setDBError(int code, const std::string& text) {
+  QmconCriticalSection guard(&m_lock, true, true, false);
   m_lastErrorCode = code;
   m_lastErrorText = text;
 }
@@ -89,9 +101,8 @@ std::string QmLogDBProcessorInterface::getSQLCondition(const ReadLogFilter& filt
   }
   if (filter.level > 0) conditions.add(QmstringFormat("level = %d ", filter.level));
   if (filter.startTime > 0) {
-    const int start = static_cast<int>(filter.startTime);
-    conditions.addRaw(QmstringFormat(" timestamp>=%d ", start),
-                      QmstringFormat(" AND timestamp>=%d ", start));
+    conditions.addRaw(QmstringFormat(" timestamp>=%lld ", filter.startTime),
+                      QmstringFormat(" AND timestamp>=%lld ", filter.startTime));
   }
   if (!filter.datePattern.empty()) conditions.add("tempcol LIKE '" + filter.datePattern + "' ");
 

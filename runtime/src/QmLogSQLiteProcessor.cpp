@@ -6,6 +6,7 @@
 
 #include "QmDBProcessorFatalException.h"
 #include "QmString.h"
+#include "QmconCriticalSection.h"
 #include "QmconFunctions.h"
 
 namespace {
@@ -15,9 +16,15 @@ const int kOpenRetryMs = 500;
 const int kBusyTimeoutMs = 3000;
 
 const char* const kCreateMetaTable =
-    "CREATE TABLE metatable (id INTEGER, module_name VARCHAR(50), table_name VARCHAR(50));";
+    "CREATE TABLE IF NOT EXISTS metatable (id INTEGER, module_name VARCHAR(50), table_name "
+    "VARCHAR(50));";
 const char* const kLoadMetaTable =
     "SELECT module_name, table_name FROM metatable ORDER BY module_name;";
+
+// Text inside single quotes in SQL: a quote is doubled.
+std::string Quoted(const std::string& text) {
+  return QmstringReplaceAll(text, "'", "''");
+}
 
 std::string CreateTableSQL(const std::string& table) {
   return "CREATE TABLE " + table +
@@ -28,6 +35,32 @@ std::string CreateTableSQL(const std::string& table) {
 std::string InsertSQL(const std::string& table) {
   return "INSERT INTO " + table +
          " (module, timestamp, level, message, line, srcfile) VALUES (?, ?, ?, ?, ?, ?);";
+}
+
+// The name SQLite opens: the path itself, or for an immutable database a
+// URI with the characters that URIs reserve escaped.
+std::string OpenName(const std::string& path, QmLogSQLiteProcessor::OpenMode mode) {
+  if (mode != QmLogSQLiteProcessor::READ_ONLY_IMMUTABLE) return path;
+  std::string uri = "file:";
+  for (const char c : path) {
+    if (c == '%' || c == '?' || c == '#') {
+      uri += QmstringFormat("%%%02X", static_cast<unsigned char>(c));
+    } else {
+      uri += c;
+    }
+  }
+  return uri + "?immutable=1";
+}
+
+int OpenFlags(QmLogSQLiteProcessor::OpenMode mode) {
+  switch (mode) {
+    case QmLogSQLiteProcessor::READ_ONLY:
+      return SQLITE_OPEN_READONLY;
+    case QmLogSQLiteProcessor::READ_ONLY_IMMUTABLE:
+      return SQLITE_OPEN_READONLY | SQLITE_OPEN_URI;
+    default:
+      return SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+  }
 }
 
 std::string Cell(char** result, int index) {
@@ -57,8 +90,9 @@ void QmLogSQLiteProcessor::StatementDeleter::operator()(sqlite3_stmt* statement)
   sqlite3_finalize(statement);
 }
 
-QmLogSQLiteProcessor::QmLogSQLiteProcessor(const std::string& databaseFile, bool openNow)
-    : m_databaseFile(databaseFile) {
+QmLogSQLiteProcessor::QmLogSQLiteProcessor(const std::string& databaseFile, bool openNow,
+                                           OpenMode mode)
+    : m_databaseFile(databaseFile), m_mode(mode) {
   if (!openNow) return;
   if (!openDatabase() || !initializeDatabase()) {
     const int code = getDBError();
@@ -78,9 +112,11 @@ bool QmLogSQLiteProcessor::keepError(int code) {
 }
 
 bool QmLogSQLiteProcessor::openDatabase() {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
   if (m_opened) return true;
+  const std::string name = OpenName(m_databaseFile, m_mode);
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-    const int rc = sqlite3_open(m_databaseFile.c_str(), &m_db);
+    const int rc = sqlite3_open_v2(name.c_str(), &m_db, OpenFlags(m_mode), nullptr);
     if (rc == SQLITE_OK) {
       m_opened = true;
       applyPragmas();
@@ -97,24 +133,28 @@ bool QmLogSQLiteProcessor::openDatabase() {
 }
 
 // WAL lets readers and the writer proceed together and, with
-// synchronous=NORMAL, avoids a disk sync per logged line.
+// synchronous=NORMAL, avoids a disk sync per logged line. A reader leaves
+// the file's settings alone.
 void QmLogSQLiteProcessor::applyPragmas() {
   sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
+  if (m_mode != READ_WRITE) return;
   execute("PRAGMA journal_mode=WAL;");
   execute("PRAGMA synchronous=NORMAL;");
 }
 
 bool QmLogSQLiteProcessor::initializeDatabase() {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
   if (!m_opened) return false;
   const int rc = sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
   if (rc != SQLITE_OK) return keepError(rc);
-  if (!isTableExists("metatable") && !createMetaTable()) return false;
+  if (m_mode == READ_WRITE && !createMetaTable()) return false;
   if (!loadTablesFromMetatable()) return false;
   m_initialized = true;
   return true;
 }
 
 bool QmLogSQLiteProcessor::closeDatabase() {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
   m_inserts.clear();
   m_tables.clear();
   m_initialized = false;
@@ -125,14 +165,27 @@ bool QmLogSQLiteProcessor::closeDatabase() {
   return rc == SQLITE_OK;
 }
 
+// Meant to be called from another thread while an operation runs, so it
+// does not wait for the lock.
 void QmLogSQLiteProcessor::interruptDatabase() {
   if (m_db != nullptr) sqlite3_interrupt(m_db);
+}
+
+bool QmLogSQLiteProcessor::isDatabaseOpened() {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
+  return m_opened;
+}
+
+bool QmLogSQLiteProcessor::isDatabaseInitialized() {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
+  return m_initialized;
 }
 
 bool QmLogSQLiteProcessor::isTableExists(const std::string& table) {
   EntrySet rows;
   return executeSelectQuery(
-             "SELECT name FROM sqlite_master WHERE type='table' AND name='" + table + "';", rows) &&
+             "SELECT name FROM sqlite_master WHERE type='table' AND name='" + Quoted(table) + "';",
+             rows) &&
          !rows.empty();
 }
 
@@ -142,6 +195,7 @@ bool QmLogSQLiteProcessor::execute(const std::string& sql) {
 }
 
 bool QmLogSQLiteProcessor::executeUpdateQuery(const std::string& sql, int& changes) {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
   changes = 0;
   if (m_db == nullptr) return keepError(SQLITE_MISUSE);
   char* error = nullptr;
@@ -156,6 +210,7 @@ bool QmLogSQLiteProcessor::executeUpdateQuery(const std::string& sql, int& chang
 }
 
 bool QmLogSQLiteProcessor::executeSelectQuery(const std::string& sql, EntrySet& entries) {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
   if (m_db == nullptr) return keepError(SQLITE_MISUSE);
   TableResult result;
   int rows = 0;
@@ -182,11 +237,14 @@ bool QmLogSQLiteProcessor::executeSelectQuery(const std::string& sql, EntrySet& 
   return true;
 }
 
+// Several processes may create the meta table at once: the existence test
+// is part of the statement.
 bool QmLogSQLiteProcessor::createMetaTable() {
   return execute(kCreateMetaTable);
 }
 
 bool QmLogSQLiteProcessor::loadTablesFromMetatable() {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
   if (m_db == nullptr) return keepError(SQLITE_MISUSE);
   TableResult result;
   int rows = 0;
@@ -198,6 +256,7 @@ bool QmLogSQLiteProcessor::loadTablesFromMetatable() {
     sqlite3_free(error);
     return false;
   }
+  m_tables.clear();
   for (int row = 1; row <= rows; ++row) {
     m_tables[Cell(result.get(), row * columns)] = Cell(result.get(), row * columns + 1);
   }
@@ -205,19 +264,42 @@ bool QmLogSQLiteProcessor::loadTablesFromMetatable() {
 }
 
 void QmLogSQLiteProcessor::createModuleTable(const std::string& module, const std::string& table) {
-  execute("DROP TABLE " + table + ";");
-  const bool created = execute(CreateTableSQL(table)) &&
-                       execute("INSERT INTO metatable (module_name, table_name) VALUES ('" +
-                               module + "', '" + table + "');");
+  QmconCriticalSection guard(&dbLock(), true, true, false);
+  std::string registered;
+  const bool created = execute("BEGIN IMMEDIATE;") &&
+                       !(registered = registerTable(module, table)).empty() && execute("COMMIT;");
   if (!created) {
     const int code = getDBError();
     const std::string text = getDBString();
-    execute("DROP TABLE " + table + ";");
+    if (m_db != nullptr && !sqlite3_get_autocommit(m_db)) execute("ROLLBACK;");
+    loadTablesFromMetatable();
     setDBError(code, text);
     throw QmDBProcessorFatalException(
         code, "Unable to create module [" + module + "] table [" + table + "]. " + text);
   }
-  m_tables[module] = table;
+  m_tables[module] = registered;
+}
+
+// Inside the write transaction: the registration as it stands now decides.
+std::string QmLogSQLiteProcessor::registerTable(const std::string& module,
+                                                const std::string& table) {
+  if (!loadTablesFromMetatable()) return std::string();
+  const auto found = m_tables.find(module);
+  if (found != m_tables.end()) return found->second;
+  std::string name = table;
+  for (int suffix = 2;; ++suffix) {
+    bool taken = false;
+    for (const auto& entry : m_tables) taken = taken || entry.second == name;
+    if (!taken) break;
+    name = table + "_" + std::to_string(suffix);
+  }
+  execute("DROP TABLE " + name + ";");  // a stale table nobody registered; usually absent
+  if (!execute(CreateTableSQL(name)) ||
+      !execute("INSERT INTO metatable (module_name, table_name) VALUES ('" + Quoted(module) +
+               "', '" + Quoted(name) + "');")) {
+    return std::string();
+  }
+  return name;
 }
 
 std::string QmLogSQLiteProcessor::tableOf(const std::string& module) {
@@ -225,16 +307,18 @@ std::string QmLogSQLiteProcessor::tableOf(const std::string& module) {
   return found != m_tables.end() ? found->second : convModuleName2TableName(module);
 }
 
-// Another process may have registered the module since the map was loaded,
-// so the map is refreshed before a table is created (which drops any
-// unregistered table of the same name).
-std::string QmLogSQLiteProcessor::findOrCreateTable(const std::string& module) {
+std::string QmLogSQLiteProcessor::getTableName(const std::string& module) {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
   if (m_tables.count(module) == 0) loadTablesFromMetatable();
   const auto found = m_tables.find(module);
+  return found != m_tables.end() ? found->second : std::string();
+}
+
+std::string QmLogSQLiteProcessor::findOrCreateTable(const std::string& module) {
+  const auto found = m_tables.find(module);
   if (found != m_tables.end()) return found->second;
-  const std::string table = convModuleName2TableName(module);
-  createModuleTable(module, table);
-  return table;
+  createModuleTable(module, convModuleName2TableName(module));
+  return m_tables[module];
 }
 
 sqlite3_stmt* QmLogSQLiteProcessor::insertStatement(const std::string& table) {
@@ -254,9 +338,9 @@ sqlite3_stmt* QmLogSQLiteProcessor::insertStatement(const std::string& table) {
 bool QmLogSQLiteProcessor::writeLogRecord(const std::string& module, const std::string& message,
                                           time_t time, int level, const std::string& file,
                                           int line) {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
   if (!m_initialized) return keepError(SQLITE_MISUSE);
-  const std::string table = findOrCreateTable(module);
-  sqlite3_stmt* statement = insertStatement(table);
+  sqlite3_stmt* statement = insertStatement(findOrCreateTable(module));
   if (statement == nullptr) return false;
   sqlite3_bind_text(statement, 1, module.c_str(), -1, SQLITE_TRANSIENT);
   sqlite3_bind_int64(statement, 2, static_cast<sqlite3_int64>(time));
@@ -271,37 +355,43 @@ bool QmLogSQLiteProcessor::writeLogRecord(const std::string& module, const std::
 }
 
 bool QmLogSQLiteProcessor::cleanModuleTable(const std::string& module) {
-  if (m_tables.count(module) == 0) return true;  // nothing stored yet
-  return execute("DELETE FROM " + m_tables[module] + ";");
+  QmconCriticalSection guard(&dbLock(), true, true, false);
+  const std::string table = getTableName(module);
+  if (table.empty()) return true;  // nothing stored yet
+  return execute("DELETE FROM " + table + ";");
 }
 
 bool QmLogSQLiteProcessor::cleanAllModulesTable() {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
   bool cleaned = true;
-  for (const auto& entry : m_tables)
+  for (const auto& entry : m_tables) {
     cleaned = execute("DELETE FROM " + entry.second + ";") && cleaned;
+  }
   return cleaned;
 }
 
 bool QmLogSQLiteProcessor::readLogRecord(EntrySet& entries, const std::string& module,
                                          const ReadLogFilter& filter) {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
   const std::string condition = getSQLCondition(filter);
-  const std::string table = tableOf(module);
   if (filter.datePattern.empty()) return readLogRecord(entries, module, condition);
   return executeSelectQuery(
       "SELECT *,strftime('%m/%d/%Y %H:%M:%S',timestamp,'unixepoch','localtime') AS tempcol "
       "FROM " +
-          table + " " + condition + ";",
+          tableOf(module) + " " + condition + ";",
       entries);
 }
 
 bool QmLogSQLiteProcessor::readLogRecord(EntrySet& entries, const std::string& module,
                                          const std::string& condition) {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
   return executeSelectQuery("SELECT * FROM " + tableOf(module) + " " + condition + ";", entries);
 }
 
 int QmLogSQLiteProcessor::getNumberOfPages(const std::string& module, int pageSize, int level,
                                            const std::string& messagePattern,
                                            const std::string& datePattern) {
+  QmconCriticalSection guard(&dbLock(), true, true, false);
   EntrySet rows;
   if (!executeSelectQuery(getPageCountSQL(tableOf(module), level, messagePattern, datePattern),
                           rows) ||

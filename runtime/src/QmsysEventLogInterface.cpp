@@ -4,17 +4,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <utility>
 #include <vector>
 
+#include "QmException.h"
 #include "QmIniReaderWriterEx.h"
 #include "QmString.h"
 #include "QmconFunctions.h"
+#include "QmioDirectory.h"
 #include "QmsysEventLogMultiThreaded.h"
 #include "QmsysEventLogSingleThreaded.h"
 #include "QmsysSystemLog.h"
@@ -64,21 +68,6 @@ bool FileExists(const std::string& path) {
   return stat(path.c_str(), &info) == 0;
 }
 
-// Creates the directory and any missing parents.
-void MakeDirectories(const std::string& directory) {
-  for (size_t slash = directory.find('/', 1); slash != std::string::npos;
-       slash = directory.find('/', slash + 1)) {
-    mkdir(directory.substr(0, slash).c_str(), 0775);
-  }
-  mkdir(directory.c_str(), 0775);
-}
-
-std::string DirectoryOf(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 std::string SectionOf(const std::string& loggerName) {
   return "[" + loggerName + "]";
 }
@@ -112,7 +101,7 @@ void CreateDefaultLogger(IniReaderWriter& ini, const std::string& configPath,
   SetMissingKey(ini, head, "autoAppend", "1");
   SetMissingKey(ini, head, "perProcessFile", "0");
   if (addToMain) ini.setKeyValue(kMainHead, moduleName, loggerName);
-  MakeDirectories(DirectoryOf(logPath));
+  QmioDirectory::Create(QmioDirectory::Of(logPath));
   if (!FileExists(logPath)) {
     FILE* file = fopen(logPath.c_str(), "w");
     if (file != nullptr) fclose(file);
@@ -136,8 +125,14 @@ void CreateLogger(IniReaderWriter& ini, const std::string& configPath,
   CreateDefaultLogger(ini, configPath, moduleName, name, name, true);
 }
 
+// The name a logger's default log file is made from.
+std::string LogFileNameOf(const std::string& loggerName) {
+  return loggerName == kCommonLogger ? kCommonLogFile : loggerName;
+}
+
 // Makes sure the module's logger section exists and names a writer, and
-// that an SQLite logger names its database.
+// that a file logger names its file and an SQLite logger its database (by
+// default beside the configuration directory, in "logs").
 bool RepairModuleLogger(IniReaderWriter& ini, const std::string& configPath,
                         const std::string& moduleName) {
   const std::string name = LoggerNameFor(ini, moduleName);
@@ -148,12 +143,18 @@ bool RepairModuleLogger(IniReaderWriter& ini, const std::string& configPath,
   const std::string head = SectionOf(name);
   const std::string writer = ini.getKeyValue(head, "writer");
   if (writer.empty()) {
-    CreateDefaultLogger(ini, configPath, moduleName, name, name, false);
+    CreateDefaultLogger(ini, configPath, moduleName, name, LogFileNameOf(name), false);
+    return true;
+  }
+  if (QmstringEqualsNoCase(writer, "file") && ini.getKeyValue(head, "filePath").empty()) {
+    ini.setKeyValue(head, "filePath",
+                    QmsysEventLogInterface::getLogDirPath(configPath, LogFileNameOf(name)));
     return true;
   }
   if (QmstringEqualsNoCase(writer, "sqlite") && ini.getKeyValue(head, "dbfilename").empty() &&
       ini.getKeyValue(head, "filename").empty()) {
-    const std::string logPath = QmsysEventLogInterface::getLogDirPath(configPath, name);
+    const std::string logPath =
+        QmsysEventLogInterface::getLogDirPath(configPath, LogFileNameOf(name));
     ini.setKeyValue(head, "dbfilename", logPath.substr(0, logPath.size() - 4) + ".db");
     return true;
   }
@@ -216,6 +217,81 @@ bool EditConfigFile(const std::string& configDirectory, const char* function, Ed
   return written;
 }
 
+// Consumes `prefix` at the front of `text`.
+bool Take(const char*& text, const char* prefix) {
+  const size_t length = strlen(prefix);
+  if (strncmp(text, prefix, length) != 0) return false;
+  text += length;
+  return true;
+}
+
+// Consumes "." and one or more digits at the front of `text`.
+bool TakeNumber(const char*& text) {
+  if (text[0] != '.' || !isdigit(static_cast<unsigned char>(text[1]))) return false;
+  for (++text; isdigit(static_cast<unsigned char>(*text));) ++text;
+  return true;
+}
+
+// A log file, archive or lock file of the module whose file names begin
+// with `stem`: stem[(NN)]_logger[.n].txt[.n][.lock] or the same with _log.
+bool IsOwnLogFile(const char* name, const std::string& stem) {
+  if (!Take(name, stem.c_str())) return false;
+  if (name[0] == '(' && isdigit(static_cast<unsigned char>(name[1])) &&
+      isdigit(static_cast<unsigned char>(name[2])) && name[3] == ')') {
+    name += 4;
+  }
+  if (!Take(name, "_logger") && !Take(name, "_log")) return false;
+  TakeNumber(name);
+  if (!Take(name, ".txt")) return false;
+  TakeNumber(name);
+  Take(name, ".lock");
+  return *name == '\0';
+}
+
+// The text of the exception being handled (call inside a catch block).
+std::string CurrentExceptionText() {
+  try {
+    throw;
+  } catch (const QmException& e) {
+    return e.ToString();
+  } catch (const std::exception& e) {
+    return e.what();
+  } catch (...) {
+    return "Unknown error";
+  }
+}
+
+// Runs `action`; whatever it throws is reported under `source` and makes
+// the result false.
+template <typename Action>
+bool Guarded(const char* source, Action action) {
+  try {
+    return action();
+  } catch (...) {
+    QmsysSystemLog::Write(source, QmsysSystemLog::CATEGORY_ERROR, "%s",
+                          CurrentExceptionText().c_str());
+  }
+  return false;
+}
+
+// Runs `create` unless the module name is empty; whatever it throws is
+// reported and becomes a null logger.
+template <typename Create>
+QmsysEventLogInterface* CreateGuarded(const std::string& moduleName, Create create) {
+  const char* const source = "QmsysEventLogInterface::CreateInstance";
+  if (moduleName.empty()) {
+    QmsysSystemLog::Write(source, QmsysSystemLog::CATEGORY_ERROR,
+                          "Unable to create a logger without a module name.");
+    return nullptr;
+  }
+  QmsysEventLogInterface* created = nullptr;
+  Guarded(source, [&] {
+    created = create();
+    return true;
+  });
+  return created;
+}
+
 }  // namespace
 
 // ---- registry --------------------------------------------------------------
@@ -224,18 +300,22 @@ QmsysEventLogInterface* QmsysEventLogInterface::CreateInstance(const std::string
                                                                LoggerType type,
                                                                const std::string& configDirectory,
                                                                const std::string& processName) {
-  checkAndRepairConfigFile(configDirectory, moduleName);
-  return FindOrRegister(moduleName, type, [&](QmsysEventLogInterface& logger) {
-    logger.initialize(configDirectory, processName);
+  return CreateGuarded(moduleName, [&] {
+    checkAndRepairConfigFile(configDirectory, moduleName);
+    return FindOrRegister(moduleName, type, [&](QmsysEventLogInterface& logger) {
+      logger.initialize(configDirectory, processName);
+    });
   });
 }
 
 QmsysEventLogInterface* QmsysEventLogInterface::CreateInstance(
     const std::string& moduleName, LoggerType type,
     QmsysEventLogWriterInterface::WriterTypes writerType, const std::string& processName) {
-  return FindOrRegister(moduleName, type, [&](QmsysEventLogInterface& logger) {
-    logger.m_processName = processName;
-    logger.setWriter(QmsysEventLogWriterInterface::CreateInstance(writerType));
+  return CreateGuarded(moduleName, [&] {
+    return FindOrRegister(moduleName, type, [&](QmsysEventLogInterface& logger) {
+      logger.m_processName = processName;
+      logger.setWriter(QmsysEventLogWriterInterface::CreateInstance(writerType));
+    });
   });
 }
 
@@ -317,7 +397,7 @@ std::string QmsysEventLogInterface::getLogDirPath(const std::string& configPath,
   if (!directory.empty()) return directory + "/" + name + "_log.txt";
   const size_t config = configPath.rfind("/config");
   const std::string base =
-      config != std::string::npos ? configPath.substr(0, config) : DirectoryOf(configPath);
+      config != std::string::npos ? configPath.substr(0, config) : QmioDirectory::Of(configPath);
   const std::string logDir = base + "/logs/";
   std::string path = QmstringFormat("%s%s.txt", logDir.c_str(), name.c_str());
   for (int index = 0; FileExists(path); ++index) {
@@ -328,7 +408,7 @@ std::string QmsysEventLogInterface::getLogDirPath(const std::string& configPath,
 
 bool QmsysEventLogInterface::generateConfigFile(const std::string& configPath,
                                                 const std::string& moduleName) {
-  MakeDirectories(DirectoryOf(configPath));
+  QmioDirectory::Create(QmioDirectory::Of(configPath));
   QmIniReaderWriterEx ini(configPath, true, true);
   if (!ini.open(true)) {
     ReportConfigFault("QmsysEventLogInterface::generateConfigFile", configPath);
@@ -404,14 +484,12 @@ bool QmsysEventLogInterface::DeleteLoggerFiles(const std::string& directory,
                                                const std::string& moduleName) {
   DIR* dir = opendir(directory.c_str());
   if (dir == nullptr) return false;
+  const std::string stem = QmstringReplaceAll(moduleName, " ", "_");
   std::vector<std::string> doomed;
   while (dirent* entry = readdir(dir)) {
-    const std::string name = entry->d_name;
-    const bool lockFile = name.size() > 5 && name.compare(name.size() - 5, 5, ".lock") == 0;
-    const bool logFile = !moduleName.empty() &&
-                         name.compare(0, moduleName.size(), moduleName) == 0 &&
-                         name.find(".txt") != std::string::npos;
-    if (lockFile || logFile) doomed.push_back(directory + "/" + name);
+    if (!stem.empty() && IsOwnLogFile(entry->d_name, stem)) {
+      doomed.push_back(directory + "/" + entry->d_name);
+    }
   }
   closedir(dir);
   bool deleted = true;
@@ -430,7 +508,8 @@ bool QmsysEventLogInterface::initialize(const std::string& configDirectory,
                                         const std::string& processName) {
   m_configPath = getConfigFileName(configDirectory);
   m_processName = processName;
-  return loadWriterConfig(kLoadAttempts);
+  return Guarded("QmsysEventLogInterface::initialize",
+                 [&] { return loadWriterConfig(kLoadAttempts); });
 }
 
 bool QmsysEventLogInterface::loadWriterConfig(int attempts) {
@@ -534,8 +613,10 @@ bool QmsysEventLogInterface::writeAt(QmsysEventLogWriterInterface::LogLevel leve
                                      const std::string& msg, int line, const char* file) {
   if (!m_alive) return false;
   if (level != QmsysEventLogWriterInterface::LEVEL_FATAL && m_level > level) return false;
-  if (!m_threadIdPrefix) return Print(level, msg, line, file);
-  return Print(level, "[TID:" + std::to_string(GetMyThreadID()) + "] " + msg, line, file);
+  return Guarded("QmsysEventLogInterface::Print", [&] {
+    if (!m_threadIdPrefix) return Print(level, msg, line, file);
+    return Print(level, "[TID:" + std::to_string(GetMyThreadID()) + "] " + msg, line, file);
+  });
 }
 
 bool QmsysEventLogInterface::WriteTrace(const std::string& msg, int line, const char* file) {

@@ -1,88 +1,84 @@
 #include "QmsysEventLogMultiThreaded.h"
 
-#include <signal.h>
-
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <exception>
 
-#include "QmconCriticalSection.h"
 #include "QmconDelegate.h"
 #include "QmconException.h"
-#include "QmconFunctions.h"
 #include "QmconThread.h"
 #include "QmsysSystemLog.h"
 
 namespace {
 
-const int kStartChecks = 5;
-const int kStartCheckIntervalMs = 500;
+const std::chrono::milliseconds kStartWait(2500);  // five checks 500 ms apart
 const std::chrono::seconds kStopWait(10);
-
-// Killing a thread relies on the runtime's SIGQUIT handler, which ends only
-// the receiving thread; without it SIGQUIT would end the whole process.
-bool CanKillThreads() {
-  struct sigaction current {};
-  if (sigaction(SIGQUIT, nullptr, &current) != 0) return false;
-  return current.sa_handler != SIG_DFL && current.sa_handler != SIG_IGN;
-}
 
 }  // namespace
 
-// Runs the owner's DoWork on the worker thread. Deleted together with its
-// auto-cleaning thread object once the owner's DoWork has returned.
+// What the worker shares with its owner. The worker holds it until it ends,
+// so it lives as long as either of them needs it.
+struct QmsysEventLogMultiThreaded::Queue {
+  std::mutex mutex;
+  std::condition_variable changed;  // lines queued, stop asked, worker started or ended
+  std::deque<MsgStruct> lines;
+  bool stop = false;
+  bool started = false;
+  bool running = true;  // until the worker has ended
+  std::shared_ptr<QmsysEventLogWriterInterface> writer;
+  std::string processName;
+};
+
+// Runs DoWork on the worker thread. Deleted with its auto-cleaning thread
+// object when the work ends, releasing its share of the queue.
 class QmsysEventLogMultiThreaded::Worker : public QmconDelegate {
  public:
-  explicit Worker(QmsysEventLogMultiThreaded* owner) : m_owner(owner) {}
-  void DoWork(void* userData) override { m_owner->DoWork(userData); }
+  explicit Worker(std::shared_ptr<Queue> queue) : m_queue(std::move(queue)) {}
+  void DoWork(void* /*userData*/) override { QmsysEventLogMultiThreaded::DoWork(m_queue.get()); }
 
  private:
-  QmsysEventLogMultiThreaded* m_owner;
+  std::shared_ptr<Queue> m_queue;
 };
 
 QmsysEventLogMultiThreaded::QmsysEventLogMultiThreaded(const std::string& moduleName)
     : QmsysEventLogInterface(moduleName) {}
 
 QmsysEventLogMultiThreaded::~QmsysEventLogMultiThreaded() {
-  bool running;
-  {
-    std::lock_guard<std::mutex> done(m_doneMutex);
-    running = !m_finished;
-  }
-  if (running) Stop();
+  Stop();
+}
+
+std::shared_ptr<QmsysEventLogMultiThreaded::Queue> QmsysEventLogMultiThreaded::currentQueue() {
+  std::lock_guard<std::mutex> guard(m_queueMutex);
+  return m_queue;
 }
 
 bool QmsysEventLogMultiThreaded::Print(QmsysEventLogWriterInterface::LogLevel level,
                                        const std::string& message, int line, const char* file) {
-  if (GetWriter() == nullptr) return false;
-  bool queued = false;
+  const std::shared_ptr<Queue> queue = currentQueue();
+  if (GetWriter() == nullptr || !queue) return false;
   {
-    QmconCriticalSection guard(&m_queueLock, true, true, false);
-    if (!m_stop) {
-      m_queue.push_back(std::unique_ptr<MsgStruct>(
-          new MsgStruct{level, message, line, time(nullptr), file != nullptr ? file : ""}));
-      queued = true;
-    }
+    std::lock_guard<std::mutex> guard(queue->mutex);
+    if (queue->stop) return false;
+    queue->lines.push_back(
+        MsgStruct{level, message, line, time(nullptr), file != nullptr ? file : ""});
   }
-  try {
-    m_arrived.Broadcast();
-  } catch (const QmconException& e) {
-    QmsysSystemLog::Write("QmsysEventLogMultiThreaded::Print", QmsysSystemLog::CATEGORY_ERROR, "%s",
-                          e.ToString().c_str());
-  }
-  return queued;
+  queue->changed.notify_all();
+  return true;
 }
 
 bool QmsysEventLogMultiThreaded::Start() {
   const bool alive = QmsysEventLogInterface::Start();
+  if (!alive) return false;
+  std::shared_ptr<Queue> queue;
   {
-    std::lock_guard<std::mutex> done(m_doneMutex);
-    if (!m_finished) return alive;  // the worker already runs
-    {
-      QmconCriticalSection guard(&m_queueLock, true, true, false);
-      m_stop = false;
-    }
+    std::lock_guard<std::mutex> starting(m_queueMutex);
+    if (m_queue) return alive;  // the worker already runs
+    queue = std::make_shared<Queue>();
+    queue->writer = sharedWriter();
+    queue->processName = getProcessName();
     auto thread = std::make_unique<QmconThread>();
-    auto worker = std::make_unique<Worker>(this);
+    auto worker = std::make_unique<Worker>(queue);
     thread->SetAutoClean(true);
     try {
       thread->Run(worker.get());
@@ -93,97 +89,63 @@ bool QmsysEventLogMultiThreaded::Start() {
     }
     // From here on the thread owns itself and the worker.
     worker.release();
-    m_thread = thread.release();
-    m_finished = false;
+    thread.release();
+    m_queue = queue;
   }
-  for (int check = 0; check < kStartChecks; ++check) {
-    if (isWorkerRunning()) return alive;
-    Qmsleep(kStartCheckIntervalMs);
+  std::unique_lock<std::mutex> guard(queue->mutex);
+  if (!queue->changed.wait_for(guard, kStartWait, [&] { return queue->started; })) {
+    QmsysSystemLog::Write("QmsysEventLogInterface::Start", QmsysSystemLog::CATEGORY_ERROR,
+                          "Worker thread is not running");
   }
-  QmsysSystemLog::Write("QmsysEventLogInterface::Start", QmsysSystemLog::CATEGORY_ERROR,
-                        "Worker thread is not running");
   return alive;
 }
 
 bool QmsysEventLogMultiThreaded::Stop() {
+  std::shared_ptr<Queue> queue;
   {
-    QmconCriticalSection guard(&m_queueLock, true, true, false);
-    m_stop = true;
+    std::lock_guard<std::mutex> stopping(m_queueMutex);
+    queue.swap(m_queue);  // a second Stop has nothing left to wait for
   }
-  try {
-    m_arrived.Broadcast();
-  } catch (const QmconException& e) {
-    QmsysSystemLog::Write("QmsysEventLogMultiThreaded::Stop", QmsysSystemLog::CATEGORY_ERROR, "%s",
-                          e.ToString().c_str());
-  }
-  std::unique_lock<std::mutex> done(m_doneMutex);
-  m_done.wait_for(done, kStopWait, [this] { return m_finished; });
-  QmsysEventLogInterface::Stop();
-  if (m_finished) return true;
-
-  // The worker is stuck in a write: end it and abandon its thread object.
-  QmsysSystemLog::Write("QmsysEventLogMultiThreaded::Stop", QmsysSystemLog::CATEGORY_ERROR,
-                        "Worker thread did not stop in time");
-  if (CanKillThreads()) {
-    try {
-      m_thread->Kill();
-    } catch (const QmconException& e) {
+  if (queue) {
+    std::unique_lock<std::mutex> guard(queue->mutex);
+    queue->stop = true;
+    queue->changed.notify_all();
+    if (!queue->changed.wait_for(guard, kStopWait, [&] { return !queue->running; })) {
+      // The worker is stuck in a write. It keeps the queue and the writer
+      // alive itself; what it has not reached is given up.
       QmsysSystemLog::Write("QmsysEventLogMultiThreaded::Stop", QmsysSystemLog::CATEGORY_ERROR,
-                            "%s", e.ToString().c_str());
+                            "Worker thread did not stop in time; %zu queued lines dropped",
+                            queue->lines.size());
+      queue->lines.clear();
     }
   }
-  m_thread = nullptr;
-  m_finished = true;
-  return true;
+  return QmsysEventLogInterface::Stop();
 }
 
-void QmsysEventLogMultiThreaded::DoWork(void* /*userData*/) {
-  try {
-    bool stop = false;
-    while (!stop) {
-      m_arrived.Wait(-1);
-      std::vector<std::unique_ptr<MsgStruct>> batch;
-      {
-        QmconCriticalSection guard(&m_queueLock, true, true, false);
-        batch.swap(m_queue);
-        stop = m_stop;
-      }
-      writeBatch(batch);
-    }
-  } catch (const std::exception& e) {
-    QmsysSystemLog::Write("QmsysEventLogMultiThreaded::DoWork", QmsysSystemLog::CATEGORY_ERROR,
-                          "%s", e.what());
-  }
-  markWorkerFinished();
-}
-
-bool QmsysEventLogMultiThreaded::isWorkerRunning() {
-  std::lock_guard<std::mutex> done(m_doneMutex);
-  return !m_finished && m_thread != nullptr && m_thread->IsRunning();
-}
-
-void QmsysEventLogMultiThreaded::writeBatch(const std::vector<std::unique_ptr<MsgStruct>>& batch) {
-  QmsysEventLogWriterInterface* writer = GetWriter();
-  if (writer == nullptr) return;
-  // Only standard exceptions are caught: a thread ended by Kill unwinds
-  // through here and must not be stopped.
-  for (const auto& msg : batch) {
+void QmsysEventLogMultiThreaded::DoWork(void* userData) {
+  Queue& queue = *static_cast<Queue*>(userData);
+  std::unique_lock<std::mutex> guard(queue.mutex);
+  queue.started = true;
+  queue.changed.notify_all();
+  while (true) {
+    queue.changed.wait(guard, [&] { return queue.stop || !queue.lines.empty(); });
+    if (queue.lines.empty()) break;  // stopped, and everything written
+    const MsgStruct line = std::move(queue.lines.front());
+    queue.lines.pop_front();
+    guard.unlock();
     try {
-      (*writer)(getProcessName(), msg->level, msg->message, msg->line, msg->file.c_str(),
-                msg->time);
+      (*queue.writer)(queue.processName, line.level, line.message, line.line, line.file.c_str(),
+                      line.time);
     } catch (const std::exception& e) {
       const char* text = e.what();
       QmsysSystemLog::Write("QmsysEventLogMultiThreaded::DoWork", QmsysSystemLog::CATEGORY_ERROR,
                             "%s", (text != nullptr && *text != '\0') ? text : "Unknown error");
+    } catch (...) {
+      QmsysSystemLog::Write("QmsysEventLogMultiThreaded::DoWork", QmsysSystemLog::CATEGORY_ERROR,
+                            "Unknown error");
     }
+    guard.lock();
   }
-}
-
-// Last touch of this object by the worker thread: once m_finished is seen
-// true under the mutex, the owner may be destroyed.
-void QmsysEventLogMultiThreaded::markWorkerFinished() {
-  std::lock_guard<std::mutex> done(m_doneMutex);
-  m_finished = true;
-  m_thread = nullptr;
-  m_done.notify_all();
+  queue.running = false;
+  queue.changed.notify_all();
 }

@@ -110,6 +110,11 @@ XmlElement::Attribute* XmlElement::setAttribute(const std::string& name, const s
     existing->setValue(value);
     return existing;
   }
+  return appendAttribute(name, value);
+}
+
+XmlElement::Attribute* XmlElement::appendAttribute(const std::string& name,
+                                                   const std::string& value) {
   m_attributes.push_back(std::make_unique<Attribute>(name, value));
   return m_attributes.back().get();
 }

@@ -8,6 +8,7 @@
 
 #include "QmioException.h"
 #include "QmioFile.h"
+#include "XmlOutputEncoding.h"
 
 namespace {
 
@@ -58,42 +59,88 @@ std::vector<std::string> CollectPath(int count, va_list args) {
   return path;
 }
 
-// Writes the opening tag; true when the element still needs its children and
-// closing tag written.
-bool OpenTag(const XmlElement* element, int depth, std::string& out) {
-  out.append(static_cast<size_t>(depth) * 2, ' ');
-  out += '<';
-  out += element->name();
-  for (size_t i = 0; i < element->attributeCount(); ++i) {
-    const XmlElement::Attribute* attribute = element->attribute(i);
-    out += ' ';
-    out += attribute->name();
-    out += "=\"";
-    out += XmlReaderWriter::encodeSpecialChar(attribute->value().c_str());
-    out += '"';
+// The writer's walk over one element and its subtree, building UTF-8 text
+// held to what `encoding` can carry. `writable` turns false at a name that
+// cannot be written.
+class TreeWriter {
+ public:
+  TreeWriter(const XmlOutputEncoding& encoding, std::string& out)
+      : m_encoding(encoding), m_out(out) {}
+  bool writable() const { return m_writable; }
+
+  // Iterative walk: each frame is an element whose opening tag is written,
+  // with the index of its next child to write.
+  void write(const XmlElement* element, int depth) {
+    struct Frame {
+      const XmlElement* element;
+      size_t nextChild;
+      int depth;
+    };
+    std::vector<Frame> open;
+    if (openTag(element, depth)) open.push_back({element, 0, depth});
+    while (!open.empty()) {
+      Frame& top = open.back();
+      if (top.nextChild < top.element->childCount()) {
+        const XmlElement* child = top.element->child(top.nextChild++);
+        const int childDepth = top.depth + 1;
+        if (openTag(child, childDepth)) open.push_back({child, 0, childDepth});
+      } else {
+        closeTag(top.element, top.depth);
+        open.pop_back();
+      }
+    }
   }
-  if (HasNonEmptyContents(element)) {
-    out += '>';
+
+ private:
+  void name(const std::string& text) {
+    if (!m_encoding.appendName(text, m_out)) m_writable = false;
+  }
+
+  void text(const char* raw) {
+    m_encoding.appendText(XmlReaderWriter::encodeSpecialChar(raw), m_out);
+  }
+
+  // Writes the opening tag; true when the element still needs its children
+  // and closing tag written.
+  bool openTag(const XmlElement* element, int depth) {
+    m_out.append(static_cast<size_t>(depth) * 2, ' ');
+    m_out += '<';
+    name(element->name());
+    for (size_t i = 0; i < element->attributeCount(); ++i) {
+      const XmlElement::Attribute* attribute = element->attribute(i);
+      m_out += ' ';
+      name(attribute->name());
+      m_out += "=\"";
+      text(attribute->value().c_str());
+      m_out += '"';
+    }
+    if (HasNonEmptyContents(element)) {
+      m_out += '>';
+      return true;
+    }
+    if (element->childCount() == 0 && element->parent() != nullptr) {
+      m_out += "/>\n";
+      return false;
+    }
+    m_out += ">\n";
     return true;
   }
-  if (element->childCount() == 0 && element->parent() != nullptr) {
-    out += "/>\n";
-    return false;
-  }
-  out += ">\n";
-  return true;
-}
 
-void CloseTag(const XmlElement* element, int depth, std::string& out) {
-  if (HasNonEmptyContents(element)) {
-    out += XmlReaderWriter::encodeSpecialChar(element->contents());
-  } else {
-    out.append(static_cast<size_t>(depth) * 2, ' ');
+  void closeTag(const XmlElement* element, int depth) {
+    if (HasNonEmptyContents(element)) {
+      text(element->contents());
+    } else {
+      m_out.append(static_cast<size_t>(depth) * 2, ' ');
+    }
+    m_out += "</";
+    name(element->name());
+    m_out += ">\n";
   }
-  out += "</";
-  out += element->name();
-  out += ">\n";
-}
+
+  const XmlOutputEncoding& m_encoding;
+  std::string& m_out;
+  bool m_writable = true;
+};
 
 void WriteWholeFile(QmioFile& file, const std::string& text) {
   file.Flush();
@@ -745,16 +792,17 @@ bool XmlReaderWriter::write(const std::string& path) {
 
 bool XmlReaderWriter::toString(std::string& out) const {
   if (!m_tree) return false;
+  const XmlOutputEncoding encoding(m_tree->encoding());
   const char* version = m_tree->version();
-  const char* encoding = m_tree->encoding();
-  out = "<?xml version=\"";
-  out += version != nullptr ? version : "1.0";
-  out += "\" encoding=\"";
-  out += encoding != nullptr ? encoding : "UTF-8";
-  out += "\" standalone=\"";
-  out += m_tree->standalone() > 0 ? "yes" : "no";
-  out += "\"?>\n\n";
-  if (m_tree->root() != nullptr) serializeElement(m_tree->root(), 0, out);
+  std::string text = "<?xml version=\"";
+  text += version != nullptr ? version : "1.0";
+  text += "\" encoding=\"" + encoding.declaredName() + "\" standalone=\"";
+  text += m_tree->standalone() > 0 ? "yes" : "no";
+  text += "\"?>\n\n";
+  TreeWriter writer(encoding, text);
+  if (m_tree->root() != nullptr) writer.write(m_tree->root(), 0);
+  if (!writer.writable()) return false;
+  out = encoding.encode(text);
   return true;
 }
 
@@ -888,24 +936,5 @@ std::string XmlReaderWriter::encodeSpecialChar(const char* text) {
 }
 
 void XmlReaderWriter::serializeElement(const XmlElement* element, int depth, std::string& out) {
-  // Iterative walk: each frame is an element whose opening tag is written,
-  // with the index of its next child to write.
-  struct Frame {
-    const XmlElement* element;
-    size_t nextChild;
-    int depth;
-  };
-  std::vector<Frame> open;
-  if (OpenTag(element, depth, out)) open.push_back({element, 0, depth});
-  while (!open.empty()) {
-    Frame& top = open.back();
-    if (top.nextChild < top.element->childCount()) {
-      const XmlElement* child = top.element->child(top.nextChild++);
-      const int childDepth = top.depth + 1;
-      if (OpenTag(child, childDepth, out)) open.push_back({child, 0, childDepth});
-    } else {
-      CloseTag(top.element, top.depth, out);
-      open.pop_back();
-    }
-  }
+  TreeWriter(XmlOutputEncoding(nullptr), out).write(element, depth);
 }

@@ -64,8 +64,9 @@ class TreeBuilder {
       return;
     }
     auto element = std::make_unique<XmlElement>(name);
+    // expat refuses a document that repeats an attribute name.
     for (int i = 0; attributes[i] != nullptr; i += 2) {
-      element->setAttribute(attributes[i], attributes[i + 1]);
+      element->appendAttribute(attributes[i], attributes[i + 1]);
     }
     if (m_current == nullptr) {
       m_current = element.get();

@@ -29,8 +29,10 @@ TEST(ExceptionTest, ToStringFormats) {
       {io.ToString(),
        "Exception raised! IO path[10.0.0.1:7000] File[QmioSocket] Line[3] "
        "Msg[Socket Connecting Failed] SysMsg[refused]"},
-      {QmconException(42, "../src/QmconEvent", 7, "Lock failed", "Invalid argument").ToString(),
-       "Exception raised! ThreadID[42] File[../src/QmconEvent] Line[7] Msg[Lock failed] "
+      // The file's name only, however the build named it.
+      {QmconException(42, "/build/runtime/src/QmconEvent.cpp", 7, "Lock failed", "Invalid argument")
+           .ToString(),
+       "Exception raised! ThreadID[42] File[QmconEvent.cpp] Line[7] Msg[Lock failed] "
        "SysMsg[Invalid argument]"},
       {io.GetPath(), "10.0.0.1:7000"},
       {io.what(), "Socket Connecting Failed"},

@@ -43,8 +43,8 @@ TEST(LogDbText, TableNamesConditionsAndPageCounts) {
       {Filter(), " LIMIT -1 OFFSET 0 "},
       {{{}, {}, "", 0, 0, "", false, false, false, 0, -5}, " LIMIT -1 OFFSET 0 "},
       {{{}, {}, "", 0, 0, "", false, false, false, 7, 3}, " LIMIT 7 OFFSET 3 "},
-      {{{}, {}, "", 0, 100, "", false, false, true, 0, 0},
-       "WHERE  timestamp>=100 ORDER BY level LIMIT -1 OFFSET 0 "},
+      {{{}, {}, "", 0, 4102444800, "", false, false, true, 0, 0},  // 2100-01-01
+       "WHERE  timestamp>=4102444800 ORDER BY level LIMIT -1 OFFSET 0 "},
       {{{"a", "b"}, {3, 5}, "%x%", 2, 100, "11/%", true, true, true, 10, 20},
        "WHERE module IN ('a', 'b') AND level IN (3, 5) AND message LIKE '%x%' AND level = 2 "
        " AND timestamp>=100 AND tempcol LIKE '11/%' ORDER BY timestamp DESC, module, level"
@@ -92,6 +92,10 @@ TEST_F(LogDbTest, RowsRoundTripFilterAndReplaceAStaleTable) {
   EXPECT_EQ(3, processor.getNumberOfPages("other.mod", 2, 0, "", ""));
   EXPECT_EQ(1, processor.getNumberOfPages("other.mod", 2, 4, "", ""));
   EXPECT_EQ(1, processor.getNumberOfPages("other.mod", 10, 0, "%1", ""));
+  // A module whose table name is taken gets a table of its own.
+  ASSERT_TRUE(processor.writeLogRecord("other-mod", "own", base, 1, "f", 1));
+  EXPECT_EQ("other_mod_2", processor.getTableName("other-mod"));
+  EXPECT_EQ(std::vector<std::string>{"own"}, Messages(processor, "other-mod"));
   Db::EntrySet registered;
   ASSERT_TRUE(processor.executeSelectQuery(
       "SELECT id, table_name FROM metatable WHERE module_name='other.mod';", registered));
@@ -120,20 +124,30 @@ TEST_F(LogDbTest, WaitsForAnotherConnectionHoldingTheDatabase) {
   EXPECT_EQ(2u, Messages(processor, "agent").size());
 }
 
-TEST_F(LogDbTest, UnusableDatabaseThrowsOrFails) {
-  EXPECT_THROW(QmLogSQLiteProcessor(m_dir.file("missing/dir/log.db"), true),
+TEST_F(LogDbTest, UnusableDatabaseThrowsOrFailsAndTheWriterRetriesAtItsNextLine) {
+  LogWriteFile(m_dir.file("plain"), "");  // a file where a directory would have to be
+  EXPECT_THROW(QmLogSQLiteProcessor(m_dir.file("plain/log.db"), true), QmDBProcessorFatalException);
+  EXPECT_THROW(QmLogSQLiteProcessor(db(), true, QmLogSQLiteProcessor::READ_ONLY),
                QmDBProcessorFatalException);
+  EXPECT_FALSE(LogFileExists(db())) << "a reader created the database";
   QmLogSQLiteProcessor unopened(db(), false);
   EXPECT_FALSE(unopened.writeLogRecord("agent", "x", 1, 1, "f", 1));
   EXPECT_NE(0, unopened.getDBError());
+
   SystemLogCapture capture;
-  QmsysEventLogSQLiteWriter bad;
-  EXPECT_FALSE(bad.setDbFileName(m_dir.file("no/such/dir.db")));
-  EXPECT_FALSE(bad("agent", QmsysEventLogWriterInterface::LEVEL_INFO, "x", 1, "f", 0));
-  EXPECT_TRUE(capture.contains("QmsysEventLogSQLiteWriter::setDbFileName", ""));
+  QmsysEventLogSQLiteWriter writer;
+  EXPECT_FALSE(writer.setDbFileName(m_dir.file("plain/sub/log.db")));
+  EXPECT_TRUE(writer.isInitialized());  // configured: each line tries again
+  EXPECT_FALSE(writer("agent", QmsysEventLogWriterInterface::LEVEL_INFO, "x", 1, "f", 0));
+  EXPECT_EQ(1u, capture.count("QmsysEventLogSQLiteWriter::setDbFileName", ""));
+  std::filesystem::remove(m_dir.file("plain"));  // the folder can be made now
+  EXPECT_TRUE(writer("agent", QmsysEventLogWriterInterface::LEVEL_INFO, "y", 1, "f", 0));
+  QmLogSQLiteProcessor written(m_dir.file("plain/sub/log.db"), true);
+  EXPECT_EQ(std::vector<std::string>{"y"}, Messages(written, "agent"));
 }
 
-TEST_F(LogDbTest, SqliteWriterTimesAndTruncates) {
+TEST_F(LogDbTest, SqliteWriterTimesAndTruncatesOnlyItsOwnModule) {
+  ASSERT_TRUE(QmLogSQLiteProcessor(db(), true).writeLogRecord("other", "kept", 1, 3, "f", 1));
   QmsysEventLogSQLiteWriter writer;
   ASSERT_TRUE(writer.setParameter("DBFileName", db()));
   const time_t before = time(nullptr);
@@ -147,8 +161,12 @@ TEST_F(LogDbTest, SqliteWriterTimesAndTruncates) {
   EXPECT_TRUE(rows[0].time >= before && rows[0].time <= time(nullptr)) << rows[0].time;
   EXPECT_EQ(1234, rows[1].time);
   EXPECT_EQ(7, rows[1].level);
+  // The table of each module the writer stores is emptied before its next line, once.
   ASSERT_TRUE(writer.setParameter("truncate", "1"));
-  EXPECT_TRUE(Messages(reader, "agent").empty());
+  for (const char* text : {"first", "second"})
+    ASSERT_TRUE(writer("agent.bin", QmsysEventLogWriterInterface::LEVEL_INFO, text, 1, "f", 0));
+  EXPECT_EQ((std::vector<std::string>{"first", "second"}), Messages(reader, "agent"));
+  EXPECT_EQ(std::vector<std::string>{"kept"}, Messages(reader, "other"));
 }
 
 }  // namespace

@@ -71,12 +71,17 @@ TEST(LogConfigNames, ConfigFileAndLogPaths) {
     EXPECT_EQ(root.file("logs/") + next, Logger::getLogDirPath(config, "my name"));
     LogWriteFile(root.file("logs/") + next, "");  // taken: the next call numbers past it
   }
-  // Deleting a module's files takes its logs and every lock, nothing else.
-  for (const char* f : {"modA_logger.txt", "modA_logger.txt.1", "x.txt.lock", "other.txt"})
-    LogWriteFile(root.file(f), "x");
+  // Deleting a module's files takes its logs, archives and locks, nothing else.
+  const std::vector<std::string> own = {"modA_logger.txt", "modA_logger.txt.1",
+                                        "modA_logger.txt.lock", "modA(01)_logger.0.txt.12",
+                                        "modA_log.txt"};
+  const std::vector<std::string> others = {"modAB_logger.txt", "modA_logger.txt.x", "x.txt.lock",
+                                           "modA_logger.csv", "modA.txt"};
+  for (const auto& files : {own, others})
+    for (const std::string& f : files) LogWriteFile(root.file(f), "x");
   EXPECT_TRUE(Logger::DeleteLoggerFiles(root.path(), "modA"));
-  for (const char* f : {"modA_logger.txt", "modA_logger.txt.1", "x.txt.lock", "other.txt"})
-    EXPECT_EQ(f[0] == 'o', LogFileExists(root.file(f))) << f;
+  for (const std::string& f : own) EXPECT_FALSE(LogFileExists(root.file(f))) << f;
+  for (const std::string& f : others) EXPECT_TRUE(LogFileExists(root.file(f))) << f;
   EXPECT_FALSE(Logger::DeleteLoggerFiles(root.file("missing"), "modA"));
 }
 
@@ -210,9 +215,12 @@ TEST_F(LogFrontEndTest, RegistryHoldsFifteenLoggersMadeConcurrently) {
             Thrown<const char*>([] { Logger::GetInstance("m15"); }));
   Logger::ReleaseAll();
   EXPECT_EQ(empty, Thrown<const char*>([] { Logger::GetInstance(10, "f.cpp"); }));
+  SystemLogCapture capture;  // an empty name is refused, with the reason, not thrown
+  EXPECT_EQ(nullptr, Logger::CreateInstance("", Logger::SINGLE_THREADED, configDir(), "agent"));
+  EXPECT_TRUE(capture.contains("QmsysEventLogInterface::CreateInstance", "module name"));
 }
 
-TEST_F(LogFrontEndTest, ThresholdsEntryPointsThreadPrefixAndAliveFlag) {
+TEST_F(LogFrontEndTest, ThresholdsOlderEntryPointsAndAliveFlag) {
   Logger* logger = fileLogger("lv", Logger::SINGLE_THREADED, "lv.log");
   ASSERT_TRUE(logger->IsAlive());
   logger->setLogLevel(Writer::LEVEL_ERROR);
@@ -222,9 +230,6 @@ TEST_F(LogFrontEndTest, ThresholdsEntryPointsThreadPrefixAndAliveFlag) {
   EXPECT_FALSE(logger->WriteCritical("c", 1, "f"));
   EXPECT_TRUE(logger->WriteFatal("f", 1, "f"));
   logger->setLogLevel(Writer::LEVEL_NONE);
-  logger->EnableThreadIdPrefix(true);
-  EXPECT_TRUE(logger->WriteTrace("x", 1, "f"));
-  logger->EnableThreadIdPrefix(false);
   EXPECT_TRUE(logger->WriteInfo("Tag", "n=%d", 5));  // the older printf-style entry points
   EXPECT_TRUE(logger->Print("Tag", "%s!", "hi"));
   EXPECT_TRUE(logger->WriteError(Logger::SEVERITY_CRITICAL, "bad %s", "thing"));
@@ -236,11 +241,53 @@ TEST_F(LogFrontEndTest, ThresholdsEntryPointsThreadPrefixAndAliveFlag) {
   EXPECT_FALSE(logger->WriteFatal("stopped", 1, "f"));
   ExpectLines(
       m_root.file("lv.log"),
-      {R"(agent \[ERROR\] e)", R"(agent \[FATAL\] f)",
-       R"(agent \[TRACE\] \[TID:)" + std::to_string(GetMyThreadID()) + R"(\] x)",
-       R"(agent \[INFO\] Tag n=5)", R"(agent \[INFO\] Tag hi!)", R"(agent \[CRITICAL\] bad thing)",
-       R"(agent \[DEBUG\] dbg 1)",
+      {R"(agent \[ERROR\] e)", R"(agent \[FATAL\] f)", R"(agent \[INFO\] Tag n=5)",
+       R"(agent \[INFO\] Tag hi!)", R"(agent \[CRITICAL\] bad thing)", R"(agent \[DEBUG\] dbg 1)",
        R"(agent \[ERROR\] Sys open x \[System Library Error\] )" + std::string(strerror(ENOENT))});
+}
+
+// Calls the operation in place `slot` of the logger's virtual table.
+template <typename Result, typename... Args>
+Result CallSlot(Logger& logger, int slot, Args... args) {
+  void** table = *reinterpret_cast<void***>(&logger);
+  return reinterpret_cast<Result (*)(Logger*, Args...)>(table[slot])(&logger, args...);
+}
+
+// Hosts built against the logger call it by places in its virtual table:
+// the seven writes, EnableThreadIdPrefix, GetLogLevel, GetLoggerName, the
+// destructor's two entries, then GetWriter, setLogLevel, SetLogLevel,
+// initialize, Start, Stop, IsAlive and Print.
+TEST_F(LogFrontEndTest, OperationsKeepTheirPlacesInTheVirtualTable) {
+  using Text = const std::string&;
+  LogWriteFile(configFile(), "[main]\nslots=own\n" + fileSection("own", "error", "slots.log"));
+  QmsysEventLogSingleThreaded logger("slots");
+  ASSERT_TRUE((CallSlot<bool, Text, Text>(logger, 15, configDir(), "agent")));
+  EXPECT_EQ(logger.GetWriter(), CallSlot<Writer*>(logger, 12));
+  EXPECT_FALSE(CallSlot<bool>(logger, 18));
+  ASSERT_TRUE(CallSlot<bool>(logger, 16));
+  EXPECT_TRUE(CallSlot<bool>(logger, 18));
+  EXPECT_EQ("slots", CallSlot<std::string>(logger, 9));
+  EXPECT_EQ(QmLogInterface::LEVEL_ERROR, CallSlot<QmLogInterface::LogLevel>(logger, 8));
+  CallSlot<void, Writer::LogLevel>(logger, 13, Writer::LEVEL_WARN);
+  EXPECT_EQ(QmLogInterface::LEVEL_WARN, logger.GetLogLevel());
+  CallSlot<void, QmLogInterface::LogLevel>(logger, 14, QmLogInterface::LEVEL_NONE);
+  EXPECT_EQ(QmLogInterface::LEVEL_NONE, logger.GetLogLevel());
+  for (int slot = 0; slot < 7; ++slot) {
+    EXPECT_TRUE(
+        (CallSlot<bool, Text, int, const char*>(logger, slot, "w" + std::to_string(slot), 1, "f")));
+  }
+  EXPECT_TRUE((CallSlot<bool, Writer::LogLevel, Text, int, const char*>(
+      logger, 19, Writer::LEVEL_DEBUG, "printed", 1, "f")));
+  CallSlot<void, bool>(logger, 7, true);
+  EXPECT_TRUE(logger.WriteInfo("prefixed", 1, "f"));
+  EXPECT_TRUE(CallSlot<bool>(logger, 17));
+  EXPECT_FALSE(logger.IsAlive());
+  const std::string tid = std::to_string(GetMyThreadID());
+  ExpectLines(m_root.file("slots.log"),
+              {R"(agent \[TRACE\] w0)", R"(agent \[DEBUG\] w1)", R"(agent \[INFO\] w2)",
+               R"(agent \[WARN\] w3)", R"(agent \[ERROR\] w4)", R"(agent \[CRITICAL\] w5)",
+               R"(agent \[FATAL\] w6)", R"(agent \[DEBUG\] printed)",
+               R"(agent \[INFO\] \[TID:)" + tid + R"(\] prefixed)"});
 }
 
 TEST_F(LogFrontEndTest, MultiThreadedWritesEveryLineOnceInOrderAndRestarts) {

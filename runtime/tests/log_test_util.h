@@ -92,12 +92,16 @@ class SystemLogCapture {
     QmsysSystemLog::SetListener(&Record);
   }
   ~SystemLogCapture() { QmsysSystemLog::SetListener(nullptr); }
-  // True when an entry from `function` contains `text`.
-  bool contains(const std::string& function, const std::string& text) const {
+  // Entries from `function` that contain `text`.
+  size_t count(const std::string& function, const std::string& text) const {
     std::lock_guard<std::mutex> lock(s_mutex);
+    size_t found = 0;
     for (const auto& e : s_entries)
-      if (e.first == function && e.second.find(text) != std::string::npos) return true;
-    return false;
+      found += e.first == function && e.second.find(text) != std::string::npos;
+    return found;
+  }
+  bool contains(const std::string& function, const std::string& text) const {
+    return count(function, text) > 0;
   }
 
  private:

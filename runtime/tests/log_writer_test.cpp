@@ -1,8 +1,6 @@
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <map>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -75,21 +73,61 @@ TEST(LogFileWriter, LineLayoutAndLineFeeds) {
   }
 }
 
-TEST(LogFileWriter, IncompleteSettingsLeaveItSilent) {
+TEST(LogFileWriter, IncompleteOrOutOfRangeSettings) {
   LogTempDir dir;
+  LogWriteFile(dir.file("plain"), "");  // a file where a directory would have to be
   SystemLogCapture capture;
-  const std::vector<std::map<std::string, std::string>> settings = {
-      {{"filePath", dir.file("x.log")}, {"bytesPerFiles", "1000"}},
-      {{"filePath", dir.file("x.log")}, {"bytesPerFiles", "0"}, {"numFiles", "3"}},
-      {{"filePath", dir.file("no/dir/x.log")}, {"bytesPerFiles", "1000"}, {"numFiles", "3"}}};
-  for (const auto& setting : settings) {
+  const std::string path = dir.file("x.log");
+  // Settings; whether the writer works; what the system log must then hold.
+  const struct {
+    std::map<std::string, std::string> settings;
+    bool works;
+    const char* logged;
+  } cases[] = {
+      {{{"filePath", path}, {"bytesPerFiles", "2048"}}, false, ""},
+      {{{"filePath", path}, {"bytesPerFiles", "0"}, {"numFiles", "3"}}, false, ""},
+      {{{"filePath", dir.file("plain/x.log")}, {"bytesPerFiles", "1024"}, {"numFiles", "3"}},
+       false,
+       "Can Not Create Log Directory"},
+      {{{"filePath", path}, {"bytesPerFiles", "100"}, {"numFiles", "3"}},
+       true,
+       "bytesPerFiles (at least 1024) is out of range; using 204800"},
+      {{{"filePath", path}, {"bytesPerFiles", "1024"}, {"numFiles", "-1"}},
+       true,
+       "numFiles (1 to 1000) is out of range; using 20"},
+      {{{"filePath", path}, {"bytesPerFiles", "2k"}, {"numFiles", "1001"}}, true, ""}};
+  for (const auto& c : cases) {
     QmsysEventLogFileWriter writer;
-    for (const auto& entry : setting) writer.setParameter(entry.first, entry.second);
-    EXPECT_FALSE(writer.isInitialized());
-    EXPECT_FALSE(writer("p", Writer::LEVEL_FATAL, "x", 1, "f", 0));
+    for (const auto& entry : c.settings) writer.setParameter(entry.first, entry.second);
+    EXPECT_EQ(c.works, writer.isInitialized()) << c.logged;
+    EXPECT_EQ(c.works, writer("p", Writer::LEVEL_FATAL, "x", 1, "f", 0));
+    const char* source =
+        c.works ? "QmsysEventLogFileWriter::setParameter" : "QmsysEventLogInterface::setFilePath";
+    EXPECT_TRUE(!*c.logged || capture.contains(source, c.logged)) << c.logged;
   }
-  EXPECT_EQ("", LogReadFile(dir.file("x.log")));
-  EXPECT_TRUE(capture.contains("QmsysEventLogInterface::setFilePath", ""));
+  // A bytesPerFiles of 100 fell back to the default: three lines, no rotation.
+  EXPECT_EQ(3u, LogReadLines(dir.file("p.txt")).size());
+  EXPECT_FALSE(LogFileExists(dir.file("p.txt.1")));
+}
+
+// Storage faults: each failing line returns false; the system log gets the
+// reason, once per text. A lock file that cannot be made fails at once.
+TEST(LogFileWriter, FaultsAreReportedOncePerText) {
+  LogTempDir dir;
+  ASSERT_EQ(0, symlink("/dev/full", dir.file("full.log").c_str()));
+  SystemLogCapture capture;
+  QmsysEventLogFileWriter full;
+  Configure(full, dir.file("full.log"), "1024", "3", "0");
+  ASSERT_TRUE(full.isInitialized());
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(full("p", Writer::LEVEL_INFO, "lost", 1, "f", 0));
+  EXPECT_EQ(1u, capture.count("QmsysEventLogFileWriter::DoWork", "No space left on device"));
+
+  QmsysEventLogFileWriter gone;
+  Configure(gone, dir.file("sub/x.log"), "1024", "3", "0");
+  std::filesystem::remove_all(dir.file("sub"));  // the directory vanished after configuration
+  EXPECT_FALSE(gone("p", Writer::LEVEL_INFO, "x", 1, "f", 0));
+  EXPECT_EQ(1u, capture.count("QmsysEventLogFileWriter::DoWork",
+                              "LockFile Creation Failed] SysMsg[No such file or directory"));
 }
 
 // Lines without their time stamp ("Archiving <path>" for rotation notes).
@@ -105,14 +143,14 @@ TEST(LogFileWriter, RotationKeepsNumFilesArchivesNewestFirst) {
     LogTempDir dir;
     const std::string path = dir.file("rot.log");
     QmsysEventLogFileWriter writer;
-    Configure(writer, path, "92", std::to_string(files).c_str(), "0");
+    Configure(writer, path, "1024", std::to_string(files).c_str(), "0");
     // Replays the rules: [0] is the live file, [i] archive i.
     std::vector<std::vector<std::string>> model(files + 1);
     size_t liveSize = 0;
     for (int i = 0; i < 25; ++i) {
-      const std::string message = "message number " + std::to_string(i);
+      const std::string message = std::string(500, '.') + "message number " + std::to_string(i);
       ASSERT_TRUE(writer("p", Writer::LEVEL_INFO, message, 1, "f", kTime));
-      if (liveSize >= 92) {  // tested before the line; two 46-byte lines reach it
+      if (liveSize >= 1024) {  // tested before the line; two lines reach it
         model[0].push_back("Archiving " + path);
         model.insert(model.begin(), std::vector<std::string>());
         model.resize(files + 1);
@@ -136,50 +174,6 @@ TEST(LogLockFile, HeldLockFailsAfterItsAttempts) {
     EXPECT_EQ("LockFile Creation Failed @ LockFile", Thrown<QmconException>(lockAgain));
   }
   EXPECT_EQ("<nothing thrown>", Thrown<QmconException>(lockAgain));  // released with its holder
-}
-
-TEST(LogFileWriter, ThreadsAndProcessesShareOneRotatingFile) {
-  LogTempDir dir;
-  const std::string log = dir.file("agent.log");
-  const int kThreads = 3, kLines = 150;
-  auto writeTagged = [&] {
-    std::vector<std::thread> workers;
-    for (int t = 0; t < kThreads; ++t)
-      workers.emplace_back([&, t] {
-        QmsysEventLogFileWriter writer;
-        Configure(writer, log, "4096", "1000", "0");
-        const std::string tag = "P" + std::to_string(getpid()) + "-T" + std::to_string(t) + "-";
-        for (int i = 0; i < kLines; ++i)
-          writer("proc", Writer::LEVEL_INFO, tag + std::to_string(i), 1, "f", 0);
-      });
-    for (auto& worker : workers) worker.join();
-  };
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    writeTagged();
-    _exit(0);
-  }
-  writeTagged();
-  int status = 0;
-  ASSERT_TRUE(waitpid(child, &status, 0) == child && WIFEXITED(status) && !WEXITSTATUS(status));
-
-  std::vector<std::string> files{log};  // live file last, oldest archive first
-  for (int i = 1; LogFileExists(log + "." + std::to_string(i)); ++i)
-    files.insert(files.begin(), log + "." + std::to_string(i));
-  ASSERT_GT(files.size(), 3u) << "no rotation happened";
-  const std::regex line(std::string(kLogStamp) + R"( proc \[INFO\] P(\d+)-T(\d+)-(\d+))");
-  std::map<std::string, int> next;  // "pid-thread" -> next expected number
-  for (const std::string& file : files) {
-    for (const std::string& text : LogReadLines(file)) {
-      std::smatch match;
-      if (LogLineMatches(text, "Archiving " + log)) continue;
-      ASSERT_TRUE(std::regex_match(text, match, line)) << "torn line: " << text;
-      ASSERT_EQ(next[match[1].str() + "-" + match[2].str()]++, std::stoi(match[3].str())) << text;
-    }
-  }
-  ASSERT_EQ(static_cast<size_t>(2 * kThreads), next.size());
-  for (const auto& writer : next) EXPECT_EQ(kLines, writer.second) << writer.first;
 }
 
 }  // namespace

@@ -1,8 +1,14 @@
-// Maintenance of the logging configuration file: removing a module's logger
-// and pointing a module at another logger.
+// The logging configuration file: the documented examples as written, and
+// its maintenance (removing a module's logger, pointing a module at another
+// logger).
+#include <sys/stat.h>
+
+#include <set>
+
 #include <gtest/gtest.h>
 
 #include "IniReaderWriter.h"
+#include "QmLogSQLiteProcessor.h"
 #include "QmsysEventLogInterface.h"
 #include "log_test_util.h"
 
@@ -53,6 +59,59 @@ TEST_F(LoggerConfigTest, UpdateLoggerNameRepointsOrCreatesTheSectionAndMissingFi
   EXPECT_FALSE(Logger::deleteLogger(m_dir.file("none"), "modA"));
   EXPECT_FALSE(Logger::updateLoggerName(m_dir.file("none"), "modA", "x"));
   EXPECT_TRUE(capture.contains("QmsysEventLogInterface::deleteLogger", "qmlogs.ini"));
+}
+
+// The first "ini" block of README's logging section.
+std::string ReadmeExample() {
+  const std::string readme = LogReadFile(QM_SOURCE_DIR "/README.md");
+  const size_t section = readme.find("\n## Logging");
+  const size_t begin = readme.find("```ini\n", section);
+  const size_t end = readme.find("```\n", begin + 7);
+  EXPECT_TRUE(section != std::string::npos && begin != std::string::npos &&
+              end != std::string::npos);
+  return readme.substr(begin + 7, end - begin - 7);
+}
+
+// README's example and the shipped sample, copied as they are into a work
+// folder's configuration: qmhost's lines reach the database, another
+// module's the common file, and nothing else appears.
+TEST(LoggingExamples, WorkWhenCopiedAsTheyAre) {
+  const std::string examples[] = {ReadmeExample(),
+                                  LogReadFile(QM_SOURCE_DIR "/config/qmlogs.ini.sample")};
+  for (const std::string& example : examples) {
+    LogTempDir work;
+    ASSERT_EQ(0, mkdir(work.file("config").c_str(), 0775));
+    LogWriteFile(work.file("config/qmlogs.ini"), example);
+    Logger* host =
+        Logger::CreateInstance("qmhost", Logger::SINGLE_THREADED, work.file("config"), "qmhost");
+    Logger* other =
+        Logger::CreateInstance("other", Logger::MULTI_THREADED, work.file("config"), "other");
+    ASSERT_TRUE(host != nullptr && host->Start() && other != nullptr && other->Start());
+    EXPECT_TRUE(host->WriteDebug("host line", __LINE__, "test"));
+    EXPECT_FALSE(host->WriteTrace("below debug", __LINE__, "test"));
+    EXPECT_TRUE(other->WriteWarn("other line", __LINE__, "test"));
+    EXPECT_FALSE(other->WriteInfo("below warn", __LINE__, "test"));
+    Logger::ReleaseAll();
+    {
+      QmLogSQLiteProcessor db(work.file("logs/qmhost_logger.db"), true,
+                              QmLogSQLiteProcessor::READ_ONLY);
+      QmLogDBProcessorInterface::EntrySet rows;
+      ASSERT_TRUE(db.readLogRecord(rows, "qmhost", std::string()));
+      ASSERT_EQ(1u, rows.size());
+      EXPECT_EQ("host line", rows[0].message);
+    }
+    const auto lines = LogReadLines(work.file("logs/common_logs.txt"));
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_TRUE(LogLineMatches(lines[0], R"(other \[WARN\] other line)")) << lines[0];
+    std::set<std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(work.file("logs"))) {
+      const std::string name = entry.path().filename();
+      if (name.find(".db-") == std::string::npos) files.insert(name);  // not the -wal, -shm files
+    }
+    EXPECT_EQ(
+        (std::set<std::string>{"common_logs.txt", "common_logs.txt.lock", "qmhost_logger.db"}),
+        files);
+  }
 }
 
 }  // namespace

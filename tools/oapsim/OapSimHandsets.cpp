@@ -1,5 +1,7 @@
 #include "OapSimHandsets.h"
 
+#include "QmToolTrackingId.h"
+
 OapSimHandsets::Outcome OapSimHandsets::Store(const OapSimDocument::Request& request,
                                               const std::string& driverHost) {
   auto handset = m_handsets.find(request.handset);
@@ -57,7 +59,7 @@ void OapSimHandsets::AddAnswer(uint32_t tracking, const std::string& answer) {
 }
 
 std::string OapSimHandsets::Describe(const Message& message) {
-  std::string line = message.version + " message #" + OapSimDocument::HexId(message.tracking) +
+  std::string line = message.version + " message " + QmToolTrackingId::Format(message.tracking) +
                      " to " + message.handset + ":";
   if (!message.subject.empty()) line += " subject " + Quote(message.subject);
   line += " text " + Quote(message.text);
@@ -67,7 +69,7 @@ std::string OapSimHandsets::Describe(const Message& message) {
 }
 
 std::string OapSimHandsets::DescribeUpdate(const Message& message) {
-  std::string line = message.version + " update of #" + OapSimDocument::HexId(message.tracking) +
+  std::string line = message.version + " update of " + QmToolTrackingId::Format(message.tracking) +
                      " to " + message.handset + ": ";
   if (message.wiped) line += "options wiped, ";
   line += "text now " + Quote(message.text);

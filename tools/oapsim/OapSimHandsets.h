@@ -42,9 +42,9 @@ class OapSimHandsets {
   void MarkDelivered(uint32_t tracking);
   void AddAnswer(uint32_t tracking, const std::string& answer);
 
-  // "4.0 message #1a to 1234: subject 'Hi' text 'Hello' options [...] custom 'L'"
+  // "4.0 message 0x1a to 1234: subject 'Hi' text 'Hello' options [...] custom 'L'"
   static std::string Describe(const Message& message);
-  // "4.0 update of #1a to 1234: options wiped, text now '...'"
+  // "4.0 update of 0x1a to 1234: options wiped, text now '...'"
   static std::string DescribeUpdate(const Message& message);
   // The options part: "options [1:Yes->N:Yes, 2:No->F:No] custom 'L'", or "".
   static std::string DescribeOptions(const std::vector<OapSimDocument::Option>& options);

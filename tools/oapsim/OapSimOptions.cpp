@@ -1,76 +1,77 @@
 #include "OapSimOptions.h"
 
-#include <algorithm>
 #include <climits>
-#include <cstdlib>
-#include <iterator>
+#include <functional>
+
+#include "QmToolCommandLine.h"
 
 namespace {
 
-bool ParseInt(const std::string& text, long min, long max, int& value) {
-  if (text.empty() || text.size() > 11) return false;
-  char* end = nullptr;
-  const long number = std::strtol(text.c_str(), &end, 10);
-  if (*end != '\0' || number < min || number > max) return false;
-  value = static_cast<int>(number);
-  return true;
+bool ParseInt(const std::string& text, long low, long high, int& value) {
+  return QmToolCommandLine::ParseInt(text, low, high, value);
 }
 
 }  // namespace
 
 std::string OapSimOptions::Usage() {
-  return "usage: oapsim [--listen 127.0.0.1:PORT] [--status TYPE:CODE] [--silent]\n"
-         "              [--driver-host HOST] [--auto HANDSET=ACTION[,ACTION...]]...\n"
-         "              [--auto-delay-ms N] [--read-timeout-ms N] [--exit-after-ms N]\n"
-         "  ACTION: deliver | option:N | text:WORDS (no commas in WORDS)\n"
-         "  commands on standard input: deliver ID | answer ID N | text ID WORDS | list | quit\n";
+  return "Usage: oapsim [OPTION]...\n"
+         "\n"
+         "A stand-in OAP server with simulated handsets, for running and checking the OAP\n"
+         "driver on one machine. Answers every request, keeps the messages per handset and\n"
+         "plays the handsets: delivery reports and answers go to the driver's listener.\n"
+         "\n"
+         "Options:\n"
+         "  --listen HOST:PORT     where to listen (default 127.0.0.1:0, any free port);\n"
+         "                         the first output line is 'listening on HOST:PORT'\n"
+         "  --allow-remote         allow a listen address and driver addresses beyond\n"
+         "                         loopback (refused without it)\n"
+         "  --status TYPE:CODE     answer every request with this status instead of 1:200\n"
+         "  --silent               read requests but never answer; the connection stays\n"
+         "                         open until the client gives up\n"
+         "  --driver-host HOST     where 4.0 answers go (default 127.0.0.1); 3.0 requests\n"
+         "                         name their listener themselves\n"
+         "  --auto HANDSET=ACTION[,ACTION...]\n"
+         "                         what a handset does with each new message, in order\n"
+         "                         (repeatable); ACTION: deliver | option:N | text:WORDS\n"
+         "                         (no commas in WORDS)\n"
+         "  --auto-delay-ms N      pause before each scripted action (default 200)\n"
+         "  --read-timeout-ms N    time a client has to send its request (default 5000)\n"
+         "  --exit-after-ms N      stop after N ms (default: run until stopped)\n"
+         "  -h, --help             show this text and exit\n"
+         "      --version          show the version and exit\n"
+         "\n"
+         "Commands on standard input: deliver ID | answer ID N | text ID WORDS | list | quit.\n"
+         "Message ids are shown as 0x and hexadecimal (0x1a0000); commands take that form\n"
+         "or decimal. SIGINT, SIGTERM and quit stop the simulator with exit status 0;\n"
+         "exit status 1 when it cannot listen, 2 for a bad command line.\n";
 }
 
-bool OapSimOptions::Parse(int argc, const char* const* argv, std::string& error) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string name = argv[i];
-    if (name == "--help") {
-      error.clear();
+bool OapSimOptions::Parse(const std::vector<std::string>& args, std::string& error) {
+  QmToolCommandLine line("oapsim");
+  // An option whose value `parse` checks; a refusal names the value.
+  auto checked = [&line](const char* name, std::function<bool(const std::string&)> parse) {
+    line.Value(name, 0, [name, parse](const std::string& value, std::string& problem) {
+      if (parse(value)) return true;
+      problem = "bad value '" + value + "' for --" + name;
       return false;
-    }
-    if (name == "--silent") {
-      silent = true;
-      continue;
-    }
-    static const char* const kValued[] = {"--listen",       "--status",        "--driver-host",
-                                          "--auto",         "--auto-delay-ms", "--read-timeout-ms",
-                                          "--exit-after-ms"};
-    if (std::find(std::begin(kValued), std::end(kValued), name) == std::end(kValued)) {
-      error = "unknown argument " + name;
-      return false;
-    }
-    if (i + 1 >= argc) {
-      error = "missing value after " + name;
-      return false;
-    }
-    const std::string value = argv[++i];
-    bool ok = true;
-    if (name == "--listen") {
-      ok = ParseListen(value);
-    } else if (name == "--status") {
-      ok = ParseStatus(value);
-    } else if (name == "--driver-host") {
-      ok = !value.empty();
-      driverHost = value;
-    } else if (name == "--auto") {
-      ok = ParseAuto(value);
-    } else if (name == "--auto-delay-ms") {
-      ok = ParseInt(value, 0, INT_MAX, autoDelayMs);
-    } else if (name == "--read-timeout-ms") {
-      ok = ParseInt(value, 1, INT_MAX, readTimeoutMs);
-    } else {
-      ok = ParseInt(value, 0, INT_MAX, exitAfterMs);
-    }
-    if (!ok) {
-      error = "bad value '" + value + "' for " + name;
-      return false;
-    }
-  }
+    });
+  };
+  checked("listen", [this](const std::string& v) { return ParseListen(v); });
+  checked("status", [this](const std::string& v) { return ParseStatus(v); });
+  checked("driver-host", [this](const std::string& v) { return !(driverHost = v).empty(); });
+  checked("auto", [this](const std::string& v) { return ParseAuto(v); });
+  checked("auto-delay-ms",
+          [this](const std::string& v) { return ParseInt(v, 0, INT_MAX, autoDelayMs); });
+  checked("read-timeout-ms",
+          [this](const std::string& v) { return ParseInt(v, 1, INT_MAX, readTimeoutMs); });
+  checked("exit-after-ms",
+          [this](const std::string& v) { return ParseInt(v, 0, INT_MAX, exitAfterMs); });
+  line.Flag("silent", 0, [this](const std::string&, std::string&) { return silent = true; });
+  line.Flag("allow-remote", 0,
+            [this](const std::string&, std::string&) { return allowRemote = true; });
+  if (!line.Parse(args, error)) return false;
+  help = line.HelpAsked();
+  version = line.VersionAsked();
   return true;
 }
 

@@ -26,10 +26,13 @@ class OapSimOptions {
   int autoDelayMs = 200;
   int exitAfterMs = -1;  // -1: run until told to stop
   int readTimeoutMs = 5000;
+  bool allowRemote = false;  // listen and reach drivers beyond loopback
+  bool help = false;
+  bool version = false;
 
-  // Reads argv; false with `error` set on a bad or unknown argument, and
-  // false with an empty `error` for --help.
-  bool Parse(int argc, const char* const* argv, std::string& error);
+  // Reads the arguments after the program name; false with `error` set on
+  // a bad or unknown argument.
+  bool Parse(const std::vector<std::string>& args, std::string& error);
 
   static std::string Usage();
 

@@ -9,20 +9,19 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
 #include <vector>
 
 #include "OapSimReply.h"
+#include "QmToolTrackingId.h"
 
 namespace {
 
 const char kEndTag[] = "</OAP-request>";
 
-// Resolves an IPv4 address or host name without leaving this machine's
-// resolver configuration; the simulator only ever talks to loopback.
+// Resolves an IPv4 address or host name.
 bool ResolveIPv4(const std::string& host, in_addr& address, std::string& error) {
   if (inet_pton(AF_INET, host.c_str(), &address) == 1) return true;
   addrinfo hints{};
@@ -39,18 +38,22 @@ bool ResolveIPv4(const std::string& host, in_addr& address, std::string& error) 
   return true;
 }
 
-bool IsLocal(const in_addr& address) {
-  const uint32_t host = ntohl(address.s_addr);
-  return (host >> 24) == 127 || host == 0;
+bool IsLoopback(const in_addr& address) {
+  return (ntohl(address.s_addr) >> 24) == 127;
 }
 
-bool ResolveLocal(const std::string& host, int port, sockaddr_in& target, std::string& error) {
+// The address to listen on or to reach a driver at. Without --allow-remote
+// only loopback addresses are taken (0.0.0.0 is every interface, so it is
+// refused for listening, and stands for this machine when connecting).
+bool Resolve(const std::string& host, int port, bool allowRemote, bool listening,
+             sockaddr_in& target, std::string& error) {
   target = sockaddr_in{};
   target.sin_family = AF_INET;
   target.sin_port = htons(static_cast<uint16_t>(port));
   if (!ResolveIPv4(host, target.sin_addr, error)) return false;
-  if (!IsLocal(target.sin_addr)) {
-    error = "refusing non-loopback address " + host;
+  const bool local = IsLoopback(target.sin_addr) || (!listening && target.sin_addr.s_addr == 0);
+  if (!local && !allowRemote) {
+    error = "refusing non-loopback address " + host + " (give --allow-remote to allow it)";
     return false;
   }
   return true;
@@ -95,11 +98,6 @@ std::string StatusText(int type, int code) {
   return "";
 }
 
-std::string Lower(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
-
 }  // namespace
 
 OapSimServer::Socket::~Socket() {
@@ -128,7 +126,10 @@ void OapSimServer::Print(const std::string& line) {
 
 bool OapSimServer::Start(std::string& error) {
   sockaddr_in address{};
-  if (!ResolveLocal(m_options.listenHost, m_options.listenPort, address, error)) return false;
+  if (!Resolve(m_options.listenHost, m_options.listenPort, m_options.allowRemote, true, address,
+               error)) {
+    return false;
+  }
   Socket listener(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   const int on = 1;
   if (listener.Get() < 0 ||
@@ -217,6 +218,7 @@ bool OapSimServer::ReadFrom(Connection& connection) {
   char chunk[4096];
   while (true) {
     const ssize_t n = recv(connection.socket.Get(), chunk, sizeof chunk, 0);
+    if (n > 0 && connection.held) continue;  // a silent server ignores the rest
     if (n > 0) {
       connection.buffer.append(chunk, static_cast<size_t>(n));
       if (connection.buffer.size() > kMaxDocument) {
@@ -229,13 +231,14 @@ bool OapSimServer::ReadFrom(Connection& connection) {
       if (end != std::string::npos) {
         connection.buffer.resize(end + sizeof kEndTag - 1);
         Serve(connection);
-        return true;
+        return !connection.held;
       }
       continue;
     }
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return false;
-    // Half-close or error: what came so far is the whole request.
-    if (!connection.buffer.empty()) Serve(connection);
+    // The client closed or half-closed, or the connection failed: what came so
+    // far is the whole request. A held connection ends here.
+    if (!connection.held && !connection.buffer.empty()) Serve(connection);
     return true;
   }
 }
@@ -245,16 +248,20 @@ void OapSimServer::Serve(Connection& connection) {
   const OapSimDocument::Verdict verdict = OapSimDocument::Check(connection.buffer, request);
   const std::string version = request.version.empty() ? "4.0" : request.version;
   if (!verdict.ok) {
-    Print("[sim] rejected request" + (request.idHex.empty() ? "" : " #" + request.idHex) + ": " +
+    Print("[sim] rejected request" +
+          (request.idHex.empty() ? "" : " " + QmToolTrackingId::Format(request.id)) + ": " +
           verdict.error);
     Answer(connection, OapSimReply::Response(version, request.idHex, 1, verdict.code,
                                              StatusText(1, verdict.code)));
     return;
   }
   for (const auto& warning : request.warnings) Print("[sim] warning: " + warning);
-  const std::string label = version + " request #" + request.idHex + " to " + request.handset;
+  const std::string label =
+      version + " request " + QmToolTrackingId::Format(request.id) + " to " + request.handset;
   if (m_options.silent) {
     Print("[sim] " + label + " left unanswered");
+    connection.held = true;
+    connection.deadline = Clock::time_point::max();
     return;
   }
   if (m_options.statusType != 1 || m_options.statusCode != 200) {
@@ -268,7 +275,7 @@ void OapSimServer::Serve(Connection& connection) {
   const std::string driverHost = version == "3.0" ? request.listenerIp : m_options.driverHost;
   const OapSimHandsets::Outcome outcome = m_handsets.Store(request, driverHost);
   if (outcome == OapSimHandsets::UnknownUpdate) {
-    Print("[sim] " + version + " update of #" + OapSimDocument::HexId(request.tracking) + " to " +
+    Print("[sim] " + version + " update of " + QmToolTrackingId::Format(request.tracking) + " to " +
           request.handset + ": no such message");
     Answer(connection, OapSimReply::Response(version, request.idHex, 5, 400, StatusText(5, 400)));
     return;
@@ -278,7 +285,7 @@ void OapSimServer::Serve(Connection& connection) {
     Print("[sim] " + OapSimHandsets::DescribeUpdate(message));
   } else {
     if (outcome == OapSimHandsets::Reused) {
-      Print("[sim] warning: tracking number #" + OapSimDocument::HexId(request.tracking) +
+      Print("[sim] warning: tracking number " + QmToolTrackingId::Format(request.tracking) +
             " reused for a new message");
     }
     Print("[sim] " + OapSimHandsets::Describe(message));
@@ -332,9 +339,8 @@ bool OapSimServer::Command(const std::string& line) {
     return true;
   }
   uint32_t tracking = 0;
-  std::string error;
-  if (!(words >> idText) || !OapSimDocument::ParseHexId(Lower(idText), tracking, error)) {
-    Print("[sim] " + verb + ": expected a hexadecimal message id");
+  if (!(words >> idText) || !QmToolTrackingId::Parse(idText, tracking)) {
+    Print("[sim] " + verb + ": expected a message id (0x1a0000 or decimal)");
     return true;
   }
   OapSimOptions::Action action;
@@ -383,7 +389,7 @@ void OapSimServer::ScheduleAuto(const OapSimHandsets::Message& message) {
 void OapSimServer::Perform(uint32_t tracking, const OapSimOptions::Action& action) {
   const OapSimHandsets::Message* message = m_handsets.Find(tracking);
   if (message == nullptr) {
-    Print("[sim] no message #" + OapSimDocument::HexId(tracking));
+    Print("[sim] no message " + QmToolTrackingId::Format(tracking));
     return;
   }
   switch (action.kind) {
@@ -400,57 +406,60 @@ void OapSimServer::Perform(uint32_t tracking, const OapSimOptions::Action& actio
 }
 
 void OapSimServer::Deliver(const OapSimHandsets::Message& message) {
-  const std::string id = OapSimDocument::HexId(message.tracking);
-  if (SendToDriver(message, OapSimReply::DeliveryReport(message.version, id),
-                   "delivery report for #" + id)) {
+  if (SendToDriver(
+          message,
+          OapSimReply::DeliveryReport(message.version, OapSimDocument::HexId(message.tracking)),
+          "delivery report for " + QmToolTrackingId::Format(message.tracking))) {
     m_handsets.MarkDelivered(message.tracking);
   }
 }
 
 void OapSimServer::ChooseOption(const OapSimHandsets::Message& message, int number) {
-  const std::string id = OapSimDocument::HexId(message.tracking);
+  const std::string id = QmToolTrackingId::Format(message.tracking);
   const std::string handset = "[sim] handset " + message.handset + ": ";
   if (message.wiped) {
-    Print(handset + "the options of #" + id + " were wiped; nothing to choose");
+    Print(handset + "the options of " + id + " were wiped; nothing to choose");
     return;
   }
   auto option = std::find_if(
       message.options.begin(), message.options.end(),
       [number](const OapSimDocument::Option& candidate) { return candidate.number == number; });
   if (option == message.options.end()) {
-    Print(handset + "#" + id + " has no option " + std::to_string(number));
+    Print(handset + id + " has no option " + std::to_string(number));
     return;
   }
   if (option->kind == OapSimDocument::Option::Custom) {
-    Print(handset + "option " + std::to_string(number) + " of #" + id +
+    Print(handset + "option " + std::to_string(number) + " of " + id +
           " asks for typed text; use text");
     return;
   }
   if (option->kind == OapSimDocument::Option::Close) {
-    Print(handset + "closed #" + id);
+    Print(handset + "closed " + id);
     return;
   }
-  if (SendToDriver(
-          message,
-          OapSimReply::Answer(message.version, id, message.handset, option->dataResp, false),
-          "answer " + std::to_string(number) + " " + OapSimHandsets::Quote(option->dataResp) +
-              " for #" + id)) {
+  if (SendToDriver(message,
+                   OapSimReply::Answer(message.version, OapSimDocument::HexId(message.tracking),
+                                       message.handset, option->dataResp, false),
+                   "answer " + std::to_string(number) + " " +
+                       OapSimHandsets::Quote(option->dataResp) + " for " + id)) {
     m_handsets.AddAnswer(message.tracking, option->dataResp);
   }
 }
 
 void OapSimServer::TypeAnswer(const OapSimHandsets::Message& message, const std::string& words) {
-  const std::string id = OapSimDocument::HexId(message.tracking);
+  const std::string id = QmToolTrackingId::Format(message.tracking);
   const bool typable = std::any_of(message.options.begin(), message.options.end(),
                                    [](const OapSimDocument::Option& option) {
                                      return option.kind == OapSimDocument::Option::Custom;
                                    });
   if (!typable) {
-    Print("[sim] handset " + message.handset + ": #" + id + " offers no typed answer");
+    Print("[sim] handset " + message.handset + ": " + id + " offers no typed answer");
     return;
   }
-  if (SendToDriver(message, OapSimReply::Answer(message.version, id, message.handset, words, true),
-                   "typed answer " + OapSimHandsets::Quote(words) + " for #" + id)) {
+  if (SendToDriver(message,
+                   OapSimReply::Answer(message.version, OapSimDocument::HexId(message.tracking),
+                                       message.handset, words, true),
+                   "typed answer " + OapSimHandsets::Quote(words) + " for " + id)) {
     m_handsets.AddAnswer(message.tracking, words);
   }
 }
@@ -475,7 +484,8 @@ bool OapSimServer::SendToDriver(const OapSimHandsets::Message& message, const st
   const std::string prefix = "[sim] handset " + message.handset + ": ";
   sockaddr_in address{};
   std::string error;
-  if (!ResolveLocal(message.driverHost, message.driverPort, address, error)) {
+  if (!Resolve(message.driverHost, message.driverPort, m_options.allowRemote, false, address,
+               error)) {
     Print(prefix + "cannot send " + what + " to " + target + ": " + error);
     return false;
   }

@@ -12,9 +12,9 @@
 #include "OapSimOptions.h"
 
 // The simulated OAP server and its handsets. Accepts one OAP-request per
-// connection on a loopback port, checks and answers it, keeps what the
-// handsets were shown, and plays the handsets: delivery reports and answers
-// go to the driver's listener over connections of their own, scripted
+// connection on a loopback port (any address with --allow-remote), checks and answers it, keeps
+// what the handsets were shown, and plays the handsets: delivery reports and answers go to the
+// driver's listener over connections of their own, scripted
 // (--auto) or on command from standard input. Everything runs on the caller's
 // thread in one poll loop. The server owns its sockets and the store.
 class OapSimServer {
@@ -30,7 +30,7 @@ class OapSimServer {
   bool Start(std::string& error);
   int Port() const { return m_port; }
 
-  // Serves until "quit", a byte on `stopFd` (from a signal handler), or the
+  // Serves until "quit", `stopFd` turning readable (a stop signal), or the
   // --exit-after-ms time. `inputFd` carries commands; -1 for none.
   void Run(int inputFd, int stopFd);
 
@@ -55,6 +55,7 @@ class OapSimServer {
     Socket socket;
     std::string buffer;
     Clock::time_point deadline;
+    bool held = false;  // --silent: request read, kept open unanswered
   };
 
   struct Scheduled {

@@ -1,11 +1,13 @@
 #include "QmHostOptions.h"
 
-#include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <functional>
 #include <map>
 #include <sstream>
+#include <utility>
+#include <vector>
+
+#include "QmToolCommandLine.h"
 
 namespace {
 
@@ -23,61 +25,24 @@ const std::map<int, std::string>& StatusNames() {
 }
 
 bool ParseInt(const std::string& text, long minimum, int* out) {
-  if (text.empty()) return false;
-  errno = 0;
-  char* end = nullptr;
-  long value = std::strtol(text.c_str(), &end, 10);
-  if (errno != 0 || *end != '\0' || value < minimum || value > INT_MAX) return false;
-  *out = static_cast<int>(value);
-  return true;
+  return QmToolCommandLine::ParseInt(text, minimum, INT_MAX, *out);
 }
 
-// Walks the argument list; every option that takes a value fetches it here
-// so that a missing value is reported with the option's name.
-class ArgReader {
- public:
-  explicit ArgReader(const std::vector<std::string>& args) : m_args(args) {}
-
-  bool Done() const { return m_next >= m_args.size(); }
-  const std::string& Next() { return m_args[m_next++]; }
-
-  bool Value(const std::string& option, std::string* out, std::string* error) {
-    if (Done()) {
-      *error = "option " + option + " needs a value";
-      return false;
-    }
-    *out = Next();
-    return true;
-  }
-
-  bool Number(const std::string& option, long minimum, int* out, std::string* error) {
-    std::string text;
-    if (!Value(option, &text, error)) return false;
-    if (ParseInt(text, minimum, out)) return true;
-    *error = "invalid number for " + option + ": '" + text + "'";
-    return false;
-  }
-
- private:
-  const std::vector<std::string>& m_args;
-  size_t m_next = 0;
-};
-
-bool ParseServer(const std::string& text, QmHostOptions::Job* job, std::string* error) {
+bool ParseServer(QmHostOptions::Job& job, const std::string& text, std::string& error) {
   size_t colon = text.rfind(':');
   int port = 0;
   if (colon == std::string::npos || colon == 0 || !ParseInt(text.substr(colon + 1), 1, &port) ||
       port > 65535) {
-    *error = "invalid --server '" + text + "' (expected HOST:PORT)";
+    error = "invalid --server '" + text + "' (expected HOST:PORT)";
     return false;
   }
-  job->serverHost = text.substr(0, colon);
-  job->serverPort = port;
+  job.serverHost = text.substr(0, colon);
+  job.serverPort = port;
   return true;
 }
 
 // "TEXT[:KIND[:CALLNO]]"; a ':' inside the text is written as "%3a".
-bool ParseChoice(const std::string& text, QmHostOptions::Job* job, std::string* error) {
+bool ParseChoice(QmHostOptions::Job& job, const std::string& text, std::string& error) {
   QmResponseChoice choice;
   size_t first = text.find(':');
   choice.Text = text.substr(0, first);
@@ -87,105 +52,139 @@ bool ParseChoice(const std::string& text, QmHostOptions::Job* job, std::string* 
         text.substr(first + 1, second == std::string::npos ? second : second - first - 1);
     int value = 0;
     if (!ParseInt(kind, 0, &value)) {
-      *error = "invalid choice kind in --choice '" + text + "'";
+      error = "invalid choice kind in --choice '" + text + "'";
       return false;
     }
     choice.Kind = static_cast<uint32_t>(value);
     if (second != std::string::npos) choice.Value = text.substr(second + 1);
   }
   if (choice.Text.empty()) {
-    *error = "empty choice text in --choice '" + text + "'";
+    error = "empty choice text in --choice '" + text + "'";
     return false;
   }
-  job->choices.push_back(choice);
+  job.choices.push_back(choice);
   return true;
 }
 
-bool ParseExpected(const std::string& text, QmHostOptions::Job* job, std::string* error) {
+bool ParseExpected(QmHostOptions::Job& job, const std::string& text, std::string& error) {
   std::stringstream list(text);
   std::string item;
   while (std::getline(list, item, ',')) {
     int status = 0;
     if (!QmHostOptions::ParseStatus(item, &status)) {
-      *error = "unknown status '" + item + "' in --expect";
+      error = "unknown status '" + item + "' in --expect";
       return false;
     }
-    job->expected.insert(status);
+    job.expected.insert(status);
   }
   return true;
 }
 
-// One job option; false with `error` set when it is malformed, and with
-// `error` empty when `option` is no job option at all.
-bool ParseJobOption(const std::string& option, ArgReader& reader, QmHostOptions::Job* job,
-                    std::string* error) {
-  using TextField = std::string QmHostOptions::Job::*;
-  static const std::map<std::string, TextField> texts{
-      {"--handset", &QmHostOptions::Job::handset},
-      {"--version", &QmHostOptions::Job::version},
-      {"--subject", &QmHostOptions::Job::subject},
-      {"--text", &QmHostOptions::Job::text},
-      {"--custom-label", &QmHostOptions::Job::customLabel},
-      {"--caller-pattern", &QmHostOptions::Job::callerPattern},
-      {"--caller-default", &QmHostOptions::Job::callerDefault},
-      {"--caller-fixed", &QmHostOptions::Job::callerFixed}};
-  using NumberField = int32_t QmHostOptions::Job::*;
-  static const std::map<std::string, NumberField> numbers{
-      {"--ttl-minutes", &QmHostOptions::Job::ttlMinutes},
-      {"--priority", &QmHostOptions::Job::priority},
-      {"--repeat", &QmHostOptions::Job::repeat},
-      {"--repeat-interval", &QmHostOptions::Job::repeatInterval}};
-  static const std::map<std::string, TextField> presentationTexts{
-      {"--colour", &QmHostOptions::Job::colour}, {"--intensity", &QmHostOptions::Job::intensity}};
+using JobSetter =
+    std::function<bool(QmHostOptions::Job& job, const std::string& value, std::string& error)>;
 
-  std::string value;
-  if (texts.count(option)) return reader.Value(option, &(job->*texts.at(option)), error);
-  if (presentationTexts.count(option)) {
-    job->settingsPresent = true;
-    return reader.Value(option, &(job->*presentationTexts.at(option)), error);
-  }
-  if (numbers.count(option)) {
-    job->settingsPresent = true;
-    return reader.Number(option, 0, &(job->*numbers.at(option)), error);
-  }
-  if (option == "--urgent" || option == "--sticky") {
-    job->settingsPresent = true;
-    (option == "--urgent" ? job->urgent : job->sticky) = true;
-    return true;
-  }
-  if (option == "--interactive") {
-    job->interactive = true;
-    return true;
-  }
-  if (option == "--server")
-    return reader.Value(option, &value, error) && ParseServer(value, job, error);
-  if (option == "--choice")
-    return reader.Value(option, &value, error) && ParseChoice(value, job, error);
-  if (option == "--expect")
-    return reader.Value(option, &value, error) && ParseExpected(value, job, error);
-  error->clear();
-  return false;
+// The handler of a job option: it applies to the job opened last by --job.
+QmToolCommandLine::Handler ForJob(QmHostOptions* out, const std::string& name, JobSetter set) {
+  return [out, name, set](const std::string& value, std::string& error) {
+    if (out->jobs.empty()) {
+      error = "option '--" + name + "' before the first --job";
+      return false;
+    }
+    return set(out->jobs.back(), value, error);
+  };
 }
 
-bool ParseGlobalOption(const std::string& option, ArgReader& reader, QmHostOptions* out,
-                       std::string* error) {
-  if (option == "--help" || option == "-h") {
-    out->help = true;
+QmToolCommandLine::Handler Text(std::string* field) {
+  return [field](const std::string& value, std::string&) {
+    *field = value;
     return true;
+  };
+}
+
+QmToolCommandLine::Handler Number(const std::string& name, long minimum, int* field) {
+  return [name, minimum, field](const std::string& value, std::string& error) {
+    if (ParseInt(value, minimum, field)) return true;
+    error = "invalid number for --" + name + ": '" + value + "'";
+    return false;
+  };
+}
+
+void AddJobOptions(QmToolCommandLine& line, QmHostOptions* out) {
+  using Job = QmHostOptions::Job;
+  for (const auto& [name, field] : std::vector<std::pair<std::string, std::string Job::*>>{
+           {"handset", &Job::handset},
+           {"oap-version", &Job::oapVersion},
+           {"subject", &Job::subject},
+           {"text", &Job::text},
+           {"custom-label", &Job::customLabel},
+           {"caller-pattern", &Job::callerPattern},
+           {"caller-default", &Job::callerDefault},
+           {"caller-fixed", &Job::callerFixed}}) {
+    line.Value(name, 0,
+               ForJob(out, name, [field = field](Job& job, const std::string& v, std::string& e) {
+                 return Text(&(job.*field))(v, e);
+               }));
   }
-  if (option == "--until-expected") {
-    out->untilExpected = true;
+  // Each presentation setting marks the job's settings present.
+  for (const auto& [name, field] : std::vector<std::pair<std::string, std::string Job::*>>{
+           {"colour", &Job::colour}, {"intensity", &Job::intensity}}) {
+    line.Value(name, 0,
+               ForJob(out, name, [field = field](Job& job, const std::string& v, std::string& e) {
+                 job.settingsPresent = true;
+                 return Text(&(job.*field))(v, e);
+               }));
+  }
+  for (const auto& [name, field] : std::vector<std::pair<std::string, int32_t Job::*>>{
+           {"ttl-minutes", &Job::ttlMinutes},
+           {"priority", &Job::priority},
+           {"repeat", &Job::repeat},
+           {"repeat-interval", &Job::repeatInterval}}) {
+    line.Value(name, 0,
+               ForJob(out, name,
+                      [name = name, field = field](Job& job, const std::string& v, std::string& e) {
+                        job.settingsPresent = true;
+                        return Number(name, 0, &(job.*field))(v, e);
+                      }));
+  }
+  for (const auto& [name, field] : std::vector<std::pair<std::string, bool Job::*>>{
+           {"urgent", &Job::urgent}, {"sticky", &Job::sticky}}) {
+    line.Flag(name, 0,
+              ForJob(out, name, [field = field](Job& job, const std::string&, std::string&) {
+                return job.settingsPresent = job.*field = true;
+              }));
+  }
+  line.Flag("interactive", 0,
+            ForJob(out, "interactive", [](Job& job, const std::string&, std::string&) {
+              return job.interactive = true;
+            }));
+  line.Value("server", 0, ForJob(out, "server", ParseServer));
+  line.Value("choice", 0, ForJob(out, "choice", ParseChoice));
+  line.Value("expect", 0, ForJob(out, "expect", ParseExpected));
+  // --version once named a job's protocol version; inside a job it is refused.
+  line.GuardVersion([out](const std::string&, std::string& error) {
+    if (out->jobs.empty()) return true;
+    error =
+        "--version inside a job: the job's protocol version is --oap-version (for example "
+        "--oap-version 4.0)";
+    return false;
+  });
+}
+
+void AddGlobalOptions(QmToolCommandLine& line, QmHostOptions* out) {
+  line.Value("plugin", 0, Text(&out->plugin));
+  line.Value("workdir", 0, Text(&out->workdir));
+  line.Value("state", 0, Text(&out->statePath));
+  line.Value("listen-port", 0, Text(&out->listenPort));
+  line.Value("listen-address", 0, Text(&out->listenAddress));
+  line.Value("poll-ms", 0, Number("poll-ms", 1, &out->pollMs));
+  line.Value("duration-ms", 0, Number("duration-ms", 0, &out->durationMs));
+  line.Flag("until-expected", 0,
+            [out](const std::string&, std::string&) { return out->untilExpected = true; });
+  line.Value("job", 0, [out](const std::string& value, std::string&) {
+    out->jobs.emplace_back();
+    out->jobs.back().id = value;
     return true;
-  }
-  if (option == "--plugin") return reader.Value(option, &out->plugin, error);
-  if (option == "--workdir") return reader.Value(option, &out->workdir, error);
-  if (option == "--state") return reader.Value(option, &out->statePath, error);
-  if (option == "--listen-port") return reader.Value(option, &out->listenPort, error);
-  if (option == "--listen-address") return reader.Value(option, &out->listenAddress, error);
-  if (option == "--poll-ms") return reader.Number(option, 1, &out->pollMs, error);
-  if (option == "--duration-ms") return reader.Number(option, 0, &out->durationMs, error);
-  error->clear();
-  return false;
+  });
 }
 
 bool CheckJob(const QmHostOptions::Job& job, std::string* error) {
@@ -222,27 +221,13 @@ bool CheckOptions(const QmHostOptions& options, std::string* error) {
 
 bool QmHostOptions::Parse(const std::vector<std::string>& args, QmHostOptions* out,
                           std::string* error) {
-  error->clear();
-  ArgReader reader(args);
-  while (!reader.Done()) {
-    const std::string option = reader.Next();
-    if (option == "--job") {
-      Job job;
-      if (!reader.Value(option, &job.id, error)) return false;
-      out->jobs.push_back(job);
-      continue;
-    }
-    if (ParseGlobalOption(option, reader, out, error)) continue;
-    if (!error->empty()) return false;
-    if (out->jobs.empty() || !ParseJobOption(option, reader, &out->jobs.back(), error)) {
-      if (error->empty()) {
-        *error = out->jobs.empty() ? "unknown option '" + option + "' before the first --job"
-                                   : "unknown option '" + option + "'";
-      }
-      return false;
-    }
-  }
-  return out->help || CheckOptions(*out, error);
+  QmToolCommandLine line("qmhost");
+  AddGlobalOptions(line, out);
+  AddJobOptions(line, out);
+  if (!line.Parse(args, *error)) return false;
+  out->help = line.HelpAsked();
+  out->version = line.VersionAsked();
+  return out->help || out->version || CheckOptions(*out, error);
 }
 
 std::string QmHostOptions::StatusName(int status) {
@@ -261,13 +246,12 @@ bool QmHostOptions::ParseStatus(const std::string& text, int* status) {
 }
 
 std::string QmHostOptions::Usage() {
-  return "Usage: qmhost --plugin PATH --workdir DIR --listen-port N [--listen-address A]\n"
-         "              [--state FILE] [--poll-ms 200] [--duration-ms 10000] [--until-expected]\n"
-         "              JOB...\n"
+  return "Usage: qmhost --plugin PATH --workdir DIR --listen-port N [OPTION]... JOB...\n"
          "\n"
          "Loads an OAP driver plug-in, sends the jobs and runs the two-way query cycle,\n"
          "printing every job the driver hands back.\n"
          "\n"
+         "Options:\n"
          "  --plugin PATH          driver library to load\n"
          "  --workdir DIR          work directory; logging is configured in DIR/config\n"
          "  --listen-port N        port of the driver's inbound listener\n"
@@ -277,22 +261,40 @@ std::string QmHostOptions::Usage() {
          "  --poll-ms N            time between two query rounds (default 200)\n"
          "  --duration-ms N        how long the query cycle runs (default 10000)\n"
          "  --until-expected       end the cycle once every job saw its expected statuses\n"
+         "  -h, --help             show this text and exit\n"
+         "      --version          show the version and exit\n"
          "\n"
-         "JOB: --job ID followed by\n"
-         "  --handset H --server HOST:PORT [--version 3.0|4.0] [--subject S] [--text T]\n"
-         "  --choice \"TEXT[:KIND[:CALLNO]]\"   an answer choice (repeatable; ':' in TEXT as %3a)\n"
+         "Job options (JOB is --job ID followed by these; they apply to that job):\n"
+         "  --handset H            the handset (required)\n"
+         "  --server HOST:PORT     the OAP server (required)\n"
+         "  --oap-version V        protocol version, 3.0 (default) or 4.0\n"
+         "  --subject S, --text T  subject and message text\n"
+         "  --choice TEXT[:KIND[:CALLNO]]\n"
+         "                         an answer choice (repeatable; ':' in TEXT as %3a)\n"
          "  --custom-label L       label of the free-text answer\n"
          "  --interactive          send as an interactive message expecting answers\n"
-         "  --ttl-minutes N --priority N --urgent --sticky --colour C --intensity I\n"
-         "  --repeat N --repeat-interval N     presentation settings\n"
-         "  --caller-pattern P --caller-default D --caller-fixed F   caller number\n"
-         "  --expect STATUS[,STATUS...]   statuses the job must reach (name or number)\n"
+         "  --ttl-minutes N        time to live in minutes\n"
+         "  --priority N           priority (default 6)\n"
+         "  --urgent, --sticky     shown as urgent, kept on the display\n"
+         "  --colour C, --intensity I\n"
+         "                         colour and intensity of the display\n"
+         "  --repeat N, --repeat-interval N\n"
+         "                         alert repetitions and the interval between them\n"
+         "                         (any of these options sends the presentation settings)\n"
+         "  --caller-pattern P, --caller-default D, --caller-fixed F\n"
+         "                         caller number\n"
+         "  --expect STATUS[,STATUS...]\n"
+         "                         statuses the job must reach (name or number)\n"
          "\n"
          "Statuses: SENDING(2) SENT(3) REPLIED(4) REPLIED_WITH(5) DELIVERED(6)\n"
-         "          REPLIED_SPECIAL_A(15) REPLIED_SPECIAL_B(16)\n"
+         "REPLIED_SPECIAL_A(15) REPLIED_SPECIAL_B(16).\n"
          "\n"
          "Output: one line per sent job and per job handed back, then\n"
-         "'summary: <k>/<n> jobs complete'. Exit status 0 when every job saw all its\n"
-         "expected statuses; 1 when not; 2 bad arguments; 3 plug-in not loadable;\n"
-         "4 Setup refused; 5 a job could not be sent.\n";
+         "'summary: <k>/<n> jobs complete'. A job is complete when it was sent and saw\n"
+         "all its expected statuses. Tracking receipts are shown in hexadecimal (0x1a0000),\n"
+         "as oapsim shows message ids. SIGINT or SIGTERM ends the run early: qmhost calls\n"
+         "the driver's Cleanup, prints the summary and exits with the status below.\n"
+         "\n"
+         "Exit status: 0 when every job is complete; 1 when not; 2 bad arguments;\n"
+         "3 plug-in not loadable; 4 Setup refused; 5 a job could not be sent.\n";
 }

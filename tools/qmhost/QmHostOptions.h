@@ -19,7 +19,7 @@ class QmHostOptions {
     std::string handset;
     std::string serverHost;
     int32_t serverPort = 0;
-    std::string version = "3.0";
+    std::string oapVersion = "3.0";
     std::string subject;
     std::string text;
     std::vector<QmResponseChoice> choices;
@@ -41,7 +41,8 @@ class QmHostOptions {
   };
 
   // Fills `out` from the arguments after the program name. False with a
-  // message in `error` for anything malformed or missing.
+  // message in `error` for anything malformed or missing; --help and
+  // --version end the parse and need nothing else.
   static bool Parse(const std::vector<std::string>& args, QmHostOptions* out, std::string* error);
   static std::string Usage();
   // SENDING, SENT, ... for the host's report statuses; "UNKNOWN" otherwise.
@@ -50,6 +51,7 @@ class QmHostOptions {
   static bool ParseStatus(const std::string& text, int* status);
 
   bool help = false;
+  bool version = false;
   std::string plugin;
   std::string workdir;
   // The driver's message store; empty: a file in the work directory.

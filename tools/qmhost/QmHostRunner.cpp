@@ -6,11 +6,13 @@
 #include <filesystem>
 #include <map>
 #include <system_error>
-#include <thread>
 
+#include "QmToolStopSignals.h"
+#include "QmToolTrackingId.h"
 #include "QmconCriticalSection.h"
 #include "QmconFunctions.h"
 #include "QmsysEventLogInterface.h"
+#include "QmsysSystemLog.h"
 
 namespace {
 
@@ -20,7 +22,7 @@ std::unique_ptr<QmReferenceJob> MakeJob(const QmHostOptions::Job& request) {
   job->DeviceId = request.handset;
   job->ServerHost = request.serverHost;
   job->ServerPort = request.serverPort;
-  job->OapVersion = request.version;
+  job->OapVersion = request.oapVersion;
   job->SubjectText = request.subject;
   job->MessageText = request.text;
   job->ResponseChoices.assign(request.choices.begin(), request.choices.end());
@@ -42,10 +44,15 @@ std::unique_ptr<QmReferenceJob> MakeJob(const QmHostOptions::Job& request) {
   return job;
 }
 
+std::string Receipt(const QmReferenceJob& job) {
+  return QmToolTrackingId::FormatReceipt(job.GetTrackingReceipt());
+}
+
 }  // namespace
 
-QmHostRunner::QmHostRunner(const QmHostOptions& options, std::ostream& out, std::ostream& err)
-    : m_options(options), m_out(out), m_err(err) {}
+QmHostRunner::QmHostRunner(const QmHostOptions& options, QmToolStopSignals& stop, std::ostream& out,
+                           std::ostream& err)
+    : m_options(options), m_stop(stop), m_out(out), m_err(err) {}
 
 QmHostRunner::~QmHostRunner() {
   Shutdown();
@@ -70,12 +77,16 @@ int QmHostRunner::Run() {
 
   bool allSent = SendJobs();
   bool anySent = std::any_of(m_jobs.begin(), m_jobs.end(), [](const Tracked& t) { return t.sent; });
-  if (anySent) RunQueryCycle();
-  size_t complete = CompleteCount();
-  m_out << "summary: " << complete << "/" << m_jobs.size() << " jobs complete" << std::endl;
+  if (anySent && !Stopped(0)) RunQueryCycle();
+  if (m_stopSignal != 0) {
+    m_err << "qmhost: stopping on " << QmToolStopSignals::Name(m_stopSignal) << std::endl;
+  }
   Shutdown();
+  // Jobs left unsent by a stop signal count as incomplete.
+  size_t complete = CompleteCount();
+  m_out << "summary: " << complete << "/" << m_options.jobs.size() << " jobs complete" << std::endl;
   if (!allSent) return EXIT_SEND_FAILED;
-  return complete == m_jobs.size() ? EXIT_COMPLETE : EXIT_INCOMPLETE;
+  return complete == m_options.jobs.size() ? EXIT_COMPLETE : EXIT_INCOMPLETE;
 }
 
 void QmHostRunner::StartLogger() {
@@ -86,9 +97,19 @@ void QmHostRunner::StartLogger() {
     m_err << "qmhost: warning: cannot create " << configDir << ": " << failure.message()
           << std::endl;
   }
+  // The logging classes report their faults to the system log only; the
+  // ones met while the logger is made are shown here as well.
+  std::vector<std::string> faults;
+  QmsysSystemLog::SetListener(
+      [&faults](const std::string& function, QmsysSystemLog::Category, const std::string& text) {
+        faults.push_back(function + ": " + text);
+      });
   m_logger = QmsysEventLogInterface::CreateInstance(
       "qmhost", QmsysEventLogInterface::SINGLE_THREADED, configDir, "qmhost");
-  if (m_logger == nullptr || !m_logger->Start()) {
+  const bool started = m_logger != nullptr && m_logger->Start();
+  QmsysSystemLog::SetListener(nullptr);
+  for (const std::string& fault : faults) m_err << "qmhost: warning: " << fault << std::endl;
+  if (!started) {
     m_err << "qmhost: warning: no event log in " << configDir << "; running without one"
           << std::endl;
     m_logger = nullptr;
@@ -118,12 +139,13 @@ bool QmHostRunner::SetupDriver() {
 bool QmHostRunner::SendJobs() {
   bool allSent = true;
   for (const QmHostOptions::Job& request : m_options.jobs) {
+    if (Stopped(0)) break;
     Tracked tracked{&request, MakeJob(request), {}, false, {}};
     QmProtocolDriverInterface::ReportsStatus status = QmMessengerReportsMngrInterface::NO_STATUS;
     tracked.sent = m_driver->SendAMessage(tracked.job.get(), status);
     tracked.seen.insert(status);
     m_out << "job " << request.id << " sent status " << status << " "
-          << QmHostOptions::StatusName(status) << " receipt '" << tracked.job->GetTrackingReceipt()
+          << QmHostOptions::StatusName(status) << " receipt '" << Receipt(*tracked.job)
           << "' error '" << tracked.job->GetErrorText() << "'" << std::endl;
     if (!tracked.sent) {
       m_err << "qmhost: error: job " << request.id
@@ -146,12 +168,20 @@ void QmHostRunner::RunQueryCycle() {
       m_driver->Send2WayRespQuery(tracked.job.get(), status);
     }
     DrainQueue();
-    if (m_options.untilExpected && CompleteCount() == m_jobs.size()) return;
+    if (m_options.untilExpected && CompleteCount() == m_options.jobs.size()) return;
     Clock::time_point now = Clock::now();
     if (now >= deadline) return;
-    std::this_thread::sleep_for(
-        std::min<Clock::duration>(std::chrono::milliseconds(m_options.pollMs), deadline - now));
+    const auto pause =
+        std::min<Clock::duration>(std::chrono::milliseconds(m_options.pollMs), deadline - now);
+    if (Stopped(
+            static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(pause).count())))
+      return;
   }
+}
+
+bool QmHostRunner::Stopped(int milliseconds) {
+  if (m_stopSignal == 0) m_stopSignal = m_stop.Wait(milliseconds);
+  return m_stopSignal != 0;
 }
 
 void QmHostRunner::DrainQueue() {
@@ -183,11 +213,13 @@ void QmHostRunner::PrintHandBack(Tracked& tracked) {
   tracked.seen.insert(change.status);
   m_out << "job " << job.JobId << " status " << change.status << " "
         << QmHostOptions::StatusName(change.status) << " text '" << change.text << "' error '"
-        << job.GetErrorText() << "' receipt '" << job.GetTrackingReceipt() << "'" << std::endl;
+        << job.GetErrorText() << "' receipt '" << Receipt(job) << "'" << std::endl;
 }
 
 bool QmHostRunner::Complete(const Tracked& tracked) const {
-  return std::includes(tracked.seen.begin(), tracked.seen.end(), tracked.request->expected.begin(),
+  // A job the server never accepted is not complete, whatever it expects.
+  return tracked.sent &&
+         std::includes(tracked.seen.begin(), tracked.seen.end(), tracked.request->expected.begin(),
                        tracked.request->expected.end());
 }
 

@@ -13,11 +13,15 @@
 #include "QmReferenceReportsManager.h"
 
 class QmsysEventLogInterface;
+class QmToolStopSignals;
 
 // One run of the reference host: loads the plug-in, wires a logger, a queue
 // and a reports manager into the driver, sends the jobs, runs the two-way
-// query cycle and prints every job handed back. Owns the job records; the
-// logger belongs to the event-log registry and is released at the end.
+// query cycle and prints every job handed back. A stop signal (taken
+// through `stop`, which main creates before anything starts a thread) ends
+// the sends and the cycle early; the driver is cleaned up and the summary
+// printed either way. Owns the job records; the logger belongs to the
+// event-log registry and is released at the end.
 class QmHostRunner {
  public:
   enum ExitCode {
@@ -29,7 +33,8 @@ class QmHostRunner {
     EXIT_SEND_FAILED = 5
   };
 
-  QmHostRunner(const QmHostOptions& options, std::ostream& out, std::ostream& err);
+  QmHostRunner(const QmHostOptions& options, QmToolStopSignals& stop, std::ostream& out,
+               std::ostream& err);
   ~QmHostRunner();
   QmHostRunner(const QmHostRunner&) = delete;
   QmHostRunner& operator=(const QmHostRunner&) = delete;
@@ -50,6 +55,8 @@ class QmHostRunner {
   bool SetupDriver();
   bool SendJobs();
   void RunQueryCycle();
+  // True once a stop signal came; waits up to `milliseconds` for one.
+  bool Stopped(int milliseconds);
   void DrainQueue();
   void PrintHandBack(Tracked& tracked);
   bool Complete(const Tracked& tracked) const;
@@ -57,6 +64,8 @@ class QmHostRunner {
   void Shutdown();
 
   const QmHostOptions& m_options;
+  QmToolStopSignals& m_stop;
+  int m_stopSignal = 0;
   std::ostream& m_out;
   std::ostream& m_err;
   QmDriverLoader m_loader;

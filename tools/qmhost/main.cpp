@@ -7,19 +7,22 @@
 
 #include "QmHostOptions.h"
 #include "QmHostRunner.h"
+#include "QmToolCommandLine.h"
+#include "QmToolStopSignals.h"
 
 int main(int argc, char** argv) {
-  std::vector<std::string> args(argv + 1, argv + argc);
+  // Before the plug-in is loaded: every thread it starts inherits the mask,
+  // so SIGINT and SIGTERM reach only the runner's wait.
+  QmToolStopSignals stop;
   QmHostOptions options;
   std::string error;
-  if (!QmHostOptions::Parse(args, &options, &error)) {
-    std::cerr << "qmhost: error: " << error << "\n\n" << QmHostOptions::Usage();
-    return QmHostRunner::EXIT_BAD_ARGUMENTS;
+  if (!QmHostOptions::Parse(std::vector<std::string>(argv + 1, argv + argc), &options, &error)) {
+    return QmToolCommandLine::BadUsage("qmhost", error);
   }
-  if (options.help) {
-    std::cout << QmHostOptions::Usage();
+  if (options.help || options.version) {
+    std::cout << (options.help ? QmHostOptions::Usage() : QmToolCommandLine::VersionText("qmhost"));
     return QmHostRunner::EXIT_COMPLETE;
   }
-  QmHostRunner runner(options, std::cout, std::cerr);
+  QmHostRunner runner(options, stop, std::cout, std::cerr);
   return runner.Run();
 }

@@ -1,28 +1,22 @@
 #include "LogViewOptions.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <map>
+#include <tuple>
 
 #include "QmString.h"
+#include "QmToolCommandLine.h"
 #include "QmsysEventLogWriterInterface.h"
 
 namespace {
 
 const int kMaxPageSize = 100000;
 
-// Whole-text decimal number within [low, high].
-bool ParseInt(const std::string& text, long low, long high, long& value) {
-  if (text.empty()) return false;
-  char* end = nullptr;
-  errno = 0;
-  const long parsed = std::strtol(text.c_str(), &end, 10);
-  if (errno != 0 || *end != '\0' || parsed < low || parsed > high) return false;
-  value = parsed;
-  return true;
+bool ParseInt(const std::string& text, long low, long high, int& value) {
+  return QmToolCommandLine::ParseInt(text, low, high, value);
 }
 
 bool AllDigits(const std::string& text) {
@@ -83,22 +77,22 @@ using ValueHandler = std::function<bool(const std::string&, LogViewOptions&, std
 
 const std::map<std::string, ValueHandler>& ValueOptions() {
   static const std::map<std::string, ValueHandler> handlers = {
-      {"--db",
+      {"db",
        [](const std::string& v, LogViewOptions& o, std::string&) {
          o.dbPath = v;
          return true;
        }},
-      {"--config",
+      {"config",
        [](const std::string& v, LogViewOptions& o, std::string&) {
          o.configDir = v;
          return true;
        }},
-      {"--logger",
+      {"logger",
        [](const std::string& v, LogViewOptions& o, std::string&) {
          o.loggerName = v;
          return true;
        }},
-      {"--module",
+      {"module",
        [](const std::string& v, LogViewOptions& o, std::string& e) {
          if (v.empty()) {
            e = "--module needs a module name";
@@ -107,89 +101,62 @@ const std::map<std::string, ValueHandler>& ValueOptions() {
          o.modules.push_back(v);
          return CheckNoQuote("module name", v, e);
        }},
-      {"--level",
+      {"level",
        [](const std::string& v, LogViewOptions& o, std::string& e) {
          o.level = LogViewOptions::ParseLevel(v);
          if (o.level == 0) e = "bad level '" + v + "' (use 1..7 or TRACE..FATAL)";
          return o.level != 0;
        }},
-      {"--levels",
+      {"levels",
        [](const std::string& v, LogViewOptions& o, std::string& e) {
          std::string bad;
          if (ParseLevelList(v, o.levels, bad)) return true;
          e = "bad level '" + bad + "' in --levels (use 1..7 or TRACE..FATAL)";
          return false;
        }},
-      {"--message",
+      {"message",
        [](const std::string& v, LogViewOptions& o, std::string& e) {
          o.messagePattern = v;
          return CheckNoQuote("--message pattern", v, e);
        }},
-      {"--date",
+      {"date",
        [](const std::string& v, LogViewOptions& o, std::string& e) {
          o.datePattern = v;
          return CheckNoQuote("--date pattern", v, e);
        }},
-      {"--since",
+      {"since",
        [](const std::string& v, LogViewOptions& o, std::string& e) {
          o.since = LogViewOptions::ParseTime(v);
          if (o.since < 0) e = "bad --since time '" + v + "' (use 'YYYY-MM-DD HH:MM:SS' or seconds)";
          return o.since >= 0;
        }},
-      {"--sort",
+      {"sort",
        [](const std::string& v, LogViewOptions& o, std::string& e) {
          std::string bad;
          if (ParseSortKeys(v, o, bad)) return true;
          e = "bad sort key '" + bad + "' (use time, module or level)";
          return false;
        }},
-      {"--page",
+      {"page",
        [](const std::string& v, LogViewOptions& o, std::string& e) {
-         long n = 0;
-         if (!ParseInt(v, 1, 1000000000L, n)) {
-           e = "bad page number '" + v + "' (must be 1 or more)";
-           return false;
-         }
-         o.page = static_cast<int>(n);
-         return true;
+         if (ParseInt(v, 1, 1000000000L, o.page)) return true;
+         e = "bad page number '" + v + "' (must be 1 or more)";
+         return false;
        }},
-      {"--page-size",
+      {"page-size",
        [](const std::string& v, LogViewOptions& o, std::string& e) {
-         long n = 0;
-         if (!ParseInt(v, 1, kMaxPageSize, n)) {
-           e = "bad page size '" + v + "' (must be 1 to " + std::to_string(kMaxPageSize) + ")";
-           return false;
-         }
-         o.pageSize = static_cast<int>(n);
-         return true;
+         if (ParseInt(v, 1, kMaxPageSize, o.pageSize)) return true;
+         e = "bad page size '" + v + "' (must be 1 to " + std::to_string(kMaxPageSize) + ")";
+         return false;
        }},
-      {"--interval",
+      {"interval",
        [](const std::string& v, LogViewOptions& o, std::string& e) {
-         long n = 0;
-         if (!ParseInt(v, 10, 60000, n)) {
-           e = "bad interval '" + v + "' (must be 10 to 60000 ms)";
-           return false;
-         }
-         o.intervalMs = static_cast<int>(n);
-         return true;
+         if (ParseInt(v, 10, 60000, o.intervalMs)) return true;
+         e = "bad interval '" + v + "' (must be 10 to 60000 ms)";
+         return false;
        }},
   };
   return handlers;
-}
-
-bool ParseFlag(const std::string& name, LogViewOptions& options) {
-  if (name == "--json") {
-    options.json = true;
-  } else if (name == "--follow" || name == "-f") {
-    options.follow = true;
-  } else if (name == "--list-modules") {
-    options.listModules = true;
-  } else if (name == "--help" || name == "-h") {
-    options.help = true;
-  } else {
-    return false;
-  }
-  return true;
 }
 
 bool CheckCombination(const LogViewOptions& options, std::string& error) {
@@ -215,14 +182,14 @@ bool CheckCombination(const LogViewOptions& options, std::string& error) {
 }  // namespace
 
 int LogViewOptions::ParseLevel(const std::string& text) {
-  long number = 0;
-  if (AllDigits(text)) return ParseInt(text, 1, 7, number) ? static_cast<int>(number) : 0;
+  int number = 0;
+  if (AllDigits(text)) return ParseInt(text, 1, 7, number) ? number : 0;
   return QmsysEventLogWriterInterface::getLogLevelInt(
       QmsysEventLogWriterInterface::getLogLevel(text, true));
 }
 
 long LogViewOptions::ParseTime(const std::string& text) {
-  long seconds = 0;
+  int seconds = 0;
   if (AllDigits(text)) return ParseInt(text, 0, 0x7fffffffL, seconds) ? seconds : -1;
   std::tm fields{};
   int consumed = 0;
@@ -246,37 +213,28 @@ long LogViewOptions::ParseTime(const std::string& text) {
 
 bool LogViewOptions::Parse(int argc, const char* const* argv, LogViewOptions& options,
                            std::string& error) {
-  for (int i = 1; i < argc; ++i) {
-    std::string name = argv[i];
-    std::string value;
-    bool inlineValue = false;
-    const size_t equals = name.find('=');
-    if (name.compare(0, 2, "--") == 0 && equals != std::string::npos) {
-      value = name.substr(equals + 1);
-      name = name.substr(0, equals);
-      inlineValue = true;
-    }
-    const auto handler = ValueOptions().find(name);
-    if (handler == ValueOptions().end()) {
-      if (inlineValue || !ParseFlag(name, options)) {
-        error = "unknown option '" + std::string(argv[i]) + "' (see --help)";
-        return false;
-      }
-      continue;
-    }
-    if (!inlineValue) {
-      if (i + 1 >= argc) {
-        error = name + " needs a value";
-        return false;
-      }
-      value = argv[++i];
-    }
-    if (!handler->second(value, options, error)) return false;
+  QmToolCommandLine line("qmlogview");
+  for (const auto& [name, handler] : ValueOptions()) {
+    line.Value(name, 0, [&options, handler = handler](const std::string& v, std::string& e) {
+      return handler(v, options, e);
+    });
   }
+  for (const auto& [name, shortName, flag] : std::vector<std::tuple<const char*, char, bool*>>{
+           {"json", 0, &options.json},
+           {"follow", 'f', &options.follow},
+           {"list-modules", 0, &options.listModules}}) {
+    line.Flag(name, shortName,
+              [flag = flag](const std::string&, std::string&) { return *flag = true; });
+  }
+  if (!line.Parse(std::vector<std::string>(argv + std::min(argc, 1), argv + argc), error)) {
+    return false;
+  }
+  options.help = line.HelpAsked();
+  options.version = line.VersionAsked();
   if (!options.sortByTime && !options.sortByModule && !options.sortByLevel) {
     options.sortByTime = true;
   }
-  return options.help || CheckCombination(options, error);
+  return options.help || options.version || CheckCombination(options, error);
 }
 
 std::string LogViewOptions::Usage() {
@@ -311,11 +269,12 @@ std::string LogViewOptions::Usage() {
          "\n"
          "Output:\n"
          "  --json               one JSON object per entry and line; page notes go to stderr\n"
-         "  --follow, -f         print matching entries as they arrive, oldest first, until\n"
+         "  -f, --follow         print matching entries as they arrive, oldest first, until\n"
          "                       SIGINT or SIGTERM; with --since, stored entries from that\n"
          "                       time on come first\n"
          "  --interval MS        follow polling period in milliseconds (default 500)\n"
-         "  --help, -h           this text\n"
+         "  -h, --help           show this text and exit\n"
+         "      --version        show the version and exit\n"
          "\n"
          "Exit status: 0 success, 1 database or data error (missing or locked database,\n"
          "unknown module, page past the end), 2 bad command line.\n";

@@ -29,9 +29,11 @@ class LogViewOptions {
   bool follow = false;
   int intervalMs = 500;  // --interval, follow mode polling period
   bool help = false;
+  bool version = false;
 
-  // Fills `options` from the arguments; on failure returns false with a
-  // one-line reason in `error`.
+  // Fills `options` from the arguments (argv[0] is the program); on failure
+  // returns false with a one-line reason in `error`. --help and --version
+  // end the parse and need nothing else.
   static bool Parse(int argc, const char* const* argv, LogViewOptions& options, std::string& error);
   // The --help text.
   static std::string Usage();

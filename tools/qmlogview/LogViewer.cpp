@@ -4,29 +4,32 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <climits>
+#include <cstdlib>
 
 #include "LogDatabaseLocator.h"
 #include "QmDBProcessorFatalException.h"
+#include "QmString.h"
 
 namespace {
 
 // Modules may appear while following, so the column has room to spare.
 const size_t kFollowModuleWidth = 12;
 
-// Ordering of merged rows, the same keys and precedence as the SQL ORDER BY
-// of the processor: newest first, then module, then level.
-bool Before(const QmLogDBProcessorInterface::LogEntry& a,
-            const QmLogDBProcessorInterface::LogEntry& b, const LogViewOptions& options) {
-  if (options.sortByTime && a.time != b.time) return a.time > b.time;
-  if (options.sortByModule && a.module != b.module) return a.module < b.module;
-  if (options.sortByLevel && a.level != b.level) return a.level < b.level;
-  return false;
+const char* const kColumns = "id, module, timestamp, level, message, line, srcfile";
+
+// Text for the inside of single quotes in SQL.
+std::string Quoted(const std::string& text) {
+  return QmstringReplaceAll(text, "'", "''");
 }
 
-int PagesFor(size_t rows, int pageSize) {
-  return static_cast<int>((rows + static_cast<size_t>(pageSize) - 1) /
-                          static_cast<size_t>(pageSize));
+// The ORDER BY keys of the options; rows equal in them are ordered by row
+// id, newest first when the newest come first.
+std::string OrderBy(const LogViewOptions& options) {
+  std::string keys;
+  if (options.sortByTime) keys += "timestamp DESC, ";
+  if (options.sortByModule) keys += "module, ";
+  if (options.sortByLevel) keys += "level, ";
+  return " ORDER BY " + keys + (options.sortByTime ? "id DESC" : "id");
 }
 
 }  // namespace
@@ -56,26 +59,47 @@ int LogViewer::Run(const StopWaiter& waitForStop) {
   return m_options.follow ? Follow(waitForStop) : ListPage();
 }
 
-// The processor would create a missing file, so its absence is checked
-// first: a viewer never makes a database.
+bool LogViewer::OpenAs(QmLogSQLiteProcessor::OpenMode mode, int& code, std::string& reason) {
+  try {
+    m_processor = std::make_unique<QmLogSQLiteProcessor>(m_dbPath, true, mode);
+    return true;
+  } catch (const QmDBProcessorFatalException& e) {
+    code = e.getErrorCode() & 0xFF;
+    reason = e.getMessage();
+    return false;
+  }
+}
+
+// The database is opened read-only: a viewer never creates a database or
+// changes one. A database in a folder this user may not write (another
+// user's) cannot be shared with its writers when its write-ahead log needs
+// files that cannot be made; it is then read as it stands on disk.
 bool LogViewer::Open() {
   struct stat info {};
   if (stat(m_dbPath.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
     Fail("log database not found: " + m_dbPath, EXIT_ERROR);
     return false;
   }
-  try {
-    m_processor = std::make_unique<QmLogSQLiteProcessor>(m_dbPath, true);
-  } catch (const QmDBProcessorFatalException& e) {
-    const int code = e.getErrorCode() & 0xFF;
-    if (code == SQLITE_BUSY || code == SQLITE_LOCKED) {
-      Fail("log database is locked: " + m_dbPath + " (" + e.getMessage() + ")", EXIT_ERROR);
-    } else {
-      Fail("cannot open log database " + m_dbPath + ": " + e.getMessage(), EXIT_ERROR);
+  int code = 0;
+  std::string reason;
+  if (OpenAs(QmLogSQLiteProcessor::READ_ONLY, code, reason)) return true;
+  const bool unshareable = code == SQLITE_CANTOPEN || code == SQLITE_READONLY ||
+                           code == SQLITE_PERM || code == SQLITE_IOERR;
+  if (unshareable) {
+    std::string immutableReason;
+    if (OpenAs(QmLogSQLiteProcessor::READ_ONLY_IMMUTABLE, code, immutableReason)) {
+      m_err << "qmlogview: note: " << m_dbPath << " cannot be read alongside its writers ("
+            << reason << "); showing it as stored on disk, without entries still in its "
+            << "write-ahead log" << std::endl;
+      return true;
     }
-    return false;
   }
-  return true;
+  if (code == SQLITE_BUSY || code == SQLITE_LOCKED) {
+    Fail("log database is locked: " + m_dbPath + " (" + reason + ")", EXIT_ERROR);
+  } else {
+    Fail("cannot open log database " + m_dbPath + ": " + reason, EXIT_ERROR);
+  }
+  return false;
 }
 
 bool LogViewer::LoadKnownModules(std::vector<std::string>& modules) {
@@ -122,21 +146,53 @@ int LogViewer::ListModules() {
   return EXIT_OK;
 }
 
-QmLogDBProcessorInterface::ReadLogFilter LogViewer::BaseFilter() const {
-  ReadLogFilter filter;
-  filter.levels = m_options.levels;
-  filter.messagePattern = m_options.messagePattern;
-  filter.level = m_options.level;
-  filter.startTime = m_options.since;
-  filter.datePattern = m_options.datePattern;
-  return filter;
+bool LogViewer::ModuleSelect(const std::string& module, long long afterId, long long upToId,
+                             std::string& sql) {
+  const std::string table = m_processor->getTableName(module);
+  if (table.empty()) {
+    m_err << "qmlogview: no table for module '" << module << "' in " << m_dbPath << std::endl;
+    return false;
+  }
+  std::vector<std::string> conditions;
+  if (!m_options.levels.empty()) {
+    std::string list;
+    for (int level : m_options.levels) list += (list.empty() ? "" : ", ") + std::to_string(level);
+    conditions.push_back("level IN (" + list + ")");
+  }
+  if (m_options.level > 0) conditions.push_back("level = " + std::to_string(m_options.level));
+  if (!m_options.messagePattern.empty()) {
+    conditions.push_back("message LIKE '" + Quoted(m_options.messagePattern) + "'");
+  }
+  if (m_options.since > 0) {
+    conditions.push_back("timestamp >= " + std::to_string(static_cast<long long>(m_options.since)));
+  }
+  if (!m_options.datePattern.empty()) {
+    conditions.push_back("strftime('%m/%d/%Y %H:%M:%S',timestamp,'unixepoch','localtime') LIKE '" +
+                         Quoted(m_options.datePattern) + "'");
+  }
+  if (afterId > 0) conditions.push_back("id > " + std::to_string(afterId));
+  if (upToId > 0) conditions.push_back("id <= " + std::to_string(upToId));
+  sql = std::string("SELECT ") + kColumns + " FROM " + table;
+  for (size_t i = 0; i < conditions.size(); ++i) {
+    sql += (i == 0 ? " WHERE " : " AND ") + conditions[i];
+  }
+  return true;
 }
 
-bool LogViewer::ReadAll(const std::string& module, const ReadLogFilter& filter,
-                        std::vector<LogEntry>& rows) {
+bool LogViewer::AllModulesSelect(std::string& sql) {
+  sql.clear();
+  for (const auto& module : m_modules) {
+    std::string select;
+    if (!ModuleSelect(module, 0, 0, select)) return false;
+    sql += (sql.empty() ? "" : " UNION ALL ") + select;
+  }
+  return true;
+}
+
+bool LogViewer::Query(const std::string& sql, std::vector<LogEntry>& rows) {
   QmLogDBProcessorInterface::EntrySet entries;
-  if (!m_processor->readLogRecord(entries, module, filter)) {
-    m_err << "qmlogview: cannot read module '" << module << "': " << m_processor->getDBString()
+  if (!m_processor->executeSelectQuery(sql, entries)) {
+    m_err << "qmlogview: cannot read " << m_dbPath << ": " << m_processor->getDBString()
           << std::endl;
     return false;
   }
@@ -144,67 +200,42 @@ bool LogViewer::ReadAll(const std::string& module, const ReadLogFilter& filter,
   return true;
 }
 
-// One module: the database sorts and cuts the page; the page count comes
-// from the processor when it can express the filter, else from the rows.
-bool LogViewer::ReadSingleModulePage(std::vector<LogEntry>& rows, int& pages) {
-  const std::string& module = m_modules.front();
-  ReadLogFilter filter = BaseFilter();
-  filter.sortByTimeDesc = m_options.sortByTime;
-  filter.sortByModule = m_options.sortByModule;
-  filter.sortByLevel = m_options.sortByLevel;
-  filter.limit = m_options.pageSize;
-  // A page far past the end must not overflow; it is reported as such.
-  const long long offset = static_cast<long long>(m_options.page - 1) * m_options.pageSize;
-  filter.offset = static_cast<int>(std::min<long long>(offset, INT_MAX));
-  if (!ReadAll(module, filter, rows)) return false;
-  if (m_options.levels.empty() && m_options.since == 0) {
-    pages = m_processor->getNumberOfPages(module, m_options.pageSize, m_options.level,
-                                          m_options.messagePattern, m_options.datePattern);
-    if (pages >= 0) return true;
-    m_err << "qmlogview: cannot count entries of module '" << module
-          << "': " << m_processor->getDBString() << std::endl;
-    return false;
-  }
-  std::vector<LogEntry> all;
-  if (!ReadAll(module, BaseFilter(), all)) return false;
-  pages = PagesFor(all.size(), m_options.pageSize);
-  return true;
-}
-
-// Several modules live in several tables: their rows are merged and sorted
-// here with the same keys, then cut into pages.
-bool LogViewer::ReadMergedPage(std::vector<LogEntry>& rows, int& pages) {
-  std::vector<LogEntry> all;
-  for (const auto& module : m_modules) {
-    if (!ReadAll(module, BaseFilter(), all)) return false;
-  }
-  std::stable_sort(all.begin(), all.end(), [this](const LogEntry& a, const LogEntry& b) {
-    return Before(a, b, m_options);
-  });
-  pages = PagesFor(all.size(), m_options.pageSize);
-  const size_t first = static_cast<size_t>(m_options.page - 1) * m_options.pageSize;
-  if (first < all.size()) {
-    const size_t last = std::min(all.size(), first + static_cast<size_t>(m_options.pageSize));
-    rows.assign(all.begin() + static_cast<long>(first), all.begin() + static_cast<long>(last));
-  }
+// A one-column result comes back in the module field.
+bool LogViewer::Count(const std::string& sql, long long& count) {
+  std::vector<LogEntry> rows;
+  if (!Query(sql, rows) || rows.empty()) return false;
+  count = std::strtoll(rows.front().module.c_str(), nullptr, 10);
   return true;
 }
 
 int LogViewer::ListPage() {
-  std::vector<LogEntry> rows;
-  int pages = 0;
-  const bool read = m_modules.empty() || (m_modules.size() == 1 ? ReadSingleModulePage(rows, pages)
-                                                                : ReadMergedPage(rows, pages));
-  if (!read) return EXIT_ERROR;
+  if (m_modules.empty()) {
+    (m_options.json ? m_err : m_out) << "No matching log entries." << std::endl;
+    return EXIT_OK;
+  }
+  std::string select;
+  long long matching = 0;
+  if (!AllModulesSelect(select) || !Count("SELECT COUNT(*) FROM (" + select + ");", matching)) {
+    return EXIT_ERROR;
+  }
   std::ostream& notes = m_options.json ? m_err : m_out;
-  if (pages == 0) {
+  if (matching == 0) {
     notes << "No matching log entries." << std::endl;
     return EXIT_OK;
   }
+  const long long pageSize = m_options.pageSize;
+  const long long pages = (matching + pageSize - 1) / pageSize;
   if (m_options.page > pages) {
     return Fail("page " + std::to_string(m_options.page) + " is past the last page (" +
                     std::to_string(pages) + ")",
                 EXIT_ERROR);
+  }
+  std::vector<LogEntry> rows;
+  const long long offset = (m_options.page - 1LL) * pageSize;
+  if (!Query(select + OrderBy(m_options) + " LIMIT " + std::to_string(pageSize) + " OFFSET " +
+                 std::to_string(offset) + ";",
+             rows)) {
+    return EXIT_ERROR;
   }
   std::vector<std::string> shown;
   for (const auto& row : rows) shown.push_back(row.module);
@@ -220,20 +251,26 @@ void LogViewer::Print(const std::vector<LogEntry>& rows, const LogViewFormatter&
   m_out.flush();
 }
 
-// Module tables only grow at the end, so the rows that match a filter keep
-// their places in table order and the ones not yet printed are those past
-// the count already seen.
-bool LogViewer::ReadNewEntries(std::map<std::string, size_t>& seen, std::vector<LogEntry>& rows) {
+// Row ids only grow (also across a truncation), so the rows not printed yet
+// are those above the last id read, up to the highest id at this read.
+bool LogViewer::ReadNewEntries(std::map<std::string, long long>& lastIds,
+                               std::vector<LogEntry>& rows) {
   bool ok = true;
-  for (auto& module : seen) {
-    ReadLogFilter filter = BaseFilter();
-    filter.offset = static_cast<int>(module.second);
-    const size_t before = rows.size();
-    if (!ReadAll(module.first, filter, rows)) {
+  for (auto& module : lastIds) {
+    const std::string table = m_processor->getTableName(module.first);
+    long long top = 0;
+    std::string select;
+    if (table.empty() || !Count("SELECT MAX(id) FROM " + table + ";", top)) {
       ok = false;
       continue;
     }
-    module.second += rows.size() - before;
+    if (top <= module.second) continue;
+    if (!ModuleSelect(module.first, module.second, top, select) ||
+        !Query(select + " ORDER BY id;", rows)) {
+      ok = false;
+      continue;
+    }
+    module.second = top;
   }
   std::stable_sort(rows.begin(), rows.end(),
                    [](const LogEntry& a, const LogEntry& b) { return a.time < b.time; });
@@ -241,27 +278,31 @@ bool LogViewer::ReadNewEntries(std::map<std::string, size_t>& seen, std::vector<
 }
 
 // Without --module every module is followed, also those that appear later.
-void LogViewer::AddNewModules(std::map<std::string, size_t>& seen) {
+void LogViewer::AddNewModules(std::map<std::string, long long>& lastIds) {
   if (!m_options.modules.empty()) return;
   std::vector<std::string> known;
   if (!LoadKnownModules(known)) return;
-  for (const auto& module : known) seen.emplace(module, 0);
+  for (const auto& module : known) lastIds.emplace(module, 0);
 }
 
 int LogViewer::Follow(const StopWaiter& waitForStop) {
-  std::map<std::string, size_t> seen;
+  std::map<std::string, long long> lastIds;
   for (const auto& module : m_modules) {
-    std::vector<LogEntry> existing;
-    if (m_options.since == 0 && !ReadAll(module, BaseFilter(), existing)) return EXIT_ERROR;
-    seen[module] = existing.size();
+    long long top = 0;
+    const std::string table = m_processor->getTableName(module);
+    if (m_options.since == 0 &&
+        (table.empty() || !Count("SELECT MAX(id) FROM " + table + ";", top))) {
+      return EXIT_ERROR;
+    }
+    lastIds[module] = top;
   }
   LogViewFormatter formatter(
       m_options.json, std::max(kFollowModuleWidth, LogViewFormatter::ModuleWidth(m_modules)));
   if (!m_options.json) m_out << formatter.Header() << std::endl;
   do {
-    AddNewModules(seen);
+    AddNewModules(lastIds);
     std::vector<LogEntry> rows;
-    ReadNewEntries(seen, rows);
+    ReadNewEntries(lastIds, rows);
     Print(rows, formatter);
   } while (!waitForStop(m_options.intervalMs));
   return EXIT_OK;

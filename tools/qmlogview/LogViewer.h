@@ -12,11 +12,13 @@
 #include "LogViewOptions.h"
 #include "QmLogSQLiteProcessor.h"
 
-// The log viewer: opens the SQLite log database through the log database
-// processor, checks the requested modules against its "metatable" and
-// prints one page of matching entries, the module list, or (following)
-// every new matching entry until told to stop. Owns the processor; writes
-// results to `out` and problems to `err`.
+// The log viewer: opens the SQLite log database read-only through the log
+// database processor, checks the requested modules against its
+// "metatable" and prints one page of matching entries, the module list, or
+// (following) every new matching entry until told to stop. Selecting,
+// sorting and paging happen in SQL over all the modules' tables at once, so
+// a page costs what it shows, not what the tables hold. Owns the processor;
+// writes results to `out` and notes and problems to `err`.
 class LogViewer {
  public:
   enum ExitCode { EXIT_OK = 0, EXIT_ERROR = 1, EXIT_USAGE = 2 };
@@ -33,21 +35,25 @@ class LogViewer {
 
  private:
   using LogEntry = QmLogDBProcessorInterface::LogEntry;
-  using ReadLogFilter = QmLogDBProcessorInterface::ReadLogFilter;
 
   bool Open();
+  bool OpenAs(QmLogSQLiteProcessor::OpenMode mode, int& code, std::string& reason);
   bool LoadKnownModules(std::vector<std::string>& modules);
   bool ResolveModules();
   int ListModules();
   int ListPage();
   int Follow(const StopWaiter& waitForStop);
 
-  ReadLogFilter BaseFilter() const;
-  bool ReadAll(const std::string& module, const ReadLogFilter& filter, std::vector<LogEntry>& rows);
-  bool ReadSingleModulePage(std::vector<LogEntry>& rows, int& pages);
-  bool ReadMergedPage(std::vector<LogEntry>& rows, int& pages);
-  bool ReadNewEntries(std::map<std::string, size_t>& seen, std::vector<LogEntry>& rows);
-  void AddNewModules(std::map<std::string, size_t>& seen);
+  // The select of one module's matching rows (id first, then the columns
+  // of a log entry), limited to ids above `afterId` when it is positive.
+  bool ModuleSelect(const std::string& module, long long afterId, long long upToId,
+                    std::string& sql);
+  // The selects of every module shown, joined with UNION ALL.
+  bool AllModulesSelect(std::string& sql);
+  bool Query(const std::string& sql, std::vector<LogEntry>& rows);
+  bool Count(const std::string& sql, long long& count);
+  bool ReadNewEntries(std::map<std::string, long long>& lastIds, std::vector<LogEntry>& rows);
+  void AddNewModules(std::map<std::string, long long>& lastIds);
   void Print(const std::vector<LogEntry>& rows, const LogViewFormatter& formatter);
   int Fail(const std::string& message, int code);
 

@@ -11,6 +11,7 @@
 #include <iterator>
 
 #include "MessageBody.h"
+#include "OAPBuildInfo.h"
 #include "OAPClient.h"
 #include "OAPDeviceRegistrar.h"
 #include "OAPLoggerProxy.h"
@@ -190,6 +191,7 @@ std::shared_ptr<OAPMessageStore> QmOAPDriver::OpenStore() {
 
 bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
   OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Setup", kFalse);
+  QM_LOG(Logger, Info, kSource, OAPBuildInfo::Describe());
   std::lock_guard<std::mutex> lifecycle(m_lifecycle);
   bool result = false;
   long port = conf != nullptr ? std::strtol(conf->ListenerPort, nullptr, 10) : 0;

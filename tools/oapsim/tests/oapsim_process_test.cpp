@@ -57,8 +57,8 @@ TEST(OapSimProcessTest, AnswersRequestsAndCommandsOrSaysWhyNot) {
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
             "<OAP-response version=\"4.0\" id=\"1a0001\">\n<Status>\n<Type>1</Type>\n"
             "<Code>200</Code>\n</Status>\n</OAP-response>");
-  EXPECT_EQ(sim.WaitFor("#1a0001"),
-            "[sim] 4.0 message #1a0001 to 5678: subject 'Lunch' text 'Caf\xc3\xa9?' options "
+  EXPECT_EQ(sim.WaitFor("0x1a0001"),
+            "[sim] 4.0 message 0x1a0001 to 5678: subject 'Lunch' text 'Caf\xc3\xa9?' options "
             "[1:Yes->N:Yes, 2:No->F:No, 4:Close(closes)] custom 'Say'");
   EXPECT_THAT(Exchange(port, kInteractive40.substr(0, 150), true), HasSubstr("<Code>403</Code>"));
   EXPECT_NE(sim.WaitFor("[sim] rejected request: malformed XML"), "") << sim.out;
@@ -70,16 +70,16 @@ TEST(OapSimProcessTest, AnswersRequestsAndCommandsOrSaysWhyNot) {
 
   ASSERT_THAT(Exchange(port, WithPort(kInteractive30, driver.Port())),
               HasSubstr("<Status service=\"message\">\n<Type>1</Type>\n<Code>200</Code>"));
-  sim.Send("text 1A over there\n");
+  sim.Send("text 0x1A over there\n");
   ASSERT_TRUE(driver.WaitForRequests(1, ChildProcess::kWaitMs));
   EXPECT_THAT(driver.Requests()[0],
               HasSubstr("<OAP-response version=\"3.0\" id=\"1a\">\n"
                         "<Status service=\"message\">\n<Type>5</Type>\n"
                         "<Code>200</Code>\n<TypeSpecific>\n<From>1234</From>\n"
                         "<UserResponse>over there</UserResponse>"));
-  sim.Send("answer 1a 7\nfly 1a\nlist\n");
-  for (const char* line :
-       {"#1a has no option 7", "unknown command 'fly'", "(answered 'over there')"}) {
+  sim.Send("answer 26 7\nfly 0x1a\nanswer 1a 1\nlist\n");
+  for (const char* line : {"0x1a has no option 7", "unknown command 'fly'",
+                           "answer: expected a message id", "(answered 'over there')"}) {
     EXPECT_NE(sim.WaitFor(line), "") << line;
   }
 }
@@ -99,20 +99,29 @@ TEST(OapSimProcessTest, ScriptedHandsetDeliversAndAnswers) {
   // The driver's echo wipes the options; the handset can no longer choose.
   ASSERT_THAT(Exchange(port, WithPort(kWipeUpdate40, driver.Port())),
               HasSubstr("<Code>200</Code>"));
-  EXPECT_NE(sim.WaitFor("4.0 update of #1a0001 to 5678: options wiped, text now "
+  EXPECT_NE(sim.WaitFor("4.0 update of 0x1a0001 to 5678: options wiped, text now "
                         "'Lunch?\\n\\nYou replied:\\n-->>No'"),
             "");
-  sim.Send("answer 1a0001 1\n");
-  EXPECT_NE(sim.WaitFor("the options of #1a0001 were wiped"), "");
+  sim.Send("answer 0x1a0001 1\n");
+  EXPECT_NE(sim.WaitFor("the options of 0x1a0001 were wiped"), "");
 }
 
 TEST(OapSimProcessTest, ConfiguredStatusSilenceAndStopping) {
   Sim failing({"--status", "1:407"});
   EXPECT_THAT(Exchange(failing.Port(), kInteractive30),
               AllOf(HasSubstr("id=\"1a\""), HasSubstr("<Code>407</Code>")));
+  // Silent: the request is read, and the connection stays open without a
+  // byte until the client gives up.
   Sim silent({"--silent"});
-  EXPECT_EQ(Exchange(silent.Port(), kInteractive30), "");
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_in address = FakeOapServer::Loopback(silent.Port());
+  ASSERT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(write(fd, kInteractive30.data(), kInteractive30.size()),
+            static_cast<ssize_t>(kInteractive30.size()));
   EXPECT_NE(silent.WaitFor("left unanswered"), "");
+  pollfd waiter{fd, POLLIN, 0};
+  EXPECT_EQ(poll(&waiter, 1, 300), 0) << "the silent server answered or closed";
+  close(fd);
 
   Sim quitting({}), signalled({});
   ASSERT_GT(quitting.Port(), 0);
@@ -123,7 +132,11 @@ TEST(OapSimProcessTest, ConfiguredStatusSilenceAndStopping) {
   EXPECT_EQ(signalled.Finish(), 0);
   EXPECT_NE(signalled.WaitFor("stopping on signal"), "");
   EXPECT_EQ(Sim({"--exit-after-ms", "100"}).Finish(), 0);
-  EXPECT_EQ(Sim({"--listen", "10.1.2.3:0"}).Finish(), 1);
+  for (const char* remote : {"10.1.2.3:0", "0.0.0.0:0"}) {
+    Sim refused({"--listen", remote});
+    EXPECT_EQ(refused.Finish(), 1) << remote;
+    EXPECT_NE(refused.err.find("give --allow-remote"), std::string::npos) << refused.err;
+  }
 }
 
 }  // namespace

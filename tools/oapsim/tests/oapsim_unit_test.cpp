@@ -10,6 +10,7 @@
 #include "OapSimHandsets.h"
 #include "OapSimOptions.h"
 #include "OapSimReply.h"
+#include "QmToolTrackingId.h"
 #include "oapsim_test_documents.h"
 
 namespace {
@@ -156,7 +157,7 @@ TEST(OapSimHandsetsTest, KeepsDescribesAndUpdatesMessagesReusedNumbersStartAfres
   ASSERT_NE(shown, nullptr);
   EXPECT_EQ(shown->driverHost + ":" + std::to_string(shown->driverPort), "127.0.0.2:7001");
   EXPECT_EQ(OapSimHandsets::Describe(*shown),
-            "3.0 message #1a to 1234: subject 'Hi <there>' text 'Caf\xc3\xa9 open?' "
+            "3.0 message 0x1a to 1234: subject 'Hi <there>' text 'Caf\xc3\xa9 open?' "
             "options [1:Yes->N:Yes call 555] custom 'Other'");
   EXPECT_EQ(OapSimHandsets::Quote("a\r\nb\tc\x01\rd"), "'a\\nb\\tc?\\rd'");
 
@@ -188,18 +189,47 @@ TEST(OapSimOptionsTest, ReadsTextActionsAndRefusesBadArguments) {
   OapSimOptions::Action action;
   ASSERT_TRUE(OapSimOptions::ParseAction("text:see you", action));
   EXPECT_TRUE(action.kind == OapSimOptions::Action::Text && action.words == "see you");
-  const std::vector<std::vector<const char*>> bad = {
-      {"--listen", "127.0.0.1"}, {"--listen", "127.0.0.1:70000"},
-      {"--status", "200"},       {"--auto", "1234=jump"},
-      {"--auto", "=deliver"},    {"--auto", "1234=option:0"},
-      {"--auto-delay-ms", "-1"}, {"--exit-after-ms"},
-      {"--frobnicate", "1"}};
-  for (auto args : bad) {
-    args.insert(args.begin(), "oapsim");
-    OapSimOptions options;
-    std::string error;
-    EXPECT_FALSE(options.Parse(static_cast<int>(args.size()), args.data(), error)) << args[1];
-    EXPECT_FALSE(error.empty()) << args[1];
+  OapSimOptions options;
+  std::string error;
+  ASSERT_TRUE(options.Parse({"--listen=127.0.0.2:7", "--allow-remote", "--status", "5:400"}, error))
+      << error;
+  EXPECT_TRUE(options.listenHost == "127.0.0.2" && options.listenPort == 7 && options.allowRemote &&
+              options.statusType == 5 && options.statusCode == 400);
+  const std::vector<std::vector<std::string>> bad = {{"--listen", "127.0.0.1"},
+                                                     {"--listen", "127.0.0.1:70000"},
+                                                     {"--status", "200"},
+                                                     {"--auto", "1234=jump"},
+                                                     {"--auto", "=deliver"},
+                                                     {"--auto", "1234=option:0"},
+                                                     {"--auto-delay-ms", "-1"},
+                                                     {"--exit-after-ms"},
+                                                     {"--frobnicate", "1"},
+                                                     {"--silent=yes"},
+                                                     {"deliver"}};
+  for (const auto& args : bad) {
+    OapSimOptions refused;
+    EXPECT_FALSE(refused.Parse(args, error)) << args[0];
+    EXPECT_FALSE(error.empty()) << args[0];
+  }
+}
+
+// Ids are shown as the wire writes them, with a prefix that keeps them apart
+// from decimal receipts; either form is read back.
+TEST(OapSimOptionsTest, TrackingIdsShownInHexAndReadInEitherBase) {
+  EXPECT_EQ(QmToolTrackingId::Format(0x1a0000), "0x1a0000");
+  EXPECT_EQ(QmToolTrackingId::FormatReceipt("1703936"), "0x1a0000");
+  EXPECT_EQ(QmToolTrackingId::FormatReceipt(""), "");
+  for (const auto& [text, expected] :
+       std::vector<std::pair<std::string, uint32_t>>{{"0x1a0000", 0x1a0000},
+                                                     {"0X1A", 0x1a},
+                                                     {"1703936", 1703936},
+                                                     {"4294967295", 0xffffffff}}) {
+    uint32_t id = 0;
+    EXPECT_TRUE(QmToolTrackingId::Parse(text, id) && id == expected) << text;
+  }
+  for (const char* bad : {"1a0000", "0x", "", "-1", "4294967296", "0x100000000", "12 ", "+5"}) {
+    uint32_t id = 0;
+    EXPECT_FALSE(QmToolTrackingId::Parse(bad, id)) << bad;
   }
 }
 

@@ -6,10 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -170,15 +174,19 @@ TEST_F(LogViewTest, ListsFiltersAndSortsInAnAlignedTable) {
   });
 }
 
-// One module is paged by the database, several by the viewer: both must
-// cut the same ordered list into the same pages.
+// One module or several: the same ordered list cut into the same pages.
+// Entries of one second are ordered by when they were stored.
 TEST_F(LogViewTest, PagesOneModuleAndSeveralModulesAlike) {
   QmLogSQLiteProcessor db(m_db, true);
   for (int i = 0; i < 7; ++i) {
     ASSERT_TRUE(db.writeLogRecord("solo", "s" + std::to_string(i), kBase + i, 3, "f", i));
     ASSERT_TRUE(
         db.writeLogRecord(i % 2 ? "odd" : "even", "m" + std::to_string(i), kBase + i, 4, "f", i));
+    ASSERT_TRUE(db.writeLogRecord("burst", "b" + std::to_string(i), kBase, 4, "f", i));
   }
+  auto burst = [](int i) -> std::vector<std::string> {
+    return {"22:13:20", "burst", "WARN", "b" + std::to_string(i)};
+  };
   // The i-th entry of module solo, and of odd or even.
   auto solo = [](int i) -> std::vector<std::string> {
     return {"22:13:2" + std::to_string(i), "solo", "INFO", "s" + std::to_string(i)};
@@ -193,8 +201,10 @@ TEST_F(LogViewTest, PagesOneModuleAndSeveralModulesAlike) {
        Table(6, {mixed(3), mixed(2), mixed(1)}, "Page 2 of 3\n")},
       {{"--module", "solo", "--page-size", "3", "--page", "3"},
        Table(6, {solo(0)}, "Page 3 of 3\n")},
-      // The page count of a level list comes from the rows, of a single level
-      // and a date pattern from the processor's count.
+      {{"--module", "burst", "--page-size", "3", "--page", "2"},
+       Table(6, {burst(3), burst(2), burst(1)}, "Page 2 of 3\n")},
+      {{"--module", "burst", "--sort", "module", "--page-size", "2"},
+       Table(6, {burst(0), burst(1)}, "Page 1 of 4\n")},
       {{"--module", "solo", "--levels", "3", "--page-size", "2"},
        Table(6, {solo(6), solo(5)}, "Page 1 of 4\n")},
       {{"--module", "solo", "--level", "3", "--date", "%22:13:2%", "--page-size", "2"},
@@ -299,7 +309,54 @@ TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
   ASSERT_EQ(sqlite3_exec(holder, hold, nullptr, nullptr, nullptr), SQLITE_OK);
   Expect({{{"--db", locked}, "", 1, "log database is locked: " + locked}});
   sqlite3_exec(holder, "ROLLBACK;", nullptr, nullptr, nullptr);
+  // Once free it is read, and left in the journal mode it has.
+  ASSERT_EQ(
+      sqlite3_exec(holder,
+                   "CREATE TABLE a (id INTEGER PRIMARY KEY, module, timestamp, "
+                   "level, message, line, srcfile); INSERT INTO metatable VALUES (1, 'a', 'a');",
+                   nullptr, nullptr, nullptr),
+      SQLITE_OK);
   sqlite3_close(holder);
+  Expect({{{"--db", locked}, "No matching log entries.\n"}});
+  sqlite3_open(locked.c_str(), &holder);
+  sqlite3_stmt* mode = nullptr;
+  sqlite3_prepare_v2(holder, "PRAGMA journal_mode;", -1, &mode, nullptr);
+  ASSERT_EQ(sqlite3_step(mode), SQLITE_ROW);
+  EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(mode, 0)), "delete");
+  sqlite3_finalize(mode);
+  sqlite3_close(holder);
+}
+
+// A database in a folder the viewer's user may not write: read with its
+// writer's open write-ahead log, and as stored once the writer is gone.
+// Run as the user "nobody" when the test runs as root.
+TEST_F(LogViewTest, ReadsADatabaseOfAnotherUser) {
+  const bool root = geteuid() == 0;
+  auto viewer = [&] {
+    std::vector<std::string> args{QMLOGVIEW_PATH, "--db", m_db, "--module", "agent"};
+    if (!root) return ChildProcess(QMLOGVIEW_PATH, {args.begin() + 1, args.end()});
+    args.insert(args.begin(), {"--reuid=65534", "--regid=65534", "--clear-groups"});
+    return ChildProcess("/usr/bin/setpriv", args);
+  };
+  auto lock = [&](bool locked) { chmod(m_dir.c_str(), locked && !root ? 0555 : 0755); };
+  const std::string table =
+      Table(6, {{"22:13:21", "agent", "INFO", "second"}, {"22:13:20", "agent", "INFO", "first"}});
+  auto writer = std::make_unique<QmLogSQLiteProcessor>(m_db, true);
+  ASSERT_TRUE(writer->writeLogRecord("agent", "first", kBase, 3, "f", 1));
+  ASSERT_TRUE(writer->writeLogRecord("agent", "second", kBase + 1, 3, "f", 2));
+  lock(true);
+  ChildProcess alongside = viewer();
+  EXPECT_EQ(alongside.Finish(), 0) << alongside.err;
+  EXPECT_EQ(alongside.out, table);
+  EXPECT_EQ(alongside.err, "");
+  lock(false);
+  writer.reset();
+  lock(true);
+  ChildProcess alone = viewer();
+  EXPECT_EQ(alone.Finish(), 0) << alone.err;
+  EXPECT_EQ(alone.out, table);
+  EXPECT_NE(alone.err.find("showing it as stored on disk"), std::string::npos) << alone.err;
+  lock(false);
 }
 
 }  // namespace
