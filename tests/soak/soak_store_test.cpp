@@ -28,8 +28,16 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Reports = QmMessengerReportsMngrInterface;
 
+#ifdef QM_SOAK_SANITIZED
+// Sanitizer builds run several times slower.
+const int kMessages = 1000;
+const int kRandomRounds = 2;
+const int kScale = 10;
+#else
 const int kMessages = 2000;
 const int kRandomRounds = 3;
+const int kScale = 1;
+#endif
 const int kPushers = 4;
 
 // A soak_host process with a pipe to its input and one from its output.
@@ -327,7 +335,7 @@ class StoreMemorySoakTest : public SoakDriverTest, public ::testing::WithParamIn
     SoakDriverTest::SetUp();
   }
   static bool Full() { return std::getenv("QM_SOAK_FULL") != nullptr; }
-  static int Messages() { return Full() ? 1000000 : 100000; }
+  static int Messages() { return (Full() ? 1000000 : 100000) / kScale; }
   static int Limit() { return Messages() / 10; }
   long StoreKiB() {
     long bytes = 0;
