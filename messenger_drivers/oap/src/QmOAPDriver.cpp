@@ -203,8 +203,10 @@ bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
     FinalizeClient();
     std::string address(conf->ListenerAddress,
                         strnlen(conf->ListenerAddress, sizeof(conf->ListenerAddress)));
-    OAPLoggerProxy* proxy = OAPLoggerProxy::Instance();
-    proxy->Attach(Logger);
+    // Without a host logger the components get none either, so that they do
+    // not build lines nobody reads.
+    OAPLoggerProxy* proxy = Logger != nullptr ? OAPLoggerProxy::Instance() : nullptr;
+    OAPLoggerProxy::Instance()->Attach(Logger);
     auto client = std::make_shared<OAPClient>(static_cast<int>(port), address);
     client->SetMessageStore(OpenStore(), m_settings.retentionMinutes, m_settings.limit);
     result = client->Initialize(proxy, "");
