@@ -1,12 +1,13 @@
 // The plug-in as a host drives it, against the loopback OAP server: outbound
-// sends and inbound answers beside raw-socket baselines doing the same
-// exchanges, the same with the message store in a file beside the store in
-// memory, the memory kept per accepted message and the CPU of an idle
-// driver.
+// sends, inbound answers and the first answer after a quiet spell beside
+// raw-socket baselines doing the same exchanges, the same sends and answers
+// with the message store in a file beside the store in memory, the memory
+// kept per accepted message and the CPU of an idle driver.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -33,6 +34,7 @@ const int kAnswerBatch = 200;
 const int kMemoryWarmUp = 2000;
 const int kMemoryMessages = 20000;
 const auto kAnswerWait = std::chrono::seconds(30);
+const auto kQuietSpell = std::chrono::seconds(5);
 
 int FreeLoopbackPort() {
   LoopbackServer probe(LoopbackServer::Sink);
@@ -219,16 +221,12 @@ void BM_Outbound(benchmark::State& state) {
 
 // One batch of the inbound figures: kAnswerBatch interactive messages sent
 // (untimed, in Prepare), then one answer per message pushed to the driver's
-// listener, one connection each, until every answer is visible through the
-// query (Run).
+// listener on a short connection of its own, as an OAP server does (connect,
+// write, half-close, wait for the driver to close), until every answer is
+// visible through the query (Run).
 class AnswerBatch {
  public:
-  explicit AnswerBatch(Plugin& plugin) : m_plugin(plugin) {
-    // A listener that found nothing for a second pauses a second before it
-    // accepts again; one document for no known message wakes it first, so
-    // the batches measure the steady flow.
-    PushDocument(plugin.listenerPort, OptionAnswer("0"));
-  }
+  explicit AnswerBatch(Plugin& plugin) : m_plugin(plugin) {}
 
   void Prepare() {
     jobs.clear();
@@ -259,14 +257,12 @@ class AnswerBatch {
   Plugin& m_plugin;
 };
 
-// Answers through the plug-in against a raw accept-and-read loop fed the same
-// documents; with echo:1 that loop also makes the one exchange with the OAP
-// server that the driver makes for every answer (the "You replied:" update).
+// Answers through the plug-in against a raw accept-read loop fed the same
+// documents that also makes the one exchange with the OAP server that the
+// driver makes for every answer (the "You replied:" update).
 void BM_Inbound(benchmark::State& state) {
   Plugin& plugin = Plugin::Get();
-  const bool echo = state.range(0) != 0;
-  LoopbackServer sink(LoopbackServer::Sink, echo ? plugin.server.Port() : 0,
-                      echo ? plugin.SampleRequest() : "");
+  LoopbackServer sink(LoopbackServer::Sink, plugin.server.Port(), plugin.SampleRequest());
   AnswerBatch batch(plugin);
   PairedRun run;
   run.operationsPerCall = kAnswerBatch;
@@ -319,6 +315,75 @@ void BM_StoreInbound(benchmark::State& state) {
   RunPaired(state, run);
 }
 
+double Percentile(std::vector<double> values, double fraction) {
+  std::sort(values.begin(), values.end());
+  const size_t index = static_cast<size_t>(fraction * static_cast<double>(values.size() - 1) + 0.5);
+  return values[index];
+}
+
+double MillisecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+      .count();
+}
+
+// The first answer after a quiet spell: the listener and its workers have
+// had nothing to do for kQuietSpell when an answer comes. Measured from the
+// connect that carries the answer until Send2WayRespQuery hands the job
+// back. The baseline is a raw accept-read loop, quiet for the same spell,
+// from the connect until it has read the document. Samples: 200 unless
+// QM_BENCH_LATENCY_SAMPLES says otherwise (each takes the spell).
+void BM_FirstAnswerLatency(benchmark::State& state) {
+  Plugin& plugin = Plugin::Get();
+  LoopbackServer sink(LoopbackServer::Sink);
+  const char* samplesText = std::getenv("QM_BENCH_LATENCY_SAMPLES");
+  const int samples = samplesText != nullptr ? std::max(1, std::atoi(samplesText)) : 200;
+  std::vector<double> driver;
+  std::vector<double> raw;
+  for (auto _ : state) {
+    for (int i = 0; i < samples; ++i) {
+      QmReferenceJob job;
+      plugin.Address(job, "quiet-" + std::to_string(i));
+      if (!plugin.Send(job)) {
+        state.SkipWithError(plugin.lastError.c_str());
+        return;
+      }
+      const std::string answer = OptionAnswer(Hex(job.GetTrackingReceipt()));
+      std::this_thread::sleep_for(kQuietSpell);
+
+      auto start = std::chrono::steady_clock::now();
+      PushShort(plugin.listenerPort, answer);
+      const auto deadline = start + kAnswerWait;
+      while (job.Status != QmMessengerReportsMngrInterface::REPLIED &&
+             std::chrono::steady_clock::now() < deadline) {
+        plugin.Query(job);
+        if (job.Status != QmMessengerReportsMngrInterface::REPLIED) {
+          std::this_thread::sleep_for(std::chrono::microseconds(50));
+        }
+      }
+      driver.push_back(MillisecondsSince(start));
+      plugin.DrainQueue();
+      if (job.Status != QmMessengerReportsMngrInterface::REPLIED) {
+        state.SkipWithError("an answer after a quiet spell did not arrive in time");
+        return;
+      }
+
+      // The raw loop has been quiet for as long.
+      const unsigned long served = sink.Served();
+      start = std::chrono::steady_clock::now();
+      PushShort(sink.Port(), answer);
+      while (sink.Served() == served && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+      }
+      raw.push_back(MillisecondsSince(start));
+    }
+  }
+  state.counters["p50_ms"] = Percentile(driver, 0.50);
+  state.counters["p99_ms"] = Percentile(driver, 0.99);
+  state.counters["baseline_p50_ms"] = Percentile(raw, 0.50);
+  state.counters["baseline_p99_ms"] = Percentile(raw, 0.99);
+  state.counters["samples"] = static_cast<double>(driver.size());
+}
+
 // Resident memory before and after a run of accepted messages, with freed
 // heap handed back first so only what is kept counts.
 long SettledResidentBytes() {
@@ -369,12 +434,11 @@ void BM_IdleDriverCpu(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_Outbound)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Inbound)
-    ->ArgName("echo")
-    ->Arg(0)
-    ->Arg(1)
+BENCHMARK(BM_Inbound)->UseRealTime()->Iterations(4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FirstAnswerLatency)
     ->UseRealTime()
-    ->Iterations(4)
+    ->Iterations(1)
+    ->Repetitions(1)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StoreOutbound)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_StoreInbound)->UseRealTime()->Iterations(4)->Unit(benchmark::kMillisecond);

@@ -161,6 +161,14 @@ bool PushDocument(int port, const std::string& document) {
   return written;
 }
 
+bool PushShort(int port, const std::string& document) {
+  const int fd = Connect(port);
+  if (fd < 0) return false;
+  const bool written = WriteAll(fd, document);
+  close(fd);
+  return written;
+}
+
 long ResidentBytes() {
   long pages = 0;
   long resident = 0;

@@ -56,6 +56,11 @@ long RawExchange(int port, const std::string& request);
 // connection or the write failed.
 bool PushDocument(int port, const std::string& document);
 
+// An OAP server's short connection: connect, write the document, close,
+// without waiting for the peer. False when the connection or the write
+// failed.
+bool PushShort(int port, const std::string& document);
+
 // Resident memory of this process in bytes.
 long ResidentBytes();
 

@@ -6,6 +6,7 @@ add_library(qm_oap_engine OBJECT
   messenger_drivers/oap/src/OAPMessageServiceHandler.cpp
   messenger_drivers/oap/src/OAPDeviceController.cpp
   messenger_drivers/oap/src/OAPDeviceRegistrar.cpp
+  messenger_drivers/oap/src/OAPDocumentFramer.cpp
   messenger_drivers/oap/src/OAPConnectionHandler.cpp
   messenger_drivers/oap/src/OAPListener.cpp
   messenger_drivers/oap/src/OAPClient.cpp

@@ -8,10 +8,18 @@
 #include "QmLogInterface.h"
 #include "Qmobject.h"
 
+struct pollfd;
 class QmioSocketEventHandler;
 
+// poll() that goes on waiting for the rest of the time when a signal
+// interrupts it. -1 waits without limit; any other negative time-out is 0.
+// Returns poll's result (-1 only for a failure other than EINTR).
+int QmPollRestarting(pollfd* entries, unsigned int count, int timeoutMs);
+
 // A blocking IPv4 socket: time-limited reads, whole-buffer writes and traffic
-// tracing ("=> %s" received, "<= %s" sent) through an optional logger.
+// tracing ("=> %s" received, "<= %s" sent) through an optional logger. Waits
+// use poll, so any descriptor number works; a signal never ends a wait, read
+// or write (EINTR is restarted).
 // Failures throw QmioException whose path is the remote end.
 // The socket owns its event handler (deleted with the socket); the logger is
 // not owned. One thread uses a socket at a time.
@@ -38,7 +46,8 @@ class QmioSocket : public Qmobject {
   static bool InitialLibrary();
   static bool CloseLibrary();
 
-  // -1 waits without limit.
+  // Any descriptor number. -1 waits without limit; any other negative
+  // time-out is 0. A signal does not end the wait.
   SocketStatus Wait(bool read, bool write, int timeoutMs);
   // One recv of at most `size` bytes; -1 with status 35 on time-out.
   int Read(unsigned char* buffer, unsigned int size, int timeoutMs, SocketStatus& status,

@@ -1,6 +1,8 @@
 #ifndef QM_RUNTIME_QMIOSOCKETLISTENER_H
 #define QM_RUNTIME_QMIOSOCKETLISTENER_H
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -11,10 +13,14 @@ class QmioSocket;
 class QmioSocketEventHandler;
 class QmioSocketPool;
 
-// A TCP server as a thread module: its thread accepts connections (polling
-// once a second), asks the derived class whether to take each one and which
-// handler to give it, and hands it to a socket pool whose workers run the
-// handlers. Owns the listening socket and the pool.
+// A TCP server as a thread module: its thread accepts connections (each as
+// soon as it arrives), asks the derived class whether to take each one and
+// which handler to give it, and hands it to a socket pool whose workers run
+// the handlers. When the pool is full the listener makes room (see
+// QmioSocketPool::AddSocketMakingRoom) or waits for it; it never stops
+// accepting while it runs, except when its listening socket stops listening
+// (then its thread ends). A stop request ends the thread within about 0.1 s.
+// Owns the listening socket and the pool.
 class QmioSocketListener : public QmThreadModule {
  public:
   QmioSocketListener(int socketLimit, int threadCount);
@@ -35,6 +41,12 @@ class QmioSocketListener : public QmThreadModule {
 
   // The bound port, or -1 before Listen.
   int GetListeningPort() const;
+  // How long a connection may wait without sending anything before it is
+  // closed (30000 ms unless set); takes effect at once.
+  void SetIdleTimeout(int timeoutMs);
+  // Whether the accept loop has ended (a stop request, or a listening socket
+  // that stopped listening). Cheap enough to ask on every host call.
+  bool HasEnded() const { return m_ended.load(); }
 
  private:
   bool AcceptOnce();
@@ -42,6 +54,9 @@ class QmioSocketListener : public QmThreadModule {
 
   int m_threadCount;
   int m_socketLimit;
+  int m_idleTimeoutMs;
+  std::chrono::steady_clock::time_point m_lastStopCheck;
+  std::atomic<bool> m_ended{false};
   std::unique_ptr<QmioServerSocket> m_serverSocket;
   std::unique_ptr<QmioSocketPool> m_pool;
 };

@@ -1,95 +1,93 @@
 #ifndef QM_RUNTIME_QMIOSOCKETPOOL_H
 #define QM_RUNTIME_QMIOSOCKETPOOL_H
 
-#include <sys/select.h>
-
-#include <atomic>
-#include <list>
+#include <cstddef>
 #include <memory>
-#include <mutex>
-#include <set>
 
+#include "QmLogInterface.h"
 #include "QmconDelegate.h"
 #include "QmconEvent.h"
-#include "QmconLock.h"
 #include "QmconThread.h"
-#include "QmconThreadPool.h"
 
 class QmioSocket;
 
-// Holds accepted connections that wait for their first data. One select
-// thread (this object is its work) watches the waiting sockets and hands
-// each one that becomes readable to a worker of the thread pool, which runs
-// the socket's event handler and then deletes the socket. The pool owns the
-// waiting sockets; a handed-over socket belongs to its work item.
+// Holds accepted connections while they wait for data and serves each one
+// that has data on a worker, which runs the socket's event handler. Workers
+// are loops (SockeReadWork) on the threads of a thread pool, started as
+// connections need them; a ready connection wakes exactly one idle loop, and
+// a loop with nothing to serve for 30 s ends. One watch thread (this object
+// is its work) sleeps in epoll on the waiting sockets and a wake-up
+// descriptor, so any descriptor number works and nothing waits on a fixed
+// sleep.
+//
+// Bounds: at most `threadCount` connections are served at once; connections
+// with data beyond that wait in a bounded queue; at most `socketLimit`
+// connections wait without having sent anything, except new ones still
+// within their grace time (250 ms), which may wait up to the queue's bound.
+// A connection that sends nothing for the idle time (30 s unless set) is
+// closed. AddSocketMakingRoom makes room for a new connection by closing the
+// one that has waited longest (past its grace time) without sending anything. After its handler a
+// connection is deleted, or watched again when the handler asked to keep it (see
+// QmioSocketEventHandler::KeepConnection).
+//
+// Ownership: the pool owns the sockets given to it; a socket being served
+// belongs to its worker, which gives it back through Release. The state the
+// workers touch is shared with them, so a late worker never reaches a
+// destroyed pool. All operations are thread-safe.
 class QmioSocketPool : public QmconDelegate {
  public:
-  // The sockets that workers are serving. Stop shuts them down so that their
-  // handlers' reads end and the workers finish by themselves. Shared with the
-  // work items, so it outlives the pool while one of them runs.
-  class ServedSockets {
-   public:
-    // A socket that arrives after ShutdownAll is shut down at once.
-    void Add(QmioSocket* socket);
-    void Remove(QmioSocket* socket);
-    void ShutdownAll();
-
-   private:
-    std::mutex m_mutex;
-    std::set<QmioSocket*> m_sockets;
-    bool m_shutDown = false;
-  };
+  class Core;  // the state shared with the work items
 
   QmioSocketPool();
   ~QmioSocketPool() override;  // stops the pool when it still runs
   QmioSocketPool(const QmioSocketPool&) = delete;
   QmioSocketPool& operator=(const QmioSocketPool&) = delete;
 
+  // Starts the watch thread; throws QmioException "Socket Pool Create
+  // Failed" (path "SocketPool") when its descriptors cannot be made.
   bool Initialize(int socketLimit, int threadCount);
-  // 0 when added, the lock's failure code otherwise; throws QmioException
-  // "Too Many Sockets" (path "SocketPool") when the limit is reached.
+  // Where evicted and idle connections are reported (not owned).
+  void SetLogger(QmLogInterface* logger);
+  void SetIdleTimeout(int timeoutMs);
+
+  // 0 when added; throws QmioException "Too Many Sockets" (path
+  // "SocketPool") when `socketLimit` connections already wait.
   int AddSocket(QmioSocket* socket);
+  // Adds an accepted connection; when the pool is full, closes the
+  // connection that has waited longest without sending anything (logged at
+  // warning level) to make room. When none can be closed yet, waits up to
+  // `timeoutMs` for room and returns false: the socket was not added and is
+  // still the caller's. A stopped pool takes the socket and closes it.
+  bool AddSocketMakingRoom(QmioSocket* socket, int timeoutMs);
+  // Takes a waiting socket out of the pool (not deleted) and returns it.
   QmioSocket* RemoveSocket(QmioSocket* socket);
-  // True while the number of waiting sockets is at most the limit.
+  // True while the number of waiting sockets is at most the limit (where
+  // AddSocket refuses at the limit: kept so).
   bool HaveAvailableSpot();
-  // Stops the workers, ends the select thread and deletes waiting sockets.
+  std::size_t WaitingCount();
+  // Closes the waiting connections, shuts down the served ones so that
+  // their handlers end, ends the watch thread and stops the workers within
+  // about `timeoutMs`.
   bool Stop(int timeoutMs);
 
-  // The select loop, run on the select thread.
+  // The watch loop, run on the watch thread.
   void DoWork(void* data) override;
-  // Fills the read set; returns the highest socket descriptor, or -1.
-  int BuildSelectList();
-  // Hands every readable socket to a worker.
-  void ReadSockets();
 
-  std::size_t WaitingCount();
+  // For the pool's worker loops (SockeReadWork): the next connection to
+  // serve (null when the loop is to end); a served connection given back,
+  // which the pool watches again when `keep` (and it still runs) and deletes
+  // otherwise; the end of a loop.
+  static QmioSocket* TakeNext(const std::shared_ptr<Core>& core);
+  static void Release(const std::shared_ptr<Core>& core, QmioSocket* socket, bool keep);
+  static void WorkerEnded(const std::shared_ptr<Core>& core);
 
  private:
-  static bool CanSelect(int descriptor);
-  void HandOver(QmioSocket* socket);
-  bool SelectOnce(int highest);
-  void Wake();
-  void DrainWakePipe();
-  void IdleSleep();
-  void WaitForSelectThreadEnd();
-  void DeleteWaitingSockets();
+  void WaitForWatchThreadEnd();
 
-  int m_socketLimit = 0;
-  std::list<QmioSocket*> m_sockets;
-  QmconThreadPool m_workers;
-  QmconLock m_lock;
-  QmconThread m_selectThread;
-  fd_set m_readSet;
-
-  // The select thread leaves its loop on this flag (it is not suspended, which
-  // would leave it blocked for ever). The wake pipe and the wake event cut its
-  // select and its idle sleep short when a socket arrives or the pool stops;
-  // the finished event tells Stop that it has left.
-  std::atomic<bool> m_stopping{false};
-  bool m_running = false;
-  int m_wakePipe[2] = {-1, -1};
+  std::shared_ptr<Core> m_core;
+  QmconThread m_watchThread;
   QmconEvent m_finished{true};
-  std::shared_ptr<ServedSockets> m_served;
+  bool m_running = false;
 };
 
 #endif

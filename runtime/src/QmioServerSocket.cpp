@@ -3,7 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,6 +19,22 @@
 namespace {
 
 const int kBacklog = 128;
+
+bool IsResourceOrSocketError(int error) {
+  switch (error) {
+    case EMFILE:
+    case ENFILE:
+    case ENOBUFS:
+    case ENOMEM:
+    case EBADF:
+    case EINVAL:
+    case ENOTSOCK:
+    case EOPNOTSUPP:
+      return true;
+    default:
+      return false;
+  }
+}
 
 }  // namespace
 
@@ -47,6 +63,10 @@ void QmioServerSocket::Listen(const std::string& host, int port, bool noDelay) {
   const int previous = m_socket.exchange(fd);
   if (previous >= 0) close(previous);
 
+  // A restart binds again at once, even while connections the listener
+  // closed itself still wait out their time on this port.
+  const int reuse = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
   if (bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) < 0) {
     QMIO_THROW(m_hostName, "Socket Bind Failed");
   }
@@ -60,31 +80,34 @@ void QmioServerSocket::Listen(const std::string& host, int port, bool noDelay) {
 QmioAcceptedSocket* QmioServerSocket::Accept(int timeoutMs) {
   const int fd = m_socket.load();
   if (fd < 0) return nullptr;  // shut down
-  if (timeoutMs == -1) return DoAccept(fd);
-  // select cannot watch descriptors outside its fixed-size sets.
-  if (fd >= FD_SETSIZE) QMIO_THROW(m_hostName, "Socket Select Failed");
-
-  fd_set readSet;
-  FD_ZERO(&readSet);
-  FD_SET(fd, &readSet);
-  timeval limit;
-  limit.tv_sec = timeoutMs / 1000;
-  limit.tv_usec = (timeoutMs % 1000) * 1000;
-  const int rc = select(fd + 1, &readSet, nullptr, nullptr, &limit);
-  if (rc > 0) return DoAccept(fd);
-  if (rc == 0 || errno == EINTR) return nullptr;
-  if (m_socket.load() < 0) return nullptr;  // shut down by another thread meanwhile
-  QMIO_THROW(m_hostName, "Socket Select Failed");
+  if (timeoutMs != -1) {
+    pollfd entry{fd, POLLIN, 0};
+    const int rc = QmPollRestarting(&entry, 1, timeoutMs);
+    if (rc == 0) return nullptr;
+    if (rc < 0 || (entry.revents & POLLNVAL)) {
+      if (m_socket.load() < 0) return nullptr;  // shut down by another thread meanwhile
+      QMIO_THROW(m_hostName, "Socket Select Failed");
+    }
+  }
+  return DoAccept(fd);
 }
 
 QmioAcceptedSocket* QmioServerSocket::DoAccept(int descriptor) {
   sockaddr_in peer;
   socklen_t peerLength = sizeof(peer);
   std::memset(&peer, 0, sizeof(peer));
-  const int fd = accept(descriptor, reinterpret_cast<sockaddr*>(&peer), &peerLength);
-  // A failed accept (the socket was shut down meanwhile, or the peer gave up
-  // before being taken) yields nothing rather than a socket without descriptor.
-  if (fd < 0) return nullptr;
+  int fd;
+  do {
+    fd = accept4(descriptor, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_CLOEXEC);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) {
+    // A peer that gave up before it was taken, or a socket shut down
+    // meanwhile, yields nothing; running out of descriptors or memory, or a
+    // socket that no longer listens, is a failure the caller must see
+    // (the listening socket stays readable, so it would come back at once).
+    if (m_socket.load() < 0 || !IsResourceOrSocketError(errno)) return nullptr;
+    QMIO_THROW(m_hostName, "Socket Accept Failed");
+  }
   char text[INET_ADDRSTRLEN] = {0};
   inet_ntop(AF_INET, &peer.sin_addr, text, sizeof(text));
   QmioAcceptedSocket* accepted = new QmioAcceptedSocket(fd, text);
@@ -92,6 +115,14 @@ QmioAcceptedSocket* QmioServerSocket::DoAccept(int descriptor) {
     m_handler->OnSocketEvent(accepted, QmioSocketEventHandler::EVENT_ACCEPTED, this);
   }
   return accepted;
+}
+
+bool QmioServerSocket::IsListening() const {
+  const int fd = m_socket.load();
+  int listening = 0;
+  socklen_t length = sizeof(listening);
+  return fd >= 0 && getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0 &&
+         listening != 0;
 }
 
 bool QmioServerSocket::Shutdown() {

@@ -3,11 +3,12 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -27,6 +28,26 @@ const unsigned int kFormatBufferSize = 4096;
 const size_t kTillChunk = 1022;
 
 }  // namespace
+
+int QmPollRestarting(pollfd* entries, unsigned int count, int timeoutMs) {
+  if (timeoutMs < -1) timeoutMs = 0;
+  if (timeoutMs == -1) {
+    int rc;
+    do {
+      rc = poll(entries, count, -1);
+    } while (rc < 0 && errno == EINTR);
+    return rc;
+  }
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+  for (;;) {
+    const int rc = poll(entries, count, timeoutMs);
+    if (rc >= 0 || errno != EINTR) return rc;
+    // Interrupted by a signal: wait on for the time that is left.
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    timeoutMs = left.count() > 0 ? static_cast<int>(left.count()) : 0;
+  }
+}
 
 QmioSocket::QmioSocket() : m_lastActive(time(nullptr)) {}
 
@@ -57,43 +78,37 @@ bool QmioSocket::CloseLibrary() {
 }
 
 QmioSocket::SocketStatus QmioSocket::Wait(bool read, bool write, int timeoutMs) {
-  // select cannot watch descriptors outside its fixed-size sets.
-  if (m_socket < 0 || m_socket >= FD_SETSIZE) return SOCKET_FAILED;
-  fd_set readSet;
-  fd_set writeSet;
-  FD_ZERO(&readSet);
-  FD_ZERO(&writeSet);
-  if (read) FD_SET(m_socket, &readSet);
-  if (write) FD_SET(m_socket, &writeSet);
-  timeval limit;
-  limit.tv_sec = timeoutMs / 1000;
-  limit.tv_usec = (timeoutMs % 1000) * 1000;
-  timeval* limitPtr = (timeoutMs == -1) ? nullptr : &limit;
-
-  int rc;
-  for (;;) {
-    rc = select(m_socket + 1, &readSet, &writeSet, nullptr, limitPtr);
-    if (rc >= 0) break;
-    if (errno == EINTR) return SOCKET_FAILED;
-    // Any other failure is retried with the time value select left behind.
-    if (read) FD_SET(m_socket, &readSet);
-    if (write) FD_SET(m_socket, &writeSet);
-  }
+  if (m_socket < 0) return SOCKET_FAILED;
+  pollfd entry{m_socket, static_cast<short>((read ? POLLIN : 0) | (write ? POLLOUT : 0)), 0};
+  const int rc = QmPollRestarting(&entry, 1, timeoutMs);
+  if (rc < 0) return SOCKET_FAILED;
   if (rc == 0) return SOCKET_TIMEOUT;
-  if (FD_ISSET(m_socket, &readSet)) return SOCKET_READ_READY;
-  if (FD_ISSET(m_socket, &writeSet)) return SOCKET_WRITE_READY;
+  if (entry.revents & POLLNVAL) return SOCKET_FAILED;
+  // A hang-up or error makes the socket readable: the read that follows
+  // reports the close or the failure.
+  if (read && (entry.revents & (POLLIN | POLLHUP | POLLERR))) return SOCKET_READ_READY;
+  if (write && (entry.revents & POLLOUT)) return SOCKET_WRITE_READY;
   return SOCKET_FAILED;
 }
 
 int QmioSocket::Read(unsigned char* buffer, unsigned int size, int timeoutMs, SocketStatus& status,
                      bool quiet) {
   status = SOCKET_READ_READY;
-  if (timeoutMs != -1) {
+  // Without a time to wait, a read that would block is the time-out itself.
+  const int flags = (timeoutMs == 0 || timeoutMs < -1) ? MSG_DONTWAIT : 0;
+  if (timeoutMs > 0) {
     status = Wait(true, false, timeoutMs);
     if (status != SOCKET_READ_READY) return -1;
   }
+  ssize_t received;
+  do {
+    received = recv(m_socket, buffer, size, flags);
+  } while (received < 0 && errno == EINTR);
+  if (received < 0 && flags != 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+    status = SOCKET_TIMEOUT;
+    return -1;
+  }
   m_lastActive = time(nullptr);
-  const ssize_t received = recv(m_socket, buffer, size, 0);
   if (received < 0) {
     status = SOCKET_FAILED;
     QMIO_THROW(m_remoteAddress, "Socket Read Error");
@@ -134,7 +149,10 @@ std::string QmioSocket::ReadLine(SocketStatus& status, int maxLength) {
   line.reserve(reserved);
   for (;;) {
     char byte = 0;
-    const ssize_t rc = recv(m_socket, &byte, 1, 0);
+    ssize_t rc;
+    do {
+      rc = recv(m_socket, &byte, 1, 0);
+    } while (rc < 0 && errno == EINTR);
     if (rc < 0) {
       status = SOCKET_FAILED;
       break;
@@ -187,6 +205,7 @@ int QmioSocket::Write(unsigned char* data, unsigned int size) {
   while (sent < size) {
     // MSG_NOSIGNAL: a peer that went away must not raise SIGPIPE.
     const ssize_t rc = send(m_socket, data + sent, size - sent, MSG_NOSIGNAL);
+    if (rc < 0 && errno == EINTR) continue;
     if (rc < 0) QMIO_THROW(m_remoteAddress, "Socket Write Error");
     sent += static_cast<unsigned int>(rc);
   }

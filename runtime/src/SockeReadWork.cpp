@@ -4,39 +4,57 @@
 
 namespace {
 
-// Lists the socket as served for as long as its handler runs, including the
-// unwinding of a worker ended by a signal.
-class ServedEntry {
+// Gives the socket back to the pool however the handler ends, including the
+// unwinding of a worker ended while the handler runs.
+class ReleaseOnExit {
  public:
-  ServedEntry(QmioSocketPool::ServedSockets* served, QmioSocket* socket)
-      : m_served(served), m_socket(socket) {
-    if (m_served != nullptr) m_served->Add(m_socket);
-  }
-  ~ServedEntry() {
-    if (m_served != nullptr) m_served->Remove(m_socket);
-  }
-  ServedEntry(const ServedEntry&) = delete;
-  ServedEntry& operator=(const ServedEntry&) = delete;
+  ReleaseOnExit(const std::shared_ptr<QmioSocketPool::Core>& pool, QmioSocket* socket)
+      : m_pool(pool), m_socket(socket) {}
+  ~ReleaseOnExit() { QmioSocketPool::Release(m_pool, m_socket, m_keep); }
+  ReleaseOnExit(const ReleaseOnExit&) = delete;
+  ReleaseOnExit& operator=(const ReleaseOnExit&) = delete;
+
+  void Keep(bool keep) { m_keep = keep; }
 
  private:
-  QmioSocketPool::ServedSockets* m_served;
+  const std::shared_ptr<QmioSocketPool::Core>& m_pool;
   QmioSocket* m_socket;
+  bool m_keep = false;
+};
+
+// Tells the pool that its worker loop ends, however it ends.
+class LoopEndOnExit {
+ public:
+  explicit LoopEndOnExit(const std::shared_ptr<QmioSocketPool::Core>& pool) : m_pool(pool) {}
+  ~LoopEndOnExit() { QmioSocketPool::WorkerEnded(m_pool); }
+  LoopEndOnExit(const LoopEndOnExit&) = delete;
+  LoopEndOnExit& operator=(const LoopEndOnExit&) = delete;
+
+ private:
+  const std::shared_ptr<QmioSocketPool::Core>& m_pool;
 };
 
 }  // namespace
 
-SockeReadWork::SockeReadWork(QmioSocket* socket,
-                             std::shared_ptr<QmioSocketPool::ServedSockets> served)
-    : m_socket(socket), m_served(std::move(served)) {}
+SockeReadWork::SockeReadWork(QmioSocket* socket, std::shared_ptr<QmioSocketPool::Core> pool)
+    : m_socket(socket), m_pool(std::move(pool)) {}
 
 SockeReadWork::~SockeReadWork() = default;
 
 void SockeReadWork::DoWork(void* data) {
-  // The socket is released even when the worker is ended while the handler
-  // runs: the unwinding destroys the owning pointer.
-  std::unique_ptr<QmioSocket> socket(std::move(m_socket));
-  if (socket == nullptr || socket->GetEventHandler() == nullptr) return;
-  ServedEntry entry(m_served.get(), socket.get());
-  socket->GetEventHandler()->OnSocketEvent(socket.get(), QmioSocketEventHandler::EVENT_DATA_READY,
-                                           data);
+  if (m_pool == nullptr) {
+    if (m_socket != nullptr) Serve(m_socket.release(), data);
+    return;
+  }
+  LoopEndOnExit loopEnd(m_pool);
+  if (m_socket != nullptr) Serve(m_socket.release(), data);
+  while (QmioSocket* socket = QmioSocketPool::TakeNext(m_pool)) Serve(socket, data);
+}
+
+void SockeReadWork::Serve(QmioSocket* socket, void* data) {
+  ReleaseOnExit release(m_pool, socket);
+  QmioSocketEventHandler* handler = socket->GetEventHandler();
+  if (handler == nullptr) return;
+  handler->OnSocketEvent(socket, QmioSocketEventHandler::EVENT_DATA_READY, data);
+  release.Keep(handler->KeepConnection());
 }

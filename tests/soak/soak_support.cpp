@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -136,7 +137,7 @@ void LoopbackOapServer::ServeOne(int fd) {
       break;
     case Mode::kOversized:
       SendAll(fd, answer.insert(answer.find("</Status>"),
-                                "<Text>" + std::string(2100, 'x') + "</Text>"));
+                                "<Text>" + std::string(70 * 1024, 'x') + "</Text>"));
       break;
   }
   shutdown(fd, SHUT_WR);
@@ -188,6 +189,41 @@ size_t DescriptorCount() {
     closedir(open);
   }
   return count - 1;  // the folder read itself
+}
+
+int ConnectLoopback(int port) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address = FakeOapServer::Loopback(port);
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+    return fd;
+  }
+  if (fd >= 0) close(fd);
+  return -1;
+}
+
+bool WriteAll(int fd, const std::string& text) {
+  size_t sent = 0;
+  while (sent < text.size()) {
+    const ssize_t rc = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+    if (rc <= 0) return false;
+    sent += static_cast<size_t>(rc);
+  }
+  return true;
+}
+
+bool PushShort(int port, const std::string& document) {
+  const int fd = ConnectLoopback(port);
+  if (fd < 0) return false;
+  const bool written = WriteAll(fd, document);
+  close(fd);
+  return written;
+}
+
+bool RaiseDescriptorLimit(rlim_t count) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_max < count) return false;
+  limit.rlim_cur = std::max(limit.rlim_cur, count);
+  return setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }
 
 size_t ThreadCount() {

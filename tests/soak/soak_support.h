@@ -1,6 +1,7 @@
 #ifndef QM_TESTS_SOAK_SOAK_SUPPORT_H
 #define QM_TESTS_SOAK_SOAK_SUPPORT_H
 
+#include <sys/resource.h>
 #include <atomic>
 #include <cstdlib>
 #include <map>
@@ -24,6 +25,25 @@ inline std::string AnswerDoc(const std::string& hexId, const std::string& versio
 inline std::string Hex(const std::string& decimal) {
   return Hex(std::strtoul(decimal.c_str(), nullptr, 10));
 }
+
+// Counts for the soak runs: smaller under the sanitizers, which run every
+// test many times slower.
+#ifdef QM_SOAK_SANITIZED
+const int kSoakScale = 2;
+#else
+const int kSoakScale = 1;
+#endif
+
+// A loopback connection to `port`, -1 when it cannot be made.
+int ConnectLoopback(int port);
+// Writes all of `text`; false when the connection failed.
+bool WriteAll(int fd, const std::string& text);
+// An OAP server's short connection: connect, write the document, close,
+// without waiting for the driver.
+bool PushShort(int port, const std::string& document);
+// Lets this process open at least `count` descriptors; false when the hard
+// limit is lower.
+bool RaiseDescriptorLimit(rlim_t count);
 
 // Threads of this process; the second waits (bounded) until they are at most
 // `limit`, since ended threads leave on their own.
@@ -49,7 +69,7 @@ class LoopbackOapServer {
     kSilent,     // nothing until the driver gives up
     kSplit,      // the first bytes of an acceptance; the rest once the driver closed
     kGarbage,    // the opening of a response, then noise
-    kOversized,  // a valid acceptance padded past 2000 bytes
+    kOversized,  // a valid acceptance padded past 64 KiB
   };
 
   explicit LoopbackOapServer(int threads = 1) : m_threadCount(threads) { Start(0); }

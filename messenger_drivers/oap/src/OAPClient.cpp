@@ -1,5 +1,7 @@
 #include "OAPClient.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -9,6 +11,7 @@
 #include "OAPBlock.h"
 #include "OAPDeviceController.h"
 #include "OAPDeviceRegistrar.h"
+#include "OAPDocumentFramer.h"
 #include "OAPListener.h"
 #include "OAPMessageStore.h"
 #include "OAPMessageSweeper.h"
@@ -16,14 +19,18 @@
 #include "QmException.h"
 #include "QmString.h"
 #include "QmioClientSocket.h"
+#include "QmioException.h"
 
 namespace {
 
 const char kSource[] = "messenger_drivers/oap/src/OAPClient";
-// One read of the server's answer: at most this many bytes, waiting at most
-// this long.
-const unsigned int kAnswerLimit = 2000;
+// The server's answer: read until it is one whole document, the server
+// closes, or this time has passed since the first read began.
 const int kAnswerTimeoutMs = 2000;
+const unsigned int kAnswerPiece = 4096;
+// Pauses between attempts to start a listener that stopped by itself.
+const int kFirstRestartPauseMs = 1000;
+const int kLastRestartPauseMs = 60000;
 
 const uint32_t kBlockBits = 16;
 const uint32_t kBlockLast = 0xffff;
@@ -38,6 +45,34 @@ uint32_t RandomBlockBase() {
 uint32_t RandomTrackingBase() {
   srand(static_cast<unsigned>(time(nullptr)));
   return RandomBlockBase();
+}
+
+// Reads the answer to a request that was written. A failure of the first
+// read passes to the caller; later ones end the answer with what came.
+std::string ReadAnswer(QmioSocket& socket) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kAnswerTimeoutMs);
+  OAPDocumentFramer framer;
+  std::string received;
+  std::string document;
+  unsigned char buffer[kAnswerPiece];
+  for (int timeoutMs = kAnswerTimeoutMs; timeoutMs >= 0;) {
+    QmioSocket::SocketStatus status = QmioSocket::SOCKET_DONE;
+    int count = -1;
+    try {
+      count = socket.Read(buffer, kAnswerPiece, timeoutMs, status, false);
+    } catch (const QmioException&) {
+      if (received.empty()) throw;
+    }
+    if (count <= 0) break;
+    const std::string piece(reinterpret_cast<char*>(buffer), static_cast<size_t>(count));
+    received += piece;
+    framer.Append(piece);
+    if (framer.Next(document) != OAPDocumentFramer::kNeedMore) break;
+    timeoutMs = static_cast<int>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
+  }
+  return received;
 }
 
 }  // namespace
@@ -68,20 +103,10 @@ bool OAPClient::InitializeSpecial() {
   registry->SetLogger(m_logger);
   registry->AttachClient(weak_from_this());
   if (m_store != nullptr) registry->SetStore(m_store);
+  std::lock_guard<std::recursive_mutex> guard(m_listenerMutex);
   // A second start replaces the listener: the running one is stopped first.
   if (Listener != nullptr) FinalizeSpecial();
-  bool result = false;
-  try {
-    Listener = std::make_unique<OAPListener>();
-    if (!Listener->Initialize(m_logger, "")) QM_THROW("Failed to Initialize OAP Listener");
-    if (!Listener->Listen(Port, Address)) {
-      QM_THROW(QmstringFormat("Failed to Start OAP Listener on '%s:%d'", Address.c_str(), Port));
-    }
-    m_listenerStarted = true;
-    result = true;
-  } catch (const QmException& e) {
-    QM_LOG(m_logger, Error, kSource, QmstringFormat("%s", e.GetMsg().c_str()));
-  }
+  const bool result = StartListener();
   if (result && m_store != nullptr) {
     if (m_sweeper == nullptr) {
       m_sweeper =
@@ -95,7 +120,30 @@ bool OAPClient::InitializeSpecial() {
 
 bool OAPClient::FinalizeSpecial() {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::FinalizeSpecial", "FALSE");
+  std::lock_guard<std::recursive_mutex> guard(m_listenerMutex);
   if (m_sweeper != nullptr) m_sweeper->Stop();
+  const bool result = StopListener();
+  m_listenerDown = false;
+  trace.SetResult(OAPTracer::TrueFalse(result));
+  return result;
+}
+
+bool OAPClient::StartListener() {
+  try {
+    Listener = std::make_unique<OAPListener>();
+    if (!Listener->Initialize(m_logger, "")) QM_THROW("Failed to Initialize OAP Listener");
+    if (!Listener->Listen(Port, Address)) {
+      QM_THROW(QmstringFormat("Failed to Start OAP Listener on '%s:%d'", Address.c_str(), Port));
+    }
+    m_listenerStarted = true;
+    return true;
+  } catch (const QmException& e) {
+    QM_LOG(m_logger, Error, kSource, QmstringFormat("%s", e.GetMsg().c_str()));
+  }
+  return false;
+}
+
+bool OAPClient::StopListener() {
   bool result = false;
   try {
     if (Listener != nullptr && m_listenerStarted) {
@@ -111,8 +159,33 @@ bool OAPClient::FinalizeSpecial() {
   }
   Listener.reset();
   m_listenerStarted = false;
-  trace.SetResult(OAPTracer::TrueFalse(result));
   return result;
+}
+
+bool OAPClient::KeepListenerUp() {
+  using Clock = std::chrono::steady_clock;
+  std::lock_guard<std::recursive_mutex> guard(m_listenerMutex);
+  if (!m_listenerDown) {
+    if (!m_listenerStarted) return false;
+    if (!Listener->HasEnded()) return true;
+    QM_LOG(m_logger, Critical, kSource,
+           QmstringFormat("OAP Listener on '%s:%d' has stopped; starting it again.",
+                          Address.c_str(), Port));
+    m_listenerDown = true;
+    m_restartPauseMs = kFirstRestartPauseMs;
+    m_nextRestart = Clock::now();
+  }
+  if (Clock::now() < m_nextRestart) return false;
+  StopListener();
+  if (StartListener()) {
+    m_listenerDown = false;
+    QM_LOG(m_logger, Info, kSource,
+           QmstringFormat("OAP Listener on '%s:%d' started again.", Address.c_str(), Port));
+    return true;
+  }
+  m_nextRestart = Clock::now() + std::chrono::milliseconds(m_restartPauseMs);
+  m_restartPauseMs = std::min(2 * m_restartPauseMs, kLastRestartPauseMs);
+  return false;
 }
 
 uint32_t OAPClient::NextTrackingNumber() {
@@ -147,6 +220,7 @@ std::shared_ptr<OAPMessageStore> OAPClient::StoreInUse() {
 }
 
 int OAPClient::GetListeningPort() const {
+  std::lock_guard<std::recursive_mutex> guard(m_listenerMutex);
   return Listener != nullptr ? Listener->GetListeningPort() : -1;
 }
 
@@ -217,17 +291,11 @@ OAPBlock* OAPClient::DispatchPayLoad(const std::string& host, int port, OAPBlock
     socket.SetEventLog(m_logger);
     socket.Connect(host, port, QmioSocket::SOCKET_TCP);
     socket.Write(request->Serialize());
-
-    unsigned char buffer[kAnswerLimit];
-    memset(buffer, 0, sizeof buffer);
-    QmioSocket::SocketStatus status = QmioSocket::SOCKET_DONE;
-    const int received = socket.Read(buffer, kAnswerLimit, kAnswerTimeoutMs, status, false);
+    const std::string received = ReadAnswer(socket);
     socket.Close();
 
     // Only the bytes read count, up to the first NUL among them.
-    const char* text = reinterpret_cast<const char*>(buffer);
-    const size_t length = received > 0 ? strnlen(text, static_cast<size_t>(received)) : 0;
-    answer.reset(OAPBlock::Parse(std::string(text, length)));
+    answer.reset(OAPBlock::Parse(received.substr(0, received.find('\0'))));
   }
   trace.SetResult(OAPTracer::TrueFalse(answer == nullptr));
   return answer.release();

@@ -2,6 +2,7 @@
 #define QM_OAP_OAPCLIENT_H
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -59,10 +60,11 @@ class OAPClient : public QmPlainModule, public std::enable_shared_from_this<OAPC
   // Sends an update that shows the message under `tracking` without its
   // options. The result of the send is not reported.
   void WipeOptions(unsigned long tracking);
-  // One exchange: connects, writes the request, reads the answer once (at
-  // most 2000 bytes, 2000 ms) and parses it. Returns a block owned by the
-  // caller, or null when nothing usable came back. Socket exceptions (such
-  // as a refused connection) pass to the caller.
+  // One exchange: connects, writes the request, reads the answer until it is
+  // one whole document (at most 64 KiB), the server closes or 2000 ms have
+  // passed, and parses it. Returns a block owned by the caller, or null when
+  // nothing usable came back. Socket exceptions (such as a refused
+  // connection, or a close before any answer) pass to the caller.
   OAPBlock* DispatchPayLoad(const std::string& host, int port, OAPBlock* request);
 
   // The next tracking number: read, then incremented by one. 0 is skipped
@@ -73,6 +75,11 @@ class OAPClient : public QmPlainModule, public std::enable_shared_from_this<OAPC
   uint32_t NextTrackingNumber();
   // The port the running listener is bound to, -1 without a listener.
   int GetListeningPort() const;
+  // True while the listener runs. A listener whose thread has ended without
+  // FinalizeSpecial is reported once at critical level and started again,
+  // at once and then at most once per pause (1 s, doubling up to 60 s)
+  // until it runs; false meanwhile.
+  bool KeepListenerUp();
 
   // Port and local address of the inbound listener; fixed at construction.
   const int Port;
@@ -86,9 +93,21 @@ class OAPClient : public QmPlainModule, public std::enable_shared_from_this<OAPC
   bool MayIssue(uint32_t number);
   std::shared_ptr<OAPMessageStore> StoreInUse();
 
+  // Starts a new listener (logging why it cannot); stops and deletes it.
+  bool StartListener();
+  bool StopListener();
+
+  // Guards the listener and its restart state: host threads may check and
+  // restart it while another stops it.
+  mutable std::recursive_mutex m_listenerMutex;
   std::unique_ptr<OAPListener> Listener;
   // Whether the listener's thread was started (and so must be stopped).
   bool m_listenerStarted = false;
+  // Its thread ended by itself; it is started again at m_nextRestart.
+  bool m_listenerDown = false;
+  std::chrono::steady_clock::time_point m_nextRestart;
+  int m_restartPauseMs = 0;
+
   std::shared_ptr<OAPMessageStore> m_store;
   int m_retentionMinutes = 0;
   size_t m_storeLimit = 0;

@@ -4,6 +4,8 @@
 #include <pcre2.h>
 
 #include <algorithm>
+#include <cctype>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -108,6 +110,20 @@ bool ReadCount(const std::string& text, long maximum, long* out) {
   return *out >= 1 && *out <= maximum;
 }
 
+// The listener port of the configuration: decimal, from 1 to 65535, with
+// nothing but white space around the digits. `port` receives the number read
+// (within the int range, for the refusal's log line).
+bool ReadListenerPort(const QmMessengerInstConfBasic* conf, long* port) {
+  if (conf == nullptr) return false;
+  const std::string text(conf->ListenerPort,
+                         strnlen(conf->ListenerPort, sizeof(conf->ListenerPort)));
+  char* end = nullptr;
+  *port = std::clamp<long>(std::strtol(text.c_str(), &end, 10), INT_MIN, INT_MAX);
+  const bool digits = end != text.c_str();
+  while (*end != '\0' && std::isspace(static_cast<unsigned char>(*end))) ++end;
+  return digits && *end == '\0' && *port >= 1 && *port <= 65535;
+}
+
 }  // namespace
 
 QmOAPDriver::QmOAPDriver()
@@ -194,8 +210,8 @@ bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
   QM_LOG(Logger, Info, kSource, OAPBuildInfo::Describe());
   std::lock_guard<std::mutex> lifecycle(m_lifecycle);
   bool result = false;
-  long port = conf != nullptr ? std::strtol(conf->ListenerPort, nullptr, 10) : 0;
-  if (port < 1) {
+  long port = 0;
+  if (!ReadListenerPort(conf, &port)) {
     QM_LOG(Logger, Critical, kSource,
            QmstringFormat("Invalid OAP Listener port number: %d.", static_cast<int>(port)));
   } else {
@@ -221,7 +237,11 @@ bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
 
 bool QmOAPDriver::PeriodicEvent() {
   OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::PeriodicEvent", kTrue);
-  return true;
+  // False while the listener is down (it is being started again).
+  const std::shared_ptr<OAPClient> client = CurrentClient();
+  const bool result = client == nullptr || client->KeepListenerUp();
+  trace.SetResult(OAPTracer::TrueFalse(result));
+  return result;
 }
 
 bool QmOAPDriver::ResetDevice() {
@@ -343,9 +363,12 @@ bool QmOAPDriver::Send2WayRespQuery(QmMessageFile* msg, ReportsStatus& status) {
            "Empty or no tracking receipt defined. Terminating query cycle.");
     return true;
   }
+  const std::shared_ptr<OAPClient> client = CurrentClient();
+  // Answers come through the listener: one that stopped is started again
+  // here as well, for hosts that do not call PeriodicEvent.
+  if (client != nullptr) client->KeepListenerUp();
   unsigned long tracking = QmAny(job->TrackingReceipt).asUInt();
   const std::string device = GetDeviceAddress(job, true);
-  const std::shared_ptr<OAPClient> client = CurrentClient();
   const int state = client != nullptr ? client->GetStatus(device, tracking) : 0;
   if (state == 0) {
     job->SetErrorText("Unknown Device");

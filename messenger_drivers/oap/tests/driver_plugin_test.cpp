@@ -1,7 +1,9 @@
 // The plug-in as a host loads it: its exported symbols, the one driver
 // object, its names, the housekeeping calls, and Setup and Cleanup.
+#include <chrono>
 #include <cstdio>
 #include <set>
+#include <thread>
 
 #include "driver_fixture.h"
 
@@ -119,34 +121,98 @@ TEST_F(DriverTest, ConfigureTakesTheStoreSettingsOrRefusesThem) {
 
 TEST_F(DriverTest, SetupRefusesBadPortsAndCleanupStopsTheListener) {
   FakeOapServer occupant;
-  for (const char* port : {"0", "-5", "letters"}) EXPECT_FALSE(SetupWithPort(port)) << port;
+  for (const char* port : {"0", "-5", "letters", "70000", "8080abc"}) {
+    EXPECT_FALSE(SetupWithPort(port)) << port;
+  }
   EXPECT_FALSE(SetupWithPort(std::to_string(occupant.Port())));
-  EXPECT_EQ(logger.Count(kCritical, "Invalid OAP Listener port number: 0.", true), 2u);
-  EXPECT_EQ(logger.Count(kCritical, "Invalid OAP Listener port number: -5.", true), 1u);
+  for (const char* number : {"0", "-5", "70000", "8080"}) {
+    EXPECT_EQ(logger.Count(kCritical,
+                           std::string("Invalid OAP Listener port number: ") + number + ".", true),
+              std::string(number) == "0" ? 2u : 1u)
+        << number;
+  }
   EXPECT_EQ(logger.Count(kCritical, "Failed to Initialize OAP Client.", true), 1u);
   EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Failed to Start OAP Listener on '127.0.0.1:" +
                                                std::to_string(occupant.Port()) + "'"));
-  EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::Setup() with FALSE.", true), 4u);
-  // The client kept after the failure has no listener to stop.
+  EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::Setup() with FALSE.", true), 6u);
+  // The client kept after the failure has no listener: the host can see it.
+  EXPECT_FALSE(driver->PeriodicEvent());
   driver->Cleanup();
   EXPECT_TRUE(logger.Has(kTrace, "Leaving OAPClient::FinalizeSpecial() with FALSE."));
 
-  // The port's leading digits are read; Cleanup stops the listener.
+  // Blanks around the digits are allowed; Cleanup stops the listener.
   const size_t finalized = logger.Count(Log::LEVEL_INFO, "Finalized OAP Client", true);
   int port = 0;
   bool started = false;
   for (int attempt = 0; attempt < 5 && !started; ++attempt) {
     port = UnusedPort();
-    started = SetupWithPort("  " + std::to_string(port) + "abc");
+    started = SetupWithPort("  " + std::to_string(port) + " ");
   }
   ASSERT_TRUE(started);
   EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::Setup() with TRUE.", true), 1u);
   EXPECT_TRUE(CanConnect(port));
+  EXPECT_TRUE(driver->PeriodicEvent());
   EXPECT_TRUE(driver->Cleanup());
   EXPECT_FALSE(CanConnect(port));
   // Nothing left to finalise the second time.
   EXPECT_TRUE(driver->Cleanup());
   EXPECT_EQ(logger.Count(Log::LEVEL_INFO, "Finalized OAP Client", true), finalized + 1);
+}
+
+// The listening descriptor bound to the port, -1 when there is none.
+int ListeningDescriptor(int port) {
+  for (int fd = 0; fd < 65536; ++fd) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    int listening = 0;
+    socklen_t size = sizeof listening;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+        address.sin_family == AF_INET && ntohs(address.sin_port) == port &&
+        getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 && listening != 0) {
+      return fd;
+    }
+  }
+  return -1;
+}
+
+// A listener whose listening socket dies under it ends; the driver says so
+// once at critical level, reports false while it cannot start a new one (the
+// port is taken meanwhile) and starts it as soon as it can.
+TEST_F(DriverTest, ListenerThatStopsIsStartedAgain) {
+  SetupOnFreePort();
+  const int fd = ListeningDescriptor(listenerPort);
+  ASSERT_GE(fd, 0);
+  shutdown(fd, SHUT_RD);
+  const int occupant = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address = FakeOapServer::Loopback(listenerPort);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  // Bound once the ended listener has closed its socket.
+  while (bind(occupant, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_EQ(listen(occupant, 1), 0);
+  EXPECT_FALSE(driver->PeriodicEvent());
+  EXPECT_FALSE(driver->PeriodicEvent());
+  const std::string stopped = "OAP Listener on '127.0.0.1:" + std::to_string(listenerPort) +
+                              "' has stopped; starting it again.";
+  EXPECT_EQ(logger.Count(kCritical, stopped, true), 1u);
+  EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Failed to Start OAP Listener"));
+  EXPECT_TRUE(logger.Has(Log::LEVEL_DEBUG, "SocketListener: Do not continue any more"));
+  EXPECT_TRUE(logger.Has(kTrace, "Leaving QmioSocketListener::DoThreadWork"));
+  close(occupant);
+  while (!driver->PeriodicEvent() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  EXPECT_TRUE(driver->PeriodicEvent());
+  EXPECT_TRUE(SendInbound(listenerPort, "<OAP-response/>"));
+  for (const char* line : {"Leaving OAPListener::OnConnection() with TRUE.",
+                           "Leaving OAPListener::GetHandler() with TRUE."}) {
+    EXPECT_TRUE(logger.Has(kTrace, line)) << line;
+  }
+  EXPECT_EQ(logger.Count(kCritical, stopped, true), 1u);
+  EXPECT_TRUE(logger.Has(Log::LEVEL_INFO, "OAP Listener on '127.0.0.1:" +
+                                              std::to_string(listenerPort) + "' started again."));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -16,6 +17,7 @@
 #include "OAPBlockHeader.h"
 #include "OAPClient.h"
 #include "OAPDeviceRegistrar.h"
+#include "OAPDocumentFramer.h"
 #include "OAPLoggerProxy.h"
 #include "OAPMemoryMessageStore.h"
 #include "OAPRequestBlock.h"
@@ -240,9 +242,14 @@ TEST_F(EngineListenerTest, UnknownNumbersGarbageAndBadOptionDataAreDropped) {
   Deliver(OptionAnswer("12345", "<DataResp>A:Yes</DataResp>"));
   EXPECT_TRUE(
       logger.Has(Log::LEVEL_WARN, "Couldn't find device controller by Trackign ID '74565'"));
-  Deliver("this is <not an OAP document");
+  // Bytes that cannot begin a document close the connection unread.
+  ASSERT_TRUE(SendInbound(port, "this is <not an OAP document"));
+  EXPECT_TRUE(logger.WaitFor(Log::LEVEL_WARN,
+                             "received bytes that cannot begin an OAP document [this is <not", 1,
+                             kWaitMs));
+  // What a closing peer leaves unfinished is handled as it is.
   Deliver(std::string("<OAP-request version=\"4.0\"\0", 27));
-  EXPECT_EQ(logger.Count(Log::LEVEL_WARN, "not an OAP block"), 2u);
+  EXPECT_EQ(logger.Count(Log::LEVEL_WARN, "not an OAP block"), 1u);
   EXPECT_EQ(OAPDeviceRegistrar::GetInstance()->GetDeviceByTrackingID(0), nullptr);
 
   // Option data too short for its prefix is logged; the listener goes on.
@@ -266,6 +273,76 @@ TEST_F(EngineListenerTest, AnswersAreNotHeldUpByAnotherMessagesSlowDispatch) {
   EXPECT_FALSE(sendDone.load());
   EXPECT_EQ(client->GetStatus(address, 0x40000), 2);
   slowSend.join();
+}
+
+// One connection carrying several documents: two in one write, one longer
+// than a read in pieces (its end tag cut), then one that never ends, which
+// closes the connection.
+TEST_F(EngineListenerTest, DocumentsAreFramedWhateverTheReads) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in listener = FakeOapServer::Loopback(port);
+  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&listener), sizeof listener), 0);
+  auto write = [fd](const std::string& text) {
+    EXPECT_EQ(send(fd, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
+  };
+  write(OptionAnswer("40000", "<DataResp>N:Yes</DataResp>") +
+        Answer4("40000", "<User_response>both</User_response>"));
+  const std::string typed(3000, 't');
+  const std::string long4 = Answer4("40000", "<User_response>" + typed + "</User_response>");
+  for (size_t from = 0; from < long4.size(); from += long4.size() - 5) {
+    write(long4.substr(from, long4.size() - 5));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // separate reads
+  }
+  ASSERT_TRUE(logger.WaitFor(kTrace, kLeftOnData, 3, kWaitMs));
+  EXPECT_EQ(Query(), (Replies{"Yes", "both", typed}));
+
+  write("<OAP-request>" + std::string(OAPDocumentFramer::kMaxDocument, ' '));
+  char byte;
+  pollfd closed{fd, POLLIN, 0};
+  EXPECT_TRUE(poll(&closed, 1, kWaitMs) > 0 && recv(fd, &byte, 1, 0) <= 0);
+  EXPECT_TRUE(logger.Has(Log::LEVEL_WARN, "no complete OAP document within 65536 bytes"));
+  close(fd);
+}
+
+// The framing routine alone: a stream of documents comes out the same
+// wherever it is cut into two reads; what cannot begin a document, or goes on
+// past 64 KiB, is refused.
+TEST(EngineFramerTest, DocumentsComeOutWholeWhereverTheStreamIsCut) {
+  const std::string first = ResponseDoc("1", 3, 200);
+  const std::string second =
+      "<?xml version=\"1.0\"?><!-- a --><OAP-request id=\"2\"><Body/></OAP-request\n >";
+  const std::string third =
+      Answer4("3", "<Data_response>N:" + std::string(2000, 'x') + "</Data_response>");
+  const std::string stream =
+      "\r\n" + first + std::string("\0\0 ", 3) + second + "\xEF\xBB\xBF" + third + "<OAP-resp";
+  for (size_t cut = 0; cut <= stream.size(); ++cut) {
+    OAPDocumentFramer framer;
+    std::vector<std::string> documents;
+    std::string document;
+    for (const std::string& piece : {stream.substr(0, cut), stream.substr(cut)}) {
+      framer.Append(piece);
+      while (framer.Next(document) == OAPDocumentFramer::kDocument) documents.push_back(document);
+    }
+    ASSERT_EQ(documents, (std::vector<std::string>{first, second, third})) << cut;
+    ASSERT_EQ(framer.TakeRest(), "<OAP-resp") << cut;
+  }
+  const std::string endless = "<OAP-response>" + std::string(OAPDocumentFramer::kMaxDocument, ' ');
+  const struct {
+    std::string bytes;
+    OAPDocumentFramer::Result result;
+  } refused[] = {
+      {"this is no document", OAPDocumentFramer::kInvalid},
+      {std::string("\x01<OAP-response/>"), OAPDocumentFramer::kInvalid},
+      {"<OAX", OAPDocumentFramer::kInvalid},
+      {endless, OAPDocumentFramer::kTooLong},
+      {endless + "</OAP-response>", OAPDocumentFramer::kTooLong},
+  };
+  for (const auto& c : refused) {
+    OAPDocumentFramer framer;
+    std::string document;
+    framer.Append(c.bytes);
+    EXPECT_EQ(framer.Next(document), c.result) << c.bytes.substr(0, 20);
+  }
 }
 
 // Host threads send and query while the listener's workers deliver reports

@@ -11,10 +11,9 @@
 
 // Plays the OAP server's side of an inbound connection: connects to the
 // listener on 127.0.0.1, writes the document, half-closes and waits (at most
-// five seconds) until the driver has read it and closed its end. Waiting
-// keeps a burst of senders from outrunning the listener's pool of waiting
-// connections, the way a well-behaved server sends one document per
-// connection. False when the connection could not be made or written.
+// five seconds) until the driver has read it and closed its end, so that the
+// caller knows the document was taken. False when the connection could not
+// be made or written.
 inline bool SendInbound(int port, const std::string& document) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
   if (fd < 0) return false;
