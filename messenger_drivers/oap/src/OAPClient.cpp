@@ -7,6 +7,8 @@
 #include <ctime>
 #include <exception>
 
+#include <sys/socket.h>
+
 #include "MessageBody.h"
 #include "OAPBlock.h"
 #include "OAPDeviceController.h"
@@ -24,6 +26,7 @@
 namespace {
 
 const char kSource[] = "messenger_drivers/oap/src/OAPClient";
+const char kNotSetUp[] = "OAP Client not set up";
 // The server's answer: read until it is one whole document, the server
 // closes, or this time has passed since the first read began.
 const int kAnswerTimeoutMs = 2000;
@@ -106,6 +109,10 @@ bool OAPClient::InitializeSpecial() {
   std::lock_guard<std::recursive_mutex> guard(m_listenerMutex);
   // A second start replaces the listener: the running one is stopped first.
   if (Listener != nullptr) FinalizeSpecial();
+  {
+    std::lock_guard<std::mutex> exchanges(m_exchangeMutex);
+    m_exchangesCut = false;
+  }
   const bool result = StartListener();
   if (result && m_store != nullptr) {
     if (m_sweeper == nullptr) {
@@ -120,6 +127,8 @@ bool OAPClient::InitializeSpecial() {
 
 bool OAPClient::FinalizeSpecial() {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::FinalizeSpecial", "FALSE");
+  // First, so that workers echoing to a silent server are free to stop.
+  CutExchanges();
   std::lock_guard<std::recursive_mutex> guard(m_listenerMutex);
   if (m_sweeper != nullptr) m_sweeper->Stop();
   const bool result = StopListener();
@@ -219,6 +228,27 @@ std::shared_ptr<OAPMessageStore> OAPClient::StoreInUse() {
   return m_store != nullptr ? m_store : OAPDeviceRegistrar::GetInstance()->GetStore();
 }
 
+bool OAPClient::BeginExchange(QmioSocket* socket) {
+  std::lock_guard<std::mutex> guard(m_exchangeMutex);
+  if (m_exchangesCut) return false;
+  m_exchanges.insert(socket);
+  return true;
+}
+
+bool OAPClient::EndExchange(QmioSocket* socket) {
+  std::lock_guard<std::mutex> guard(m_exchangeMutex);
+  m_exchanges.erase(socket);
+  return m_exchangesCut;
+}
+
+void OAPClient::CutExchanges() {
+  std::lock_guard<std::mutex> guard(m_exchangeMutex);
+  m_exchangesCut = true;
+  // An owner unregisters its socket (under this lock) before it closes it,
+  // so every descriptor named here still belongs to its exchange.
+  for (QmioSocket* socket : m_exchanges) shutdown(socket->GetSocket(), SHUT_RDWR);
+}
+
 int OAPClient::GetListeningPort() const {
   std::lock_guard<std::recursive_mutex> guard(m_listenerMutex);
   return Listener != nullptr ? Listener->GetListeningPort() : -1;
@@ -290,8 +320,16 @@ OAPBlock* OAPClient::DispatchPayLoad(const std::string& host, int port, OAPBlock
     QmioClientSocket socket;
     socket.SetEventLog(m_logger);
     socket.Connect(host, port, QmioSocket::SOCKET_TCP);
-    socket.Write(request->Serialize());
-    const std::string received = ReadAnswer(socket);
+    if (!BeginExchange(&socket)) QM_THROW(kNotSetUp);
+    std::string received;
+    try {
+      socket.Write(request->Serialize());
+      received = ReadAnswer(socket);
+    } catch (const QmException&) {
+      if (!EndExchange(&socket)) throw;
+      QM_THROW(kNotSetUp);
+    }
+    if (EndExchange(&socket)) QM_THROW(kNotSetUp);
     socket.Close();
 
     // Only the bytes read count, up to the first NUL among them.

@@ -8,6 +8,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "QmPlainModule.h"
@@ -17,6 +18,7 @@ class OAPBlock;
 class OAPListener;
 class OAPMessageStore;
 class OAPMessageSweeper;
+class QmioSocket;
 
 // The module the driver owns for its whole life: it starts and stops the
 // inbound listener, leads the driver's sends and queries to the device
@@ -44,6 +46,9 @@ class OAPClient : public QmPlainModule, public std::enable_shared_from_this<OAPC
   void SetMessageStore(std::shared_ptr<OAPMessageStore> store, int retentionMinutes, size_t limit);
 
   bool InitializeSpecial() override;
+  // Shuts down the sockets of the exchanges under way (their sends and echoes
+  // fail with "OAP Client not set up" at once instead of waiting on a silent
+  // server), then stops the sweeper and the listener.
   bool FinalizeSpecial() override;
   std::string GetRunningModuleName() override;
 
@@ -64,7 +69,9 @@ class OAPClient : public QmPlainModule, public std::enable_shared_from_this<OAPC
   // one whole document (at most 64 KiB), the server closes or 2000 ms have
   // passed, and parses it. Returns a block owned by the caller, or null when
   // nothing usable came back. Socket exceptions (such as a refused
-  // connection, or a close before any answer) pass to the caller.
+  // connection, or a close before any answer) pass to the caller; an
+  // exchange that FinalizeSpecial cut, or that begins after it, throws
+  // "OAP Client not set up".
   OAPBlock* DispatchPayLoad(const std::string& host, int port, OAPBlock* request);
 
   // The next tracking number: read, then incremented by one. 0 is skipped
@@ -93,6 +100,13 @@ class OAPClient : public QmPlainModule, public std::enable_shared_from_this<OAPC
   bool MayIssue(uint32_t number);
   std::shared_ptr<OAPMessageStore> StoreInUse();
 
+  // Registers the socket of an exchange so that FinalizeSpecial can shut it
+  // down; false once FinalizeSpecial has begun. EndExchange unregisters it
+  // (before it is closed) and tells whether it was shut down.
+  bool BeginExchange(QmioSocket* socket);
+  bool EndExchange(QmioSocket* socket);
+  void CutExchanges();
+
   // Starts a new listener (logging why it cannot); stops and deletes it.
   bool StartListener();
   bool StopListener();
@@ -117,6 +131,10 @@ class OAPClient : public QmPlainModule, public std::enable_shared_from_this<OAPC
   static const uint32_t kNoBlock = 0x10000;
   std::atomic<uint32_t> m_checkedBlock{kNoBlock};
   std::mutex m_blockMutex;
+
+  std::mutex m_exchangeMutex;
+  std::set<QmioSocket*> m_exchanges;  // guarded by m_exchangeMutex
+  bool m_exchangesCut = false;        // guarded by m_exchangeMutex
 };
 
 #endif
