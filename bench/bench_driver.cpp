@@ -1,7 +1,8 @@
 // The plug-in as a host drives it, against the loopback OAP server: outbound
 // sends, inbound answers and the first answer after a quiet spell beside
-// raw-socket baselines doing the same exchanges, the memory kept per accepted
-// message and the CPU of an idle driver.
+// raw-socket baselines doing the same exchanges, the same sends and answers
+// with the message store in a file beside the store in memory, the memory
+// kept per accepted message and the CPU of an idle driver.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <sys/resource.h>
@@ -10,6 +11,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -52,19 +55,31 @@ std::string OptionAnswer(const std::string& hexId) {
          "<From>4711</From><DataResp>N:Yes</DataResp></TypeSpecific></Status></OAP-response>";
 }
 
-// The plug-in loaded once per process and set up on a loopback listener,
-// with the OAP server its jobs point at. No logger is attached, so the
-// figures are the driver's own work.
+// The plug-in loaded and set up on a loopback listener, with the OAP server
+// its jobs point at. No logger is attached, so the figures are the driver's
+// own work. Get() keeps its messages in memory; WithStoreFile() is a second
+// copy of the library (a driver of its own in the same process) that keeps
+// them in an SQLite file.
 class Plugin {
  public:
   static Plugin& Get() {
-    static Plugin plugin;
+    static Plugin plugin(QM_DRIVER_PATH, {});
+    return plugin;
+  }
+  static Plugin& WithStoreFile() {
+    static const std::filesystem::path folder = [] {
+      char pattern[] = "/tmp/qm_bench_XXXXXX";
+      if (mkdtemp(pattern) == nullptr) throw std::runtime_error("no folder for the store");
+      return std::filesystem::path(pattern);
+    }();
+    static Plugin plugin(Copy(folder), {{"MessageStore", (folder / "state.db").string()}});
     return plugin;
   }
 
   ~Plugin() {
     driver->Cleanup();
     loader.ReleaseDriverInstance(driver);
+    if (!copy.empty()) std::filesystem::remove_all(copy.parent_path());
   }
 
   // An interactive version 3.0 job with two choices for the server.
@@ -128,12 +143,23 @@ class Plugin {
   std::string lastError;
 
  private:
-  Plugin() {
-    if (!loader.Load(QM_DRIVER_PATH)) throw std::runtime_error(loader.GetError());
+  // The library copied into the folder: loaded from there, it is a library
+  // of its own with a driver of its own.
+  static std::string Copy(const std::filesystem::path& folder) {
+    const std::filesystem::path copy = folder / "libqmoapdriver-store.so";
+    std::filesystem::copy_file(QM_DRIVER_PATH, copy,
+                               std::filesystem::copy_options::overwrite_existing);
+    return copy.string();
+  }
+
+  Plugin(const std::string& path, std::map<std::string, std::string> settings)
+      : copy(path != QM_DRIVER_PATH ? path : "") {
+    if (!loader.Load(path)) throw std::runtime_error(loader.GetError());
     driver = loader.GetDriverInstance();
     driver->Logger = nullptr;
     driver->ReportsManager = &reports;
     driver->MessageQueue = &queue;
+    if (!driver->Configure(settings)) throw std::runtime_error("the store settings were refused");
     // A port free when probed may be taken before the listener binds it.
     for (int attempt = 0; attempt < 5 && listenerPort == 0; ++attempt) {
       const int port = FreeLoopbackPort();
@@ -144,6 +170,8 @@ class Plugin {
     }
     if (listenerPort == 0) throw std::runtime_error("the driver's listener could not be set up");
   }
+
+  const std::filesystem::path copy;
 };
 
 // Queries every job until each has been handed back with its answer;
@@ -191,49 +219,99 @@ void BM_Outbound(benchmark::State& state) {
   RunPaired(state, run);
 }
 
-// One answer per message pushed to the driver's listener on a short
-// connection of its own, as an OAP server does (connect, write, half-close,
-// wait for the driver to close), until every answer is visible through the
-// query; the messages are sent untimed before each batch. The baseline
-// pushes the same documents to a raw accept-read loop that also makes the
-// one exchange with the OAP server that the driver makes for every answer
-// (the "You replied:" update).
-void BM_Inbound(benchmark::State& state) {
-  Plugin& plugin = Plugin::Get();
-  LoopbackServer sink(LoopbackServer::Sink, plugin.server.Port(), plugin.SampleRequest());
-  std::vector<std::unique_ptr<QmReferenceJob>> jobs;
-  std::vector<std::string> answers;
-  std::string error;
-  PairedRun run;
-  run.operationsPerCall = kAnswerBatch;
-  run.prepare = [&] {
+// One batch of the inbound figures: kAnswerBatch interactive messages sent
+// (untimed, in Prepare), then one answer per message pushed to the driver's
+// listener on a short connection of its own, as an OAP server does (connect,
+// write, half-close, wait for the driver to close), until every answer is
+// visible through the query (Run).
+class AnswerBatch {
+ public:
+  explicit AnswerBatch(Plugin& plugin) : m_plugin(plugin) {}
+
+  void Prepare() {
     jobs.clear();
     answers.clear();
     for (int i = 0; i < kAnswerBatch; ++i) {
       jobs.push_back(std::make_unique<QmReferenceJob>());
-      plugin.Address(*jobs.back(), "inbound-" + std::to_string(i));
-      if (!plugin.Send(*jobs.back())) error = plugin.lastError;
+      m_plugin.Address(*jobs.back(), "inbound-" + std::to_string(i));
+      if (!m_plugin.Send(*jobs.back())) error = m_plugin.lastError;
       answers.push_back(OptionAnswer(Hex(jobs.back()->GetTrackingReceipt())));
     }
-  };
-  run.subject = [&] {
+  }
+
+  bool Run() {
     for (const std::string& answer : answers) {
-      if (!PushDocument(plugin.listenerPort, answer)) error = "push to the listener failed";
+      if (!PushDocument(m_plugin.listenerPort, answer)) error = "push to the listener failed";
     }
     if (!error.empty()) return false;
-    if (AwaitAnswers(plugin, jobs)) return true;
+    if (AwaitAnswers(m_plugin, jobs)) return true;
     error = "answers did not arrive in time";
     return false;
-  };
+  }
+
+  std::vector<std::unique_ptr<QmReferenceJob>> jobs;
+  std::vector<std::string> answers;
+  std::string error;
+
+ private:
+  Plugin& m_plugin;
+};
+
+// Answers through the plug-in against a raw accept-read loop fed the same
+// documents that also makes the one exchange with the OAP server that the
+// driver makes for every answer (the "You replied:" update).
+void BM_Inbound(benchmark::State& state) {
+  Plugin& plugin = Plugin::Get();
+  LoopbackServer sink(LoopbackServer::Sink, plugin.server.Port(), plugin.SampleRequest());
+  AnswerBatch batch(plugin);
+  PairedRun run;
+  run.operationsPerCall = kAnswerBatch;
+  run.prepare = [&] { batch.Prepare(); };
+  run.subject = [&] { return batch.Run(); };
   run.baseline = [&] {
-    const unsigned long target = sink.Served() + answers.size();
-    for (const std::string& answer : answers) {
-      if (!PushDocument(sink.Port(), answer)) error = "push to the raw loop failed";
+    const unsigned long target = sink.Served() + batch.answers.size();
+    for (const std::string& answer : batch.answers) {
+      if (!PushDocument(sink.Port(), answer)) batch.error = "push to the raw loop failed";
     }
-    if (error.empty() && sink.Served() != target) error = "documents were lost";
-    return error.empty();
+    if (batch.error.empty() && sink.Served() != target) batch.error = "documents were lost";
+    return batch.error.empty();
   };
+  run.failure = [&] { return batch.error; };
+  RunPaired(state, run);
+}
+
+// SendAMessage with the message store in a file against the same with the
+// store in memory: two drivers in one process, each with its own server.
+void BM_StoreOutbound(benchmark::State& state) {
+  Plugin* plugins[] = {&Plugin::WithStoreFile(), &Plugin::Get()};
+  QmReferenceJob jobs[2];
+  for (int i = 0; i < 2; ++i) plugins[i]->Address(jobs[i], "store-" + std::to_string(i));
+  std::string error;
+  auto send = [&](int i) {
+    jobs[i].TakeStatusChanges();
+    if (plugins[i]->Send(jobs[i])) return true;
+    error = plugins[i]->lastError;
+    return false;
+  };
+  PairedRun run;
+  run.callsPerBlock = 20;
+  run.subject = [&] { return send(0); };
+  run.baseline = [&] { return send(1); };
   run.failure = [&] { return error; };
+  RunPaired(state, run);
+}
+
+// Answers through the listener into the query with the message store in a
+// file against the same with the store in memory.
+void BM_StoreInbound(benchmark::State& state) {
+  AnswerBatch file(Plugin::WithStoreFile()), memory(Plugin::Get());
+  PairedRun run;
+  run.operationsPerCall = kAnswerBatch;
+  run.prepare = [&] { file.Prepare(); };
+  run.prepareBaseline = [&] { memory.Prepare(); };
+  run.subject = [&] { return file.Run(); };
+  run.baseline = [&] { return memory.Run(); };
+  run.failure = [&] { return file.error.empty() ? memory.error : file.error; };
   RunPaired(state, run);
 }
 
@@ -362,6 +440,8 @@ BENCHMARK(BM_FirstAnswerLatency)
     ->Iterations(1)
     ->Repetitions(1)
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StoreOutbound)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_StoreInbound)->UseRealTime()->Iterations(4)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MemoryPerMessage)
     ->UseRealTime()
     ->Iterations(1)

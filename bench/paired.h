@@ -11,7 +11,8 @@
 // Measures a figure against its baseline in the same run: each benchmark
 // iteration runs one block of the figure's calls and one block of the
 // baseline's, in alternating order, so both see the same load on a busy
-// machine. `prepare` runs untimed before each block of the figure. Reports
+// machine. `prepare` and `prepareBaseline` run untimed before each block of
+// the figure and of the baseline. Reports
 // wall-clock nanoseconds per operation of each ("subject_ns",
 // "baseline_ns") and "ratio", baseline time over figure time: above 1 the
 // figure is the faster. A call that returns false stops the benchmark with
@@ -22,6 +23,7 @@ struct PairedRun {
   int callsPerBlock = 1;
   int operationsPerCall = 1;
   std::function<void()> prepare = [] {};
+  std::function<void()> prepareBaseline = [] {};
   std::function<std::string()> failure = [] { return std::string("a call failed"); };
 };
 
@@ -31,7 +33,7 @@ inline void RunPaired(benchmark::State& state, const PairedRun& run) {
   int64_t blocks = 0;
   // Runs one block of the figure (0) or the baseline (1) and adds its time.
   auto block = [&](int which) {
-    if (which == 0) run.prepare();
+    (which == 0 ? run.prepare : run.prepareBaseline)();
     const std::function<bool()>& call = which == 0 ? run.subject : run.baseline;
     const Clock::time_point start = Clock::now();
     for (int i = 0; i < run.callsPerBlock; ++i) {

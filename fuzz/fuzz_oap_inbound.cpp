@@ -16,13 +16,14 @@ const uint32_t kFirstTracked = 0x1a0000;
 const int kTracked = 4;
 
 OAPDeviceController* TrackedDevice() {
-  static OAPDeviceController* device = [] {
-    OAPDeviceController* created = OAPDeviceRegistrar::GetInstance()->GetDevice(kDevice, true);
+  static const OAPDeviceRegistrar::Device device = [] {
+    OAPDeviceRegistrar::Device created =
+        OAPDeviceRegistrar::GetInstance()->GetDevice(kDevice, true);
     // Asking for the replies of an unknown number creates its (empty) status.
     for (int i = 0; i < kTracked; ++i) created->QueryResponse(kDevice, kFirstTracked + i);
     return created;
   }();
-  return device;
+  return device.get();
 }
 
 }  // namespace

@@ -121,6 +121,10 @@ for share in ("p50", "p99"):
                  "%.2f ms (driver)" % value, "%.2f ms (raw accept-read)" % base,
                  "%.2f" % (base / value), target,
                  ("met" if value <= 5.0 else "**missed**") if target else ""))
+paired("Outbound send with the message store in a file", "BM_StoreOutbound", "SQLite store",
+       "store in memory", 0.80)
+paired("Inbound answers with the message store in a file", "BM_StoreInbound", "SQLite store",
+       "store in memory", 0.80, rate=True)
 paired("Parse a typical response", "BM_ParseResponse", "OAPBlock::Parse", "bare expat", 0.60)
 absolute("Serialise an interactive request, 3.0", fmt_time(ns("BM_SerializeRequest/version:3")))
 absolute("Serialise an interactive request, 4.0", fmt_time(ns("BM_SerializeRequest/version:4")))
@@ -200,6 +204,10 @@ lines += [
     "  (queried every 50 µs). The baseline is a raw accept-read loop, quiet for the same 5 s,",
     "  until it has read the document. 200 samples (`QM_BENCH_LATENCY_SAMPLES` for fewer), so",
     "  this one benchmark takes about 17 minutes.",
+    "- *Store*: the same sends and answer batches through two drivers in one process (the",
+    "  library loaded a second time from a copy), one keeping its messages in an SQLite file",
+    "  (`MessageStore` set to a file in /tmp), the other in memory (the default), each with its",
+    "  own loopback server.",
     "- *Parsing*: `OAPBlock::Parse` of the accepted response (with a status text) against",
     "  `XML_Parse` with empty handlers on a new parser for the same bytes; serialisation writes",
     "  a prepared request block.",

@@ -76,7 +76,7 @@ SERVER="127.0.0.1:$SIM_PORT"
 echo "demo: simulator on $SERVER, driver listener on 127.0.0.1:$LISTEN_PORT; sending 4 jobs"
 
 HOST_LOG="$WORK/qmhost.log"
-timeout 60 "$QMHOST" --plugin "$PLUGIN" --workdir "$WORK" \
+timeout 60 "$QMHOST" --plugin "$PLUGIN" --workdir "$WORK" --state "$WORK/state.db" \
   --listen-port "$LISTEN_PORT" --listen-address 127.0.0.1 \
   --poll-ms 200 --duration-ms 15000 --until-expected \
   --job plain-3.0 --handset 1001 --server "$SERVER" --oap-version 3.0 \

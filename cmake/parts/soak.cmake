@@ -29,6 +29,25 @@ if(QM_BUILD_TESTS AND TARGET qmoapdriver AND TARGET qm_refhost AND TARGET qm_cor
   target_link_libraries(soak_stop_tests PRIVATE qm_net qm_log qm_ini_codec)
   target_include_directories(soak_stop_tests PRIVATE
     ${CMAKE_CURRENT_SOURCE_DIR}/runtime/tests)
+
+  # Cleanup at random moments while host threads send and answers arrive.
+  qm_soak_test(soak_cleanup_tests 1800 ${QM_SOAK_DIR}/soak_cleanup_test.cpp)
+  if(QM_SANITIZE)
+    # The sanitizer stages of CI leave the soak label out: a few rounds there.
+    add_test(NAME SanitizedCleanupRounds COMMAND soak_cleanup_tests)
+    set_tests_properties(SanitizedCleanupRounds PROPERTIES ENVIRONMENT QM_SOAK_ROUNDS=10
+                         TIMEOUT 600)
+  endif()
+
+  # The message store: host processes killed and restarted on one store file
+  # (played by soak_host), and memory and file size under a long run.
+  add_executable(soak_host ${QM_SOAK_DIR}/soak_host.cpp)
+  target_compile_options(soak_host PRIVATE ${QM_WARNINGS})
+  target_link_libraries(soak_host PRIVATE qm_refhost qm_core Threads::Threads)
+  qm_soak_test(soak_store_tests 900 ${QM_SOAK_DIR}/soak_store_test.cpp)
+  add_dependencies(soak_store_tests soak_host)
+  target_compile_definitions(soak_store_tests PRIVATE
+    QM_SOAK_HOST_PATH="$<TARGET_FILE:soak_host>")
 endif()
 
 # The logging cases need only the runtime: threads and processes sharing one

@@ -24,7 +24,8 @@ TEST(HostOptions, FullCommandLineAndPresentationOptions) {
   std::string error;
   ASSERT_TRUE(QmHostOptions::Parse(
       Words(kBase +
-            "--poll-ms 50 --duration-ms 3000 --until-expected --listen-address 0.0.0.0 --job a "
+            "--poll-ms 50 --duration-ms 3000 --until-expected --listen-address 0.0.0.0 "
+            "--state /tmp/s.db --job a "
             "--handset=4711 --server srv:7000 --oap-version 4.0 --choice Yes --choice Stop:2 "
             "--choice Call%3aus:3:0815 --interactive --custom-label Other --ttl-minutes 5 "
             "--expect SENT,6,REPLIED_SPECIAL_A --job b --handset 1 --server h:1"),
@@ -32,8 +33,9 @@ TEST(HostOptions, FullCommandLineAndPresentationOptions) {
       << error;
   EXPECT_EQ(options.plugin + "|" + options.workdir + "|" + options.listenPort + "|" +
                 options.listenAddress + "|" + std::to_string(options.pollMs) + "|" +
-                std::to_string(options.durationMs) + (options.untilExpected ? "|until" : ""),
-            "/lib/p.so|/tmp/w|7100|0.0.0.0|50|3000|until");
+                std::to_string(options.durationMs) + (options.untilExpected ? "|until" : "") + "|" +
+                options.statePath,
+            "/lib/p.so|/tmp/w|7100|0.0.0.0|50|3000|until|/tmp/s.db");
   ASSERT_EQ(options.jobs.size(), 2u);
   const QmHostOptions::Job& a = options.jobs[0];
   std::string job = a.id + "|" + a.handset + "|" + a.serverHost + ":" +

@@ -23,8 +23,8 @@ const int kPushers = 4;
 const size_t kSplitInFlight = 40;
 const auto kPiecePause = std::chrono::milliseconds(10);
 // Growth of the resident set per message after warm-up: the message state the
-// driver keeps for the life of the process (about 2 KiB measured) and the
-// host's own job records. Sanitizer builds keep freed memory in quarantine.
+// driver keeps (all of it here: the store's limit is far away; about 2 KiB
+// measured) and the host's own job records. Sanitizer builds keep freed memory in quarantine.
 #ifdef QM_SOAK_SANITIZED
 const long kAllowanceBytesPerMessage = 128 * 1024;
 #else

@@ -1,12 +1,15 @@
 #include "soak_support.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
+#include <random>
 
 namespace {
 
@@ -53,14 +56,18 @@ bool LoopbackOapServer::Start(int port) {
     return false;
   }
   m_port = ntohs(address.sin_port);
+  // Several threads wait on it: the one that loses the race for a
+  // connection must not block in accept.
+  fcntl(m_listenFd, F_SETFL, O_NONBLOCK);
   m_stop = false;
-  m_thread = std::thread(&LoopbackOapServer::Serve, this);
+  for (int t = 0; t < m_threadCount; ++t) m_threads.emplace_back(&LoopbackOapServer::Serve, this);
   return true;
 }
 
 void LoopbackOapServer::Stop() {
   m_stop = true;
-  if (m_thread.joinable()) m_thread.join();
+  for (std::thread& thread : m_threads) thread.join();
+  m_threads.clear();
   if (m_listenFd >= 0) close(m_listenFd);
   m_listenFd = -1;
 }
@@ -68,6 +75,12 @@ void LoopbackOapServer::Stop() {
 size_t LoopbackOapServer::Messages() {
   std::lock_guard<std::mutex> guard(m_mutex);
   return m_messages.size();
+}
+
+size_t LoopbackOapServer::Requests(const std::string& hexId) {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  auto found = m_messages.find(hexId);
+  return found != m_messages.end() ? found->second : 0;
 }
 
 size_t LoopbackOapServer::Repeats() {
@@ -96,7 +109,7 @@ void LoopbackOapServer::ServeOne(int fd) {
     request.append(buffer, static_cast<size_t>(got));
   }
   const std::string id = Between(request, " id=\"", "\"");
-  {
+  if (m_counting) {
     // A version 4.0 update travels under a fresh id; its envelope names the
     // message it replaces.
     const std::string envelope = Between(request, "<Id>", "</Id>");
@@ -105,7 +118,9 @@ void LoopbackOapServer::ServeOne(int fd) {
     ++m_requests;
   }
   std::string answer = ResponseDoc(id, 1, 200);
-  switch (m_mode.load()) {
+  thread_local std::minstd_rand draws(std::random_device{}());
+  const bool silent = static_cast<int>(draws() % 100) < m_silentShare;
+  switch (silent ? Mode::kSilent : m_mode.load()) {
     case Mode::kAccept:
       SendAll(fd, answer);
       break;
@@ -133,6 +148,7 @@ void SoakDriverTest::SetUp() {
   DriverTest::SetUp();
   if (HasFatalFailure()) return;
   if (!withLogger) driver->Logger = nullptr;
+  ASSERT_TRUE(driver->Configure(settings));
   threadsBefore = ThreadCount();
   SetupOnFreePort();
 }
@@ -155,6 +171,24 @@ void SoakDriverTest::Address(QmReferenceJob& job, const std::string& handset,
   job.IsInteractive = job.ExpectsResponse = interactive;
   job.ResponseChoices.assign(interactive ? 1 : 0, QmResponseChoice());
   if (interactive) job.ResponseChoices.front().Text = "Yes";
+}
+
+TempFolder::TempFolder() {
+  char pattern[] = "/tmp/qm_soak_XXXXXX";
+  m_path = mkdtemp(pattern) != nullptr ? pattern : "/tmp";
+}
+
+TempFolder::~TempFolder() {
+  if (m_path != "/tmp") std::system(("rm -rf '" + m_path + "'").c_str());
+}
+
+size_t DescriptorCount() {
+  size_t count = 0;
+  if (DIR* open = opendir("/proc/self/fd")) {
+    while (dirent* entry = readdir(open)) count += entry->d_name[0] != '.' ? 1 : 0;
+    closedir(open);
+  }
+  return count - 1;  // the folder read itself
 }
 
 int ConnectLoopback(int port) {

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "driver_fixture.h"  // also the fake server's documents and the recording logger
 
@@ -47,17 +48,20 @@ bool RaiseDescriptorLimit(rlim_t count);
 // Threads of this process; the second waits (bounded) until they are at most
 // `limit`, since ended threads leave on their own.
 size_t ThreadCount();
+// Open descriptors of this process.
+size_t DescriptorCount();
 size_t ThreadsAfterWaiting(size_t limit, int timeoutMs);
 // Resident set size of this process in KiB.
 long ResidentKiB();
 
 // The OAP server side of the soak and fault tests, on 127.0.0.1. Unlike the
 // fake server of the driver tests it keeps no requests and no thread per
-// connection, so that ten thousand messages cost it nothing: one thread
-// serves the connections one after another, reads a request up to its
-// closing tag, counts the message it is about and answers the way the mode
-// says. Every connection ends well-mannered: half-close, then wait (bounded)
-// until the driver has closed its end.
+// connection, so that ten thousand messages cost it nothing: a fixed number
+// of threads (one unless told otherwise) serve the connections, each one
+// after another: read a request up to its closing tag, count the message it
+// is about and answer the way the mode says. Every connection ends
+// well-mannered: half-close, then wait (bounded) until the driver has closed
+// its end.
 class LoopbackOapServer {
  public:
   enum class Mode {
@@ -68,7 +72,7 @@ class LoopbackOapServer {
     kOversized,  // a valid acceptance padded past 64 KiB
   };
 
-  LoopbackOapServer() { Start(0); }
+  explicit LoopbackOapServer(int threads = 1) : m_threadCount(threads) { Start(0); }
   ~LoopbackOapServer() { Stop(); }
   // Listens on the port (0: any free one); false when it cannot.
   bool Start(int port);
@@ -76,10 +80,19 @@ class LoopbackOapServer {
   void Stop();
   int Port() const { return m_port; }
   void SetMode(Mode mode) { m_mode = mode; }
+  // In kAccept mode, the share of requests (in percent, drawn at random)
+  // that get no answer, as in kSilent.
+  void SetSilentShare(int percent) { m_silentShare = percent; }
+  // Whether requests are counted per message (the counts grow with every
+  // message; a memory soak turns them off).
+  void SetCounting(bool counting) { m_counting = counting; }
   // Messages seen, and requests that were about a message seen before (the
   // updates that echo an answer on the handset).
   size_t Messages();
   size_t Repeats();
+  // Requests about the message with this hexadecimal id (its own and the
+  // updates of it).
+  size_t Requests(const std::string& hexId);
 
  private:
   void Serve();
@@ -89,10 +102,13 @@ class LoopbackOapServer {
   int m_port = 0;
   std::atomic<bool> m_stop{false};
   std::atomic<Mode> m_mode{Mode::kAccept};
+  std::atomic<bool> m_counting{true};
+  std::atomic<int> m_silentShare{0};
+  const int m_threadCount;
   std::mutex m_mutex;
   std::map<std::string, size_t> m_messages;
   size_t m_requests = 0;
-  std::thread m_thread;
+  std::vector<std::thread> m_threads;
 };
 
 // The driver test fixture set up on a free listener port, with a loopback
@@ -111,6 +127,19 @@ class SoakDriverTest : public DriverTest {
   size_t threadsBefore = 0;  // with the server's thread, before Setup
   LoopbackOapServer server;
   bool withLogger = true;
+  // Given to Configure before Setup.
+  std::map<std::string, std::string> settings;
+};
+
+// A folder of its own under /tmp, removed with everything in it.
+class TempFolder {
+ public:
+  TempFolder();
+  ~TempFolder();
+  std::string File(const std::string& name) const { return m_path + "/" + name; }
+
+ private:
+  std::string m_path;
 };
 
 #endif

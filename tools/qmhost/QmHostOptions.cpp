@@ -173,6 +173,7 @@ void AddJobOptions(QmToolCommandLine& line, QmHostOptions* out) {
 void AddGlobalOptions(QmToolCommandLine& line, QmHostOptions* out) {
   line.Value("plugin", 0, Text(&out->plugin));
   line.Value("workdir", 0, Text(&out->workdir));
+  line.Value("state", 0, Text(&out->statePath));
   line.Value("listen-port", 0, Text(&out->listenPort));
   line.Value("listen-address", 0, Text(&out->listenAddress));
   line.Value("poll-ms", 0, Number("poll-ms", 1, &out->pollMs));
@@ -255,6 +256,8 @@ std::string QmHostOptions::Usage() {
          "  --workdir DIR          work directory; logging is configured in DIR/config\n"
          "  --listen-port N        port of the driver's inbound listener\n"
          "  --listen-address A     address the listener binds to (default 127.0.0.1)\n"
+         "  --state FILE           the driver's message store, kept over restarts\n"
+         "                         (default DIR/qmhost-state.db; 'memory' keeps none)\n"
          "  --poll-ms N            time between two query rounds (default 200)\n"
          "  --duration-ms N        how long the query cycle runs (default 10000)\n"
          "  --until-expected       end the cycle once every job saw its expected statuses\n"

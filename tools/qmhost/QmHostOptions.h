@@ -54,6 +54,8 @@ class QmHostOptions {
   bool version = false;
   std::string plugin;
   std::string workdir;
+  // The driver's message store; empty: a file in the work directory.
+  std::string statePath;
   std::string listenPort;
   std::string listenAddress = "127.0.0.1";
   int pollMs = 200;

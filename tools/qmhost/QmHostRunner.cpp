@@ -117,8 +117,14 @@ void QmHostRunner::StartLogger() {
 }
 
 bool QmHostRunner::SetupDriver() {
-  std::map<std::string, std::string> settings;
-  m_driver->Configure(settings);
+  std::map<std::string, std::string> settings{
+      {"MessageStore",
+       m_options.statePath.empty() ? m_options.workdir + "/qmhost-state.db" : m_options.statePath}};
+  if (!m_driver->Configure(settings)) {
+    m_err << "qmhost: error: the driver refused --state '" << settings["MessageStore"] << "'"
+          << std::endl;
+    return false;
+  }
   QmMessengerInstConfBasic conf;
   std::snprintf(conf.InstanceName, sizeof(conf.InstanceName), "qmhost");
   std::snprintf(conf.ListenerPort, sizeof(conf.ListenerPort), "%s", m_options.listenPort.c_str());

@@ -7,12 +7,16 @@
 #include <ctime>
 #include <exception>
 
+#include <sys/socket.h>
+
 #include "MessageBody.h"
 #include "OAPBlock.h"
 #include "OAPDeviceController.h"
 #include "OAPDeviceRegistrar.h"
 #include "OAPDocumentFramer.h"
 #include "OAPListener.h"
+#include "OAPMessageStore.h"
+#include "OAPMessageSweeper.h"
 #include "OAPTracer.h"
 #include "QmException.h"
 #include "QmString.h"
@@ -22,6 +26,7 @@
 namespace {
 
 const char kSource[] = "messenger_drivers/oap/src/OAPClient";
+const char kNotSetUp[] = "OAP Client not set up";
 // The server's answer: read until it is one whole document, the server
 // closes, or this time has passed since the first read began.
 const int kAnswerTimeoutMs = 2000;
@@ -30,10 +35,19 @@ const unsigned int kAnswerPiece = 4096;
 const int kFirstRestartPauseMs = 1000;
 const int kLastRestartPauseMs = 60000;
 
+const uint32_t kBlockBits = 16;
+const uint32_t kBlockLast = 0xffff;
+// Random draws for a free block before the counter stays where it is.
+const int kBlockDraws = 64;
+
 // A multiple of 65536 from 65536 to 65535 * 65536.
+uint32_t RandomBlockBase() {
+  return static_cast<uint32_t>((rand() % 65535) + 1) << kBlockBits;
+}
+
 uint32_t RandomTrackingBase() {
   srand(static_cast<unsigned>(time(nullptr)));
-  return static_cast<uint32_t>((rand() % 65535) + 1) << 16;
+  return RandomBlockBase();
 }
 
 // Reads the answer to a request that was written. A failure of the first
@@ -75,24 +89,48 @@ OAPClient::~OAPClient() {
   OAPDeviceRegistrar::GetInstance()->DetachClient(this);
 }
 
+void OAPClient::SetMessageStore(std::shared_ptr<OAPMessageStore> store, int retentionMinutes,
+                                size_t limit) {
+  m_store = std::move(store);
+  m_retentionMinutes = retentionMinutes;
+  m_storeLimit = limit;
+}
+
 std::string OAPClient::GetRunningModuleName() {
   return "Qm OAP Client";
 }
 
 bool OAPClient::InitializeSpecial() {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::InitializeSpecial", "FALSE");
-  OAPDeviceRegistrar::GetInstance()->SetLogger(m_logger);
+  OAPDeviceRegistrar* registry = OAPDeviceRegistrar::GetInstance();
+  registry->SetLogger(m_logger);
+  registry->AttachClient(weak_from_this());
+  if (m_store != nullptr) registry->SetStore(m_store);
   std::lock_guard<std::recursive_mutex> guard(m_listenerMutex);
   // A second start replaces the listener: the running one is stopped first.
   if (Listener != nullptr) FinalizeSpecial();
+  {
+    std::lock_guard<std::mutex> exchanges(m_exchangeMutex);
+    m_exchangesCut = false;
+  }
   const bool result = StartListener();
+  if (result && m_store != nullptr) {
+    if (m_sweeper == nullptr) {
+      m_sweeper =
+          std::make_unique<OAPMessageSweeper>(m_store, m_retentionMinutes, m_storeLimit, m_logger);
+    }
+    m_sweeper->Start();
+  }
   trace.SetResult(OAPTracer::TrueFalse(result));
   return result;
 }
 
 bool OAPClient::FinalizeSpecial() {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::FinalizeSpecial", "FALSE");
+  // First, so that workers echoing to a silent server are free to stop.
+  CutExchanges();
   std::lock_guard<std::recursive_mutex> guard(m_listenerMutex);
+  if (m_sweeper != nullptr) m_sweeper->Stop();
   const bool result = StopListener();
   m_listenerDown = false;
   trace.SetResult(OAPTracer::TrueFalse(result));
@@ -160,8 +198,55 @@ bool OAPClient::KeepListenerUp() {
 }
 
 uint32_t OAPClient::NextTrackingNumber() {
-  const uint32_t number = TrackingBase.fetch_add(1);
-  return number != 0 ? number : TrackingBase.fetch_add(1);
+  for (;;) {
+    const uint32_t number = TrackingBase.fetch_add(1);
+    if (number != 0 && MayIssue(number)) return number;
+  }
+}
+
+bool OAPClient::MayIssue(uint32_t number) {
+  const uint32_t block = number >> kBlockBits;
+  if (m_checkedBlock.load() == block) return true;
+  std::lock_guard<std::mutex> guard(m_blockMutex);
+  if (m_checkedBlock.load() == block) return true;
+  const std::shared_ptr<OAPMessageStore> store = StoreInUse();
+  auto occupied = [&store](uint32_t base) { return store->AnyInRange(base, base | kBlockLast); };
+  if (!occupied(block << kBlockBits)) {
+    m_checkedBlock = block;
+    return true;
+  }
+  // Another thread may have moved the counter already.
+  if ((TrackingBase.load() >> kBlockBits) == block) {
+    uint32_t base = RandomBlockBase();
+    for (int draw = 1; draw < kBlockDraws && occupied(base); ++draw) base = RandomBlockBase();
+    TrackingBase = base;
+  }
+  return false;
+}
+
+std::shared_ptr<OAPMessageStore> OAPClient::StoreInUse() {
+  return m_store != nullptr ? m_store : OAPDeviceRegistrar::GetInstance()->GetStore();
+}
+
+bool OAPClient::BeginExchange(QmioSocket* socket) {
+  std::lock_guard<std::mutex> guard(m_exchangeMutex);
+  if (m_exchangesCut) return false;
+  m_exchanges.insert(socket);
+  return true;
+}
+
+bool OAPClient::EndExchange(QmioSocket* socket) {
+  std::lock_guard<std::mutex> guard(m_exchangeMutex);
+  m_exchanges.erase(socket);
+  return m_exchangesCut;
+}
+
+void OAPClient::CutExchanges() {
+  std::lock_guard<std::mutex> guard(m_exchangeMutex);
+  m_exchangesCut = true;
+  // An owner unregisters its socket (under this lock) before it closes it,
+  // so every descriptor named here still belongs to its exchange.
+  for (QmioSocket* socket : m_exchanges) shutdown(socket->GetSocket(), SHUT_RDWR);
 }
 
 int OAPClient::GetListeningPort() const {
@@ -174,9 +259,11 @@ unsigned long OAPClient::SendAMessage(MessageBody* body) {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::SendAMessage", "Failure(0)");
   unsigned long tracking = 0;
   if (body != nullptr) {
-    OAPDeviceController* device = OAPDeviceRegistrar::GetInstance()->GetDevice(body->to, true);
-    device->SetClient(this);
+    const OAPDeviceRegistrar::Device device =
+        OAPDeviceRegistrar::GetInstance()->GetDevice(body->to, true);
+    device->SetClient(weak_from_this());
     tracking = device->SendAMessage(body);
+    if (m_sweeper != nullptr) m_sweeper->Poke();
   }
   trace.SetResult(QmstringFormat("%s(%lu)", tracking != 0 ? "Success" : "Failure", tracking));
   return tracking;
@@ -185,7 +272,7 @@ unsigned long OAPClient::SendAMessage(MessageBody* body) {
 int OAPClient::GetStatus(const std::string& device, unsigned long tracking) {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::GetStatus", "0");
   OAPDeviceController::MsgStatus status;
-  OAPDeviceController* controller =
+  const OAPDeviceRegistrar::Device controller =
       OAPDeviceRegistrar::GetInstance()->GetDevice(device, static_cast<uint32_t>(tracking));
   if (controller != nullptr) controller->GetStatus(static_cast<uint32_t>(tracking), status);
   const int state = status.state;
@@ -196,7 +283,7 @@ int OAPClient::GetStatus(const std::string& device, unsigned long tracking) {
 std::list<std::string> OAPClient::QueryResponse(const std::string& device, unsigned long tracking) {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::QueryResponse", "0");
   std::list<std::string> replies;
-  OAPDeviceController* controller =
+  const OAPDeviceRegistrar::Device controller =
       OAPDeviceRegistrar::GetInstance()->GetDevice(device, static_cast<uint32_t>(tracking));
   if (controller != nullptr) {
     replies = controller->QueryResponse(device, static_cast<uint32_t>(tracking));
@@ -207,14 +294,14 @@ std::list<std::string> OAPClient::QueryResponse(const std::string& device, unsig
 
 void OAPClient::WipeOptions(unsigned long tracking) {
   OAPTracer trace(m_logger, kSource, __LINE__, "OAPClient::WipeOptions");
-  OAPDeviceController* controller =
+  const OAPDeviceRegistrar::Device controller =
       OAPDeviceRegistrar::GetInstance()->GetDeviceByTrackingID(static_cast<uint32_t>(tracking));
   if (controller != nullptr) {
     auto update = std::make_unique<MessageBody>();
     update->version = "4.0";
     update->updateOnlyExisting = true;
     update->id = static_cast<uint32_t>(tracking);
-    controller->SetClient(this);
+    controller->SetClient(weak_from_this());
     try {
       controller->SendAMessage(update.release());
     } catch (const std::exception& e) {
@@ -233,8 +320,16 @@ OAPBlock* OAPClient::DispatchPayLoad(const std::string& host, int port, OAPBlock
     QmioClientSocket socket;
     socket.SetEventLog(m_logger);
     socket.Connect(host, port, QmioSocket::SOCKET_TCP);
-    socket.Write(request->Serialize());
-    const std::string received = ReadAnswer(socket);
+    if (!BeginExchange(&socket)) QM_THROW(kNotSetUp);
+    std::string received;
+    try {
+      socket.Write(request->Serialize());
+      received = ReadAnswer(socket);
+    } catch (const QmException&) {
+      if (!EndExchange(&socket)) throw;
+      QM_THROW(kNotSetUp);
+    }
+    if (EndExchange(&socket)) QM_THROW(kNotSetUp);
     socket.Close();
 
     // Only the bytes read count, up to the first NUL among them.

@@ -77,7 +77,7 @@ bool OAPConnectionHandler::OnData(const std::string& data) {
   }
 
   const unsigned long tracking = block->GetID();
-  OAPDeviceController* device =
+  const OAPDeviceRegistrar::Device device =
       OAPDeviceRegistrar::GetInstance()->GetDeviceByTrackingID(block->GetID());
   if (device == nullptr) {
     QM_LOG(m_logger, Warn, kSource,
@@ -88,7 +88,7 @@ bool OAPConnectionHandler::OnData(const std::string& data) {
 
   std::unique_ptr<OAPServiceHandlerInterface> handler(OAPServiceHandlerInterface::GetServiceHandler(
       block->GetServiceName(), block->GetServiceVersion()));
-  handler->SetDeviceContext(device);
+  handler->SetDeviceContext(device.get());
   QM_LOG(m_logger, Info, kSource,
          QmstringFormat("Handling request from Handset '%s' for Msg Tracking #%lu",
                         device->handset.c_str(), tracking));

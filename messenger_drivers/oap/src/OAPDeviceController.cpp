@@ -8,6 +8,7 @@
 #include "MessageBody.h"
 #include "OAPBlock.h"
 #include "OAPClient.h"
+#include "OAPMemoryMessageStore.h"
 #include "OAPResponseBlock.h"
 #include "OAPTracer.h"
 #include "QmException.h"
@@ -40,8 +41,10 @@ class ScopeExit {
 
 }  // namespace
 
-OAPDeviceController::OAPDeviceController(const std::string& deviceAddress)
-    : address(deviceAddress) {
+OAPDeviceController::OAPDeviceController(const std::string& deviceAddress,
+                                         std::shared_ptr<OAPMessageStore> store)
+    : address(deviceAddress),
+      m_store(store != nullptr ? std::move(store) : std::make_shared<OAPMemoryMessageStore>()) {
   ParseDeviceAddress();
 }
 
@@ -62,9 +65,58 @@ void OAPDeviceController::ParseDeviceAddress() {
   key = handset + "@" + host;
 }
 
+std::string OAPDeviceController::KeyOf(const std::string& deviceAddress) {
+  const std::string::size_type at = deviceAddress.find('@');
+  if (at == std::string::npos) return "";
+  return deviceAddress.substr(0, deviceAddress.find(':', at + 1));
+}
+
+void OAPDeviceController::SetClient(std::weak_ptr<OAPClient> newClient) {
+  std::lock_guard<std::mutex> guard(m_refs);
+  client = std::move(newClient);
+}
+
+std::shared_ptr<OAPClient> OAPDeviceController::GetClient() const {
+  std::lock_guard<std::mutex> guard(m_refs);
+  return client.lock();
+}
+
+void OAPDeviceController::SetStore(std::shared_ptr<OAPMessageStore> store) {
+  std::lock_guard<std::mutex> guard(m_refs);
+  m_store = std::move(store);
+}
+
+std::shared_ptr<OAPMessageStore> OAPDeviceController::GetStore() const {
+  std::lock_guard<std::mutex> guard(m_refs);
+  return m_store;
+}
+
 QmLogInterface* OAPDeviceController::GetLogger() const {
-  OAPClient* current = client.load();
+  const std::shared_ptr<OAPClient> current = GetClient();
   return current != nullptr ? current->GetLogger() : nullptr;
+}
+
+bool OAPDeviceController::FindOwn(OAPMessageStore& store, uint32_t trackingNumber,
+                                  Message* out) const {
+  return store.Find(trackingNumber, out) && out->address == address;
+}
+
+std::shared_ptr<const MessageBody> OAPDeviceController::ShownBody(OAPMessageStore& store,
+                                                                  const Message& message) const {
+  if (message.bodyOf == 0) return message.body;
+  Message shared;
+  return store.Find(message.bodyOf, &shared) ? shared.body : nullptr;
+}
+
+OAPDeviceController::Message OAPDeviceController::NewMessage(
+    uint32_t trackingNumber, int32_t state, const std::shared_ptr<MessageBody>& body) const {
+  Message message;
+  message.tracking = trackingNumber;
+  message.address = address;
+  message.state = state;
+  message.created = OAPMessageStore::Now();
+  if (body != nullptr) message.body = std::make_shared<const MessageBody>(*body);
+  return message;
 }
 
 unsigned long OAPDeviceController::SendAMessage(OAPBlockBody* body) {
@@ -81,15 +133,9 @@ unsigned long OAPDeviceController::SendAMessage(const std::shared_ptr<MessageBod
   OAPTracer trace(GetLogger(), kSource, __LINE__, "OAPDeviceController::SendAMessage", "0");
   if (body == nullptr) QM_THROW("Dispatch Failure");
   std::unique_ptr<OAPServiceHandlerInterface> handler(NewHandler());
-  std::unique_ptr<OAPBlock> request;
-  bool update = false;
-  {
-    // A kept body takes the handset's replies on the listener's threads.
-    QmconCriticalSection guard(&m_lock, true, true, false);
-    request.reset(handler->BuildPayLoad(body.get()));
-    update = body->updateOnlyExisting;
-  }
-  const unsigned long tracking = Exchange(*handler, std::move(request), body, !update);
+  std::unique_ptr<OAPBlock> request(handler->BuildPayLoad(body.get()));
+  const unsigned long tracking =
+      Exchange(*handler, std::move(request), body, !body->updateOnlyExisting);
   trace.SetResult(std::to_string(tracking));
   return tracking;
 }
@@ -157,7 +203,7 @@ OAPServiceHandlerInterface* OAPDeviceController::NewHandler() {
 }
 
 std::unique_ptr<OAPBlock> OAPDeviceController::Dispatch(OAPBlock& request) {
-  OAPClient* current = client.load();
+  const std::shared_ptr<OAPClient> current = GetClient();
   if (current == nullptr || request.header == nullptr || request.body == nullptr) return nullptr;
   return std::unique_ptr<OAPBlock>(current->DispatchPayLoad(host, port, &request));
 }
@@ -174,56 +220,60 @@ void OAPDeviceController::HandleAnswer(OAPServiceHandlerInterface& handler, OAPB
 
 bool OAPDeviceController::ReserveStatus(uint32_t trackingNumber,
                                         const std::shared_ptr<MessageBody>& body) {
-  QmconCriticalSection guard(&m_lock, true, true, false);
-  MsgStatus status;
-  status.body = body;
-  return statuses.emplace(trackingNumber, status).second;
+  return GetStore()->Add(NewMessage(trackingNumber, MsgStatus::Pending, body));
 }
 
 void OAPDeviceController::WithdrawStatus(uint32_t trackingNumber) {
-  QmconCriticalSection guard(&m_lock, true, true, false);
-  statuses.erase(trackingNumber);
+  GetStore()->Forget(trackingNumber);
 }
 
 void OAPDeviceController::AcceptStatus(uint32_t answerNumber,
                                        const std::shared_ptr<MessageBody>& body) {
   QmconCriticalSection guard(&m_lock, true, true, false);
-  auto found = statuses.find(answerNumber);
-  if (found == statuses.end()) {
-    MsgStatus status;
-    status.body = body;
-    status.state = MsgStatus::Sent;
-    statuses.emplace(answerNumber, status);
-  } else if (found->second.state == MsgStatus::Pending) {
+  const std::shared_ptr<OAPMessageStore> store = GetStore();
+  Message known;
+  if (!store->Find(answerNumber, &known)) {
+    // An update accepted under a number of its own shows the message it
+    // updates: the new number shares that message's body.
+    const bool sharing = body != nullptr && body->updateOnlyExisting && body->id != answerNumber;
+    Message message = NewMessage(answerNumber, MsgStatus::Sent, sharing ? nullptr : body);
+    if (sharing) message.bodyOf = body->id;
+    store->Add(message);
+  } else if (known.state == MsgStatus::Pending) {
     // Our own reservation (or an entry nothing was known about): the server
     // has now accepted the message. A state reached meanwhile stays.
-    found->second.state = MsgStatus::Sent;
-    if (found->second.body == nullptr) found->second.body = body;
+    if (known.body == nullptr && known.bodyOf == 0 && body != nullptr) {
+      store->SetBody(answerNumber, *body);
+    }
+    store->SetState(answerNumber, MsgStatus::Sent);
   }
 }
 
 void OAPDeviceController::SetStatus(uint32_t trackingNumber, MsgStatus::MsgState state) {
   OAPTracer trace(GetLogger(), kSource, __LINE__, "OAPDeviceController::SetStatus");
   QmconCriticalSection guard(&m_lock, true, true, false);
-  auto found = statuses.find(trackingNumber);
-  if (found != statuses.end()) found->second.state = state;
+  const std::shared_ptr<OAPMessageStore> store = GetStore();
+  Message message;
+  if (FindOwn(*store, trackingNumber, &message)) store->SetState(trackingNumber, state);
 }
 
 bool OAPDeviceController::GetStatus(uint32_t trackingNumber, MsgStatus& out) const {
   OAPTracer trace(GetLogger(), kSource, __LINE__, "OAPDeviceController::GetStatus", "FALSE");
-  QmconCriticalSection guard(&m_lock, true, true, false);
-  auto found = statuses.find(trackingNumber);
-  if (found == statuses.end()) return false;
-  out = found->second;
-  // The kept body changes with every echoed reply; hand out a snapshot.
-  if (out.body != nullptr) out.body = std::make_shared<MessageBody>(*out.body);
+  const std::shared_ptr<OAPMessageStore> store = GetStore();
+  Message message;
+  if (!FindOwn(*store, trackingNumber, &message)) return false;
+  out.state = static_cast<MsgStatus::MsgState>(message.state);
+  out.closed = message.closed;
+  out.responses = message.responses;
+  const std::shared_ptr<const MessageBody> body = ShownBody(*store, message);
+  out.body = body != nullptr ? std::make_shared<MessageBody>(*body) : nullptr;
   trace.SetResult("TRUE");
   return true;
 }
 
 bool OAPDeviceController::HasStatus(uint32_t trackingNumber) const {
-  QmconCriticalSection guard(&m_lock, true, true, false);
-  return statuses.count(trackingNumber) != 0;
+  Message message;
+  return FindOwn(*GetStore(), trackingNumber, &message);
 }
 
 void OAPDeviceController::AddResponse(uint32_t trackingNumber, const std::string& text,
@@ -234,38 +284,54 @@ void OAPDeviceController::AddResponse(uint32_t trackingNumber, const std::string
   bool final = false;
   {
     QmconCriticalSection guard(&m_lock, true, true, false);
-    auto found = statuses.find(trackingNumber);
-    if (found == statuses.end() || found->second.closed) return;
+    Message message;
+    if (!FindOwn(*GetStore(), trackingNumber, &message) || message.closed) return;
     if (isUserResponse) {
       reply = text;
     } else {
       reply = text.substr(2);  // std::out_of_range for data shorter than its prefix
       final = text.compare(0, 2, kFinalPrefix) == 0;
     }
-    found->second.responses.push_back(reply);
-    // Closed together with storing the reply, so that a second final answer
-    // racing this one is ignored.
-    if (final) found->second.closed = true;
   }
-  WipeOptions(trackingNumber, reply, final);
+  Echo(trackingNumber, reply, final, true);
 }
 
 unsigned long OAPDeviceController::WipeOptions(uint32_t trackingNumber,
                                                const std::string& replyText, bool wipe) {
+  return Echo(trackingNumber, replyText, wipe, false);
+}
+
+unsigned long OAPDeviceController::Echo(uint32_t trackingNumber, const std::string& replyText,
+                                        bool wipe, bool storeReply) {
   OAPTracer trace(GetLogger(), kSource, __LINE__, "OAPDeviceController::WipeOptions", "0");
   std::shared_ptr<MessageBody> body;
   {
     QmconCriticalSection guard(&m_lock, true, true, false);
-    auto found = statuses.find(trackingNumber);
-    if (found == statuses.end() || found->second.body == nullptr) return 0;
-    body = found->second.body;
-    body->updateOnlyExisting = true;
-    body->wipeOptions = wipe;
-    if (!body->replyHeaderAdded) {
-      body->bodyText += kReplyHeading;
-      body->replyHeaderAdded = true;
+    const std::shared_ptr<OAPMessageStore> store = GetStore();
+    Message message;
+    if (!FindOwn(*store, trackingNumber, &message)) return 0;
+    const std::shared_ptr<const MessageBody> shown = ShownBody(*store, message);
+    if (shown != nullptr) {
+      body = std::make_shared<MessageBody>(*shown);
+      body->updateOnlyExisting = true;
+      body->wipeOptions = wipe;
+      if (!body->replyHeaderAdded) {
+        body->bodyText += kReplyHeading;
+        body->replyHeaderAdded = true;
+      }
+      body->bodyText += kReplyMarker + replyText;
     }
-    body->bodyText += kReplyMarker + replyText;
+    // A reply is kept together with the text that echoes it, and a final one
+    // closes the message before the echo goes out, so that a second final
+    // answer racing this one is ignored. A shared body is the other
+    // message's to keep.
+    const bool ownBody = message.bodyOf == 0;
+    if (storeReply &&
+        !store->AddResponse(trackingNumber, replyText, wipe, ownBody ? body.get() : nullptr)) {
+      return 0;
+    }
+    if (body == nullptr) return 0;
+    if (!storeReply || !ownBody) store->SetBody(ownBody ? trackingNumber : message.bodyOf, *body);
   }
   const unsigned long tracking = SendAMessage(body);
   trace.SetResult(std::to_string(tracking));
@@ -278,7 +344,13 @@ std::list<std::string> OAPDeviceController::QueryResponse(const std::string& /*d
   std::list<std::string> replies;
   {
     QmconCriticalSection guard(&m_lock, true, true, false);
-    replies.swap(statuses[trackingNumber].responses);
+    const std::shared_ptr<OAPMessageStore> store = GetStore();
+    Message message;
+    if (!store->Find(trackingNumber, &message)) {
+      store->Add(NewMessage(trackingNumber, MsgStatus::Pending, nullptr));
+    } else if (message.address == address) {
+      store->TakeResponses(trackingNumber, &replies);
+    }
   }
   trace.SetResult(std::to_string(replies.size()));
   return replies;

@@ -1,14 +1,14 @@
 #ifndef QM_OAP_OAPDEVICECONTROLLER_H
 #define QM_OAP_OAPDEVICECONTROLLER_H
 
-#include <atomic>
 #include <cstdint>
 #include <list>
-#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "OAPMessageServiceHandler.h"
+#include "OAPMessageStore.h"
 #include "QmconLock.h"
 
 class MessageBody;
@@ -18,22 +18,23 @@ class OAPClient;
 class OAPResponseBlock;
 class QmLogInterface;
 
-// One handset: where its OAP server is, and per tracking number the state of
-// each message sent to it with the replies the handset gave. Messages go out
-// through the client set with SetClient (not owned).
+// One handset: where its OAP server is, and the messages sent to it. The
+// state of each message (by tracking number) lives in a message store that
+// the registry shares among its controllers; a controller sees only the
+// messages sent to its own address. Messages go out through the client set
+// with SetClient, which the controller does not keep alive: once the client
+// is gone, sends fail.
 //
 // Thread safety: the host's threads (sends, queries) and the listener's
-// worker threads (inbound answers) use one controller at once. The status map
-// is guarded by a lock that is never held across a network exchange. The
-// address fields are fixed at construction.
+// worker threads (inbound answers) use one controller at once. A lock makes
+// each read-and-change of a message one step; it is never held across a
+// network exchange. The address fields are fixed at construction.
 //
 // Ownership: a body handed to SendAMessage(OAPBlockBody*) belongs to the
-// controller from then on. It is kept with the message's status when the
-// server accepts the message (so that the message can be updated later) and
-// freed otherwise, also when the send throws. Kept bodies live as long as the
-// controller, i.e. until the registry is released. A version 4.0 update is
-// accepted under a fresh number, whose status shares the body of the message
-// it updates.
+// controller and is freed when the send returns; the store keeps a copy with
+// the message when the server accepts it (so that the message can be updated
+// later). A version 4.0 update is accepted under a fresh number, whose
+// message shares the body of the message it updates.
 //
 // Every public operation traces its call through the client's logger; the
 // overloads of SendAMessage that only hand on to another overload leave the
@@ -45,8 +46,8 @@ class OAPDeviceController {
    public:
     enum MsgState : int32_t { Pending = 0, Sent = 1, Delivered = 2 };
 
-    // The body the message was sent from (null for messages sent from a
-    // request). GetStatus hands out a copy of it.
+    // A copy of the body the message was sent from (null for messages sent
+    // from a request).
     std::shared_ptr<MessageBody> body;
     MsgState state = Pending;
     // A final reply has arrived; later replies are ignored.
@@ -55,20 +56,25 @@ class OAPDeviceController {
     std::list<std::string> responses;
   };
 
-  explicit OAPDeviceController(const std::string& deviceAddress);
+  // With no store given the controller keeps its messages in memory of its own.
+  explicit OAPDeviceController(const std::string& deviceAddress,
+                               std::shared_ptr<OAPMessageStore> store = nullptr);
   ~OAPDeviceController();
   OAPDeviceController(const OAPDeviceController&) = delete;
   OAPDeviceController& operator=(const OAPDeviceController&) = delete;
+
+  // handset "@" host of a device address: the key of the controller made
+  // from it.
+  static std::string KeyOf(const std::string& deviceAddress);
 
   // Sends a message (or an update of a shown one) built from the body, which
   // the controller takes over (see above). Returns the tracking number the
   // server accepted, 0 when its answer is no response block. Throws
   // QmException "Dispatch Failure" when nothing usable came back (also for a
-  // body that is no message), the status text of any answer other than code
-  // 200, and the socket's exceptions.
+  // body that is no message, and without a client), the status text of any
+  // answer other than code 200, and the socket's exceptions.
   unsigned long SendAMessage(OAPBlockBody* body);
-  // The same for a body the caller shares with the controller, such as the
-  // body kept with a message when a reply is echoed.
+  // The same for a body the caller keeps (it is not changed but for its id).
   unsigned long SendAMessage(const std::shared_ptr<MessageBody>& body);
   // Sends from a request (not owned). Never throws a QmException: every
   // failure gives 0.
@@ -97,10 +103,11 @@ class OAPDeviceController {
   // unknown number gets an empty status.
   std::list<std::string> QueryResponse(const std::string& deviceAddress, uint32_t trackingNumber);
 
-  void SetClient(OAPClient* newClient) { client.store(newClient); }
-  OAPClient* GetClient() const { return client.load(); }
-  // Clears the client pointer when it still is `leaving`.
-  void ForgetClient(OAPClient* leaving) { client.compare_exchange_strong(leaving, nullptr); }
+  void SetClient(std::weak_ptr<OAPClient> newClient);
+  // The client, null once it is gone.
+  std::shared_ptr<OAPClient> GetClient() const;
+  void SetStore(std::shared_ptr<OAPMessageStore> store);
+  std::shared_ptr<OAPMessageStore> GetStore() const;
   // The client's logger; null without a client or logger.
   QmLogInterface* GetLogger() const;
 
@@ -115,7 +122,14 @@ class OAPDeviceController {
   std::string key;
 
  private:
+  using Message = OAPMessageStore::Message;
+
   void ParseDeviceAddress();
+  // The message when it is known and was sent to this device.
+  bool FindOwn(OAPMessageStore& store, uint32_t trackingNumber, Message* out) const;
+  // The body the message shows (its own, or the one it shares).
+  std::shared_ptr<const MessageBody> ShownBody(OAPMessageStore& store,
+                                               const Message& message) const;
   // A message service handler working for this controller, owned by the caller.
   OAPServiceHandlerInterface* NewHandler();
   // Dispatches a built request (null: nothing to send) and evaluates the
@@ -134,10 +148,20 @@ class OAPDeviceController {
   bool ReserveStatus(uint32_t trackingNumber, const std::shared_ptr<MessageBody>& body);
   void WithdrawStatus(uint32_t trackingNumber);
   void AcceptStatus(uint32_t answerNumber, const std::shared_ptr<MessageBody>& body);
+  // WipeOptions; with `storeReply` (a reply AddResponse takes) the reply is
+  // kept first, closing the message when `wipe` is set, in the same change
+  // of the store as the echoed text.
+  unsigned long Echo(uint32_t trackingNumber, const std::string& replyText, bool wipe,
+                     bool storeReply);
+  // A new message of this device as the store keeps it.
+  Message NewMessage(uint32_t trackingNumber, int32_t state,
+                     const std::shared_ptr<MessageBody>& body) const;
 
   mutable QmconLock m_lock;
-  std::map<uint32_t, MsgStatus> statuses;
-  std::atomic<OAPClient*> client{nullptr};
+  // Guards the two references below, which the registry may replace.
+  mutable std::mutex m_refs;
+  std::weak_ptr<OAPClient> client;
+  std::shared_ptr<OAPMessageStore> m_store;
 };
 
 #endif

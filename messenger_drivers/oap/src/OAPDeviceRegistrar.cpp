@@ -4,6 +4,7 @@
 
 #include "OAPClient.h"
 #include "OAPDeviceController.h"
+#include "OAPMemoryMessageStore.h"
 #include "OAPTracer.h"
 #include "QmconCriticalSection.h"
 
@@ -21,6 +22,8 @@ std::mutex& InstanceMutex() {
 }  // namespace
 
 std::unique_ptr<OAPDeviceRegistrar> OAPDeviceRegistrar::m_pobjMySelf;
+
+OAPDeviceRegistrar::OAPDeviceRegistrar() : m_store(std::make_shared<OAPMemoryMessageStore>()) {}
 
 OAPDeviceRegistrar::~OAPDeviceRegistrar() = default;
 
@@ -40,68 +43,100 @@ void OAPDeviceRegistrar::Release() {
   m_pobjMySelf.reset();
 }
 
-OAPDeviceController* OAPDeviceRegistrar::GetDevice(const std::string& address, bool create) {
+OAPDeviceRegistrar::Device OAPDeviceRegistrar::GetDevice(const std::string& address, bool create) {
   OAPTracer trace(m_logger.load(), kSource, __LINE__, "OAPDeviceRegistrar::GetDevice", kFalse);
-  OAPDeviceController* device = FindOrCreate(address, create);
+  Device device = FindOrCreate(address, create);
   trace.SetResult(OAPTracer::TrueFalse(device != nullptr));
   return device;
 }
 
-OAPDeviceController* OAPDeviceRegistrar::FindOrCreate(const std::string& address, bool create) {
+OAPDeviceRegistrar::Device OAPDeviceRegistrar::FindOrCreate(const std::string& address,
+                                                            bool create) {
   QmconCriticalSection guard(&m_lock, true, true, false);
   auto found = m_devices.find(address);
-  if (found != m_devices.end()) return found->second.get();
+  if (found != m_devices.end()) return found->second;
   if (!create) return nullptr;
-  auto inserted = m_devices.emplace(address, std::make_unique<OAPDeviceController>(address));
-  return inserted.first->second.get();
+  auto device = std::make_shared<OAPDeviceController>(address, m_store);
+  device->SetClient(m_client);
+  m_devices.emplace(address, device);
+  return device;
 }
 
-OAPDeviceController* OAPDeviceRegistrar::GetDevice(const std::string& address,
-                                                   uint32_t trackingNumber) {
+OAPDeviceRegistrar::Device OAPDeviceRegistrar::GetDevice(const std::string& address,
+                                                         uint32_t trackingNumber) {
   OAPTracer trace(m_logger.load(), kSource, __LINE__, "OAPDeviceRegistrar::GetDevice", kFalse);
-  OAPDeviceController* device = FindForMessage(address, trackingNumber);
+  Device device = FindForMessage(address, trackingNumber);
   trace.SetResult(OAPTracer::TrueFalse(device != nullptr));
   return device;
 }
 
-OAPDeviceController* OAPDeviceRegistrar::FindForMessage(const std::string& address,
-                                                        uint32_t trackingNumber) {
-  QmconCriticalSection guard(&m_lock, true, true, false);
-  auto found = m_devices.find(address);
-  if (found != m_devices.end()) return found->second.get();
+OAPDeviceRegistrar::Device OAPDeviceRegistrar::FindForMessage(const std::string& address,
+                                                              uint32_t trackingNumber) {
+  Device exact = FindOrCreate(address, false);
+  if (exact != nullptr) return exact;
   // Status and answer queries name the handset without its server's port
-  // (the controller's key); messages register it with the port.
-  OAPDeviceController* first = nullptr;
-  for (const auto& entry : m_devices) {
-    if (entry.second->key != address) continue;
-    if (entry.second->HasStatus(trackingNumber)) return entry.second.get();
-    if (first == nullptr) first = entry.second.get();
+  // (the controller's key); messages are sent with it.
+  const std::string sentTo = AddressOf(trackingNumber);
+  if (!sentTo.empty() && OAPDeviceController::KeyOf(sentTo) == address) {
+    return FindOrCreate(sentTo, true);
   }
-  return first;
+  QmconCriticalSection guard(&m_lock, true, true, false);
+  for (const auto& entry : m_devices) {
+    if (entry.second->key == address) return entry.second;
+  }
+  return nullptr;
 }
 
-OAPDeviceController* OAPDeviceRegistrar::GetDeviceByTrackingID(uint32_t trackingNumber) {
+OAPDeviceRegistrar::Device OAPDeviceRegistrar::GetDeviceByTrackingID(uint32_t trackingNumber) {
   OAPTracer trace(m_logger.load(), kSource, __LINE__, "OAPDeviceRegistrar::GetDeviceByTrackingID",
                   kFalse);
-  OAPDeviceController* device = nullptr;
-  {
-    QmconCriticalSection guard(&m_lock, true, true, false);
-    for (const auto& entry : m_devices) {
-      if (entry.second->HasStatus(trackingNumber)) {
-        device = entry.second.get();
-        break;
-      }
-    }
-  }
+  const std::string sentTo = AddressOf(trackingNumber);
+  Device device = sentTo.empty() ? nullptr : FindOrCreate(sentTo, true);
   trace.SetResult(OAPTracer::TrueFalse(device != nullptr));
   return device;
 }
 
-void OAPDeviceRegistrar::DetachClient(OAPClient* client) {
+std::string OAPDeviceRegistrar::AddressOf(uint32_t trackingNumber) {
+  OAPMessageStore::Message message;
+  return GetStore()->Find(trackingNumber, &message) ? message.address : std::string();
+}
+
+void OAPDeviceRegistrar::AttachClient(const std::weak_ptr<OAPClient>& client) {
+  QmconCriticalSection guard(&m_lock, true, true, false);
+  m_client = client;
+  for (const auto& entry : m_devices) entry.second->SetClient(client);
+}
+
+void OAPDeviceRegistrar::DetachClient(const OAPClient* client) {
   QmLogInterface* logger = client->GetLogger();
   m_logger.compare_exchange_strong(logger, nullptr);
   QmconCriticalSection guard(&m_lock, true, true, false);
-  for (const auto& entry : m_devices) {
-    entry.second->ForgetClient(client);
+  // Controllers hold their client weakly: a client that is gone is gone for
+  // them as well.
+  const std::shared_ptr<OAPClient> current = m_client.lock();
+  if (current == nullptr || current.get() == client) m_client.reset();
+}
+
+void OAPDeviceRegistrar::SetStore(std::shared_ptr<OAPMessageStore> store) {
+  QmconCriticalSection guard(&m_lock, true, true, false);
+  m_store = std::move(store);
+  for (const auto& entry : m_devices) entry.second->SetStore(m_store);
+}
+
+std::shared_ptr<OAPMessageStore> OAPDeviceRegistrar::GetStore() {
+  QmconCriticalSection guard(&m_lock, true, true, false);
+  return m_store;
+}
+
+void OAPDeviceRegistrar::Clear() {
+  std::map<std::string, Device> devices;
+  std::shared_ptr<OAPMessageStore> store = std::make_shared<OAPMemoryMessageStore>();
+  {
+    QmconCriticalSection guard(&m_lock, true, true, false);
+    devices.swap(m_devices);
+    m_store.swap(store);
+    m_client.reset();
+    m_logger.store(nullptr);
   }
+  // The controllers and the store are let go outside the lock.
 }

@@ -47,7 +47,7 @@ OAPMessageServiceHandler::OAPMsgServicePayLoadRequest::~OAPMsgServicePayLoadRequ
 
 OAPMessageServiceHandler::~OAPMessageServiceHandler() = default;
 
-OAPClient* OAPMessageServiceHandler::Client() const {
+std::shared_ptr<OAPClient> OAPMessageServiceHandler::Client() const {
   return deviceContext != nullptr ? deviceContext->GetClient() : nullptr;
 }
 

@@ -52,7 +52,7 @@ class OAPMessageServiceHandler : public OAPServiceHandlerInterface {
   OAPBlock* BuildV4PayLoad(OAPBlockBody* body);
 
  private:
-  OAPClient* Client() const;
+  std::shared_ptr<OAPClient> Client() const;
   QmLogInterface* Logger() const;
   std::unique_ptr<OAPBlock> StartBlock(bool version4) const;
   void HandleResponse(const OAPResponseBlock& response);

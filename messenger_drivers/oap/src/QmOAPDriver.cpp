@@ -15,6 +15,10 @@
 #include "MessageBody.h"
 #include "OAPBuildInfo.h"
 #include "OAPClient.h"
+#include "OAPDeviceRegistrar.h"
+#include "OAPLoggerProxy.h"
+#include "OAPMemoryMessageStore.h"
+#include "OAPSQLiteMessageStore.h"
 #include "OAPTracer.h"
 #include "QmAny.h"
 #include "QmException.h"
@@ -86,6 +90,26 @@ void CopyPresentation(const QmOAPMessageFile& job, MessageBody* body) {
 const char kTrue[] = "TRUE";
 const char kFalse[] = "FALSE";
 
+// The settings Configure takes, and the value of kStoreKey that keeps the
+// messages in memory.
+const char kStoreKey[] = "MessageStore";
+const char kRetentionKey[] = "MessageRetentionMinutes";
+const char kLimitKey[] = "MessageStoreLimit";
+const char kInMemory[] = "memory";
+const long kMaxRetentionMinutes = 5256000;  // ten years
+const long kMaxStoreLimit = 100000000;
+
+// A whole decimal number from 1 to `maximum`, blanks around it allowed.
+bool ReadCount(const std::string& text, long maximum, long* out) {
+  const std::string digits = QmstringTrim(text);
+  if (digits.empty() || digits.size() > 12 ||
+      digits.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  *out = std::strtol(digits.c_str(), nullptr, 10);
+  return *out >= 1 && *out <= maximum;
+}
+
 // The listener port of the configuration: decimal, from 1 to 65535, with
 // nothing but white space around the digits. `port` receives the number read
 // (within the int range, for the refusal's log line).
@@ -111,16 +135,80 @@ QmOAPDriver::QmOAPDriver()
   ReportsManager = nullptr;
 }
 
-QmOAPDriver::~QmOAPDriver() = default;
+QmOAPDriver::~QmOAPDriver() {
+  Client.reset();
+  OAPLoggerProxy::Instance()->Detach();
+  // The device controllers and the message store go with the driver.
+  OAPDeviceRegistrar::GetInstance()->Clear();
+}
 
-bool QmOAPDriver::Configure(std::map<std::string, std::string>& /*settings*/) {
-  OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Configure", kTrue);
+bool QmOAPDriver::Configure(std::map<std::string, std::string>& settings) {
+  OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Configure", kFalse);
+  std::lock_guard<std::mutex> lifecycle(m_lifecycle);
+  // All or nothing: a bad value leaves the settings as they were.
+  StoreSettings chosen = m_settings;
+  for (const auto& setting : settings) {
+    if (!ApplySetting(setting.first, setting.second, &chosen)) return false;
+  }
+  m_settings = chosen;
+  trace.SetResult(kTrue);
   return true;
+}
+
+bool QmOAPDriver::ApplySetting(const std::string& key, const std::string& value,
+                               StoreSettings* settings) {
+  long number = 0;
+  std::string expected;
+  if (key == kStoreKey) {
+    const std::string where = QmstringTrim(value);
+    if (!where.empty()) {
+      settings->where = QmstringEqualsNoCase(where, kInMemory) ? kInMemory : where;
+      return true;
+    }
+    expected = "\"memory\" or the path of a file";
+  } else if (key == kRetentionKey) {
+    if (ReadCount(value, kMaxRetentionMinutes, &number)) {
+      settings->retentionMinutes = static_cast<int>(number);
+      return true;
+    }
+    expected = "whole minutes from 1 to " + std::to_string(kMaxRetentionMinutes);
+  } else if (key == kLimitKey) {
+    if (ReadCount(value, kMaxStoreLimit, &number)) {
+      settings->limit = static_cast<size_t>(number);
+      return true;
+    }
+    expected = "a whole number of messages from 1 to " + std::to_string(kMaxStoreLimit);
+  } else {
+    QM_LOG(Logger, Warn, kSource, QmstringFormat("Ignoring unknown setting '%s'.", key.c_str()));
+    return true;
+  }
+  QM_LOG(Logger, Error, kSource,
+         QmstringFormat("Invalid value '%s' for setting '%s': expected %s.", value.c_str(),
+                        key.c_str(), expected.c_str()));
+  return false;
+}
+
+std::shared_ptr<OAPMessageStore> QmOAPDriver::OpenStore() {
+  if (m_store != nullptr && m_storeWhere == m_settings.where) return m_store;
+  m_storeWhere = m_settings.where;
+  m_store = nullptr;
+  if (m_storeWhere != kInMemory) {
+    std::string error;
+    m_store = OAPSQLiteMessageStore::Open(m_storeWhere, OAPLoggerProxy::Instance(), &error);
+    if (m_store == nullptr) {
+      QM_LOG(Logger, Critical, kSource,
+             QmstringFormat("Cannot use message store '%s' (%s); keeping messages in memory.",
+                            m_storeWhere.c_str(), error.c_str()));
+    }
+  }
+  if (m_store == nullptr) m_store = std::make_shared<OAPMemoryMessageStore>();
+  return m_store;
 }
 
 bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
   OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Setup", kFalse);
   QM_LOG(Logger, Info, kSource, OAPBuildInfo::Describe());
+  std::lock_guard<std::mutex> lifecycle(m_lifecycle);
   bool result = false;
   long port = 0;
   if (!ReadListenerPort(conf, &port)) {
@@ -131,9 +219,17 @@ bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
     FinalizeClient();
     std::string address(conf->ListenerAddress,
                         strnlen(conf->ListenerAddress, sizeof(conf->ListenerAddress)));
-    Client.reset(new OAPClient(static_cast<int>(port), address));
-    result = Client->Initialize(Logger, "");
+    // Without a host logger the components get none either, so that they do
+    // not build lines nobody reads.
+    OAPLoggerProxy* proxy = Logger != nullptr ? OAPLoggerProxy::Instance() : nullptr;
+    OAPLoggerProxy::Instance()->Attach(Logger);
+    auto client = std::make_shared<OAPClient>(static_cast<int>(port), address);
+    client->SetMessageStore(OpenStore(), m_settings.retentionMinutes, m_settings.limit);
+    result = client->Initialize(proxy, "");
     if (!result) QM_LOG(Logger, Critical, kSource, "Failed to Initialize OAP Client.");
+    // Kept also when it failed, for Cleanup.
+    std::lock_guard<std::mutex> guard(m_clientMutex);
+    Client = std::move(client);
   }
   trace.SetResult(OAPTracer::TrueFalse(result));
   return result;
@@ -142,7 +238,8 @@ bool QmOAPDriver::Setup(QmMessengerInstConfBasic* conf) {
 bool QmOAPDriver::PeriodicEvent() {
   OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::PeriodicEvent", kTrue);
   // False while the listener is down (it is being started again).
-  const bool result = Client == nullptr || Client->KeepListenerUp();
+  const std::shared_ptr<OAPClient> client = CurrentClient();
+  const bool result = client == nullptr || client->KeepListenerUp();
   trace.SetResult(OAPTracer::TrueFalse(result));
   return result;
 }
@@ -159,15 +256,28 @@ bool QmOAPDriver::ProcessSignal() {
 
 bool QmOAPDriver::Cleanup() {
   OAPTracer trace(Logger, kSource, __LINE__, "QmOAPDriver::Cleanup", kTrue);
+  std::lock_guard<std::mutex> lifecycle(m_lifecycle);
   FinalizeClient();
+  // From here on nothing of the driver writes to the host's logger.
+  OAPLoggerProxy::Instance()->Detach();
   return true;
 }
 
+std::shared_ptr<OAPClient> QmOAPDriver::CurrentClient() {
+  std::lock_guard<std::mutex> guard(m_clientMutex);
+  return Client;
+}
+
 void QmOAPDriver::FinalizeClient() {
-  if (Client && Client->Finalize()) {
-    QM_LOG(Logger, Info, kSource, "Finalized OAP Client");
-    Client.reset();
+  // Taken out first: calls from now on find no client; calls still using it
+  // keep it until they return.
+  std::shared_ptr<OAPClient> client;
+  {
+    std::lock_guard<std::mutex> guard(m_clientMutex);
+    client.swap(Client);
   }
+  if (client != nullptr && client->Finalize())
+    QM_LOG(Logger, Info, kSource, "Finalized OAP Client");
 }
 
 std::string QmOAPDriver::GetDeviceAddress(QmOAPMessageFile* job, bool withoutPort) {
@@ -197,7 +307,8 @@ std::string QmOAPDriver::GetCallerID(QmOAPMessageFile* job) {
 }
 
 unsigned long QmOAPDriver::DispatchJob(QmOAPMessageFile* job) {
-  if (!Client) QM_THROW("OAP Client not set up");
+  const std::shared_ptr<OAPClient> client = CurrentClient();
+  if (client == nullptr) QM_THROW("OAP Client not set up");
   std::unique_ptr<MessageBody> body(new MessageBody());
   body->version = job->OapVersion;
   body->bodyText = job->MessageText;
@@ -212,7 +323,7 @@ unsigned long QmOAPDriver::DispatchJob(QmOAPMessageFile* job) {
     body->userResponseLabel = job->CustomResponseLabel;
   }
   // The client's device controller keeps the body with the message.
-  return Client->SendAMessage(body.release());
+  return client->SendAMessage(body.release());
 }
 
 bool QmOAPDriver::SendAMessage(QmMessageFile* msg, ReportsStatus& status) {
@@ -252,12 +363,13 @@ bool QmOAPDriver::Send2WayRespQuery(QmMessageFile* msg, ReportsStatus& status) {
            "Empty or no tracking receipt defined. Terminating query cycle.");
     return true;
   }
+  const std::shared_ptr<OAPClient> client = CurrentClient();
   // Answers come through the listener: one that stopped is started again
   // here as well, for hosts that do not call PeriodicEvent.
-  if (Client != nullptr) Client->KeepListenerUp();
+  if (client != nullptr) client->KeepListenerUp();
   unsigned long tracking = QmAny(job->TrackingReceipt).asUInt();
   const std::string device = GetDeviceAddress(job, true);
-  const int state = Client != nullptr ? Client->GetStatus(device, tracking) : 0;
+  const int state = client != nullptr ? client->GetStatus(device, tracking) : 0;
   if (state == 0) {
     job->SetErrorText("Unknown Device");
     QM_LOG(Logger, Error, kSource, "The device is unknown for me.");
@@ -268,7 +380,7 @@ bool QmOAPDriver::Send2WayRespQuery(QmMessageFile* msg, ReportsStatus& status) {
     status = QmMessengerReportsMngrInterface::DELIVERED;
     PushBackMsgFile(job, status, false, "");
   }
-  for (const std::string& answer : Client->QueryResponse(device, tracking)) {
+  for (const std::string& answer : client->QueryResponse(device, tracking)) {
     if (!job->IsNewResponse(answer)) {
       QM_LOG(Logger, Debug, kSource,
              QmstringFormat("<%s> Response '%s' is not a new one", job->JobId.c_str(),

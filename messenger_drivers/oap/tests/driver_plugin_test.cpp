@@ -12,6 +12,7 @@ namespace {
 using Log = QmLogInterface;
 
 const auto kTrace = Log::LEVEL_TRACE;
+const auto kWarn = Log::LEVEL_WARN;
 const auto kCritical = Log::LEVEL_CRITICAL;
 
 // A driver object the plug-in never made.
@@ -69,7 +70,7 @@ TEST_F(DriverTest, OneDriverWithoutSetupNamesAndHousekeeping) {
                 driver->GetProtocolName() + "|" + driver->GetCarrierName(),
             "OAP|3.x/4.x|Open Access Protocol (OAP)|*");
   const size_t before = logger.TextsFrom("QmOAPDriver").size();
-  std::map<std::string, std::string> settings{{"ignored", "yes"}};
+  std::map<std::string, std::string> settings;
   EXPECT_TRUE(driver->Configure(settings) && driver->PeriodicEvent() && driver->ResetDevice() &&
               driver->ProcessSignal() && driver->Cleanup());
   std::vector<std::string> expected;
@@ -86,6 +87,36 @@ TEST_F(DriverTest, OneDriverWithoutSetupNamesAndHousekeeping) {
   ASSERT_NE(driver, nullptr);
   EXPECT_EQ(driver->Logger, nullptr);
   driver->MessageQueue = &queue;
+}
+
+// Configure takes the message store's settings, all or none: unknown keys
+// are reported and ignored, a bad value refuses the whole map.
+TEST_F(DriverTest, ConfigureTakesTheStoreSettingsOrRefusesThem) {
+  const std::string minutes = "expected whole minutes from 1 to 5256000.";
+  const std::string count = "expected a whole number of messages from 1 to 100000000.";
+  // clang-format off
+  const struct { std::map<std::string, std::string> settings; bool accepted; std::string line; } cases[] = {
+      {{{"Colour", "red"}}, true, "Ignoring unknown setting 'Colour'."},
+      {{{"MessageStore", "Memory"}, {"MessageRetentionMinutes", " 60 "}, {"MessageStoreLimit", "500"}}, true, ""},
+      {{{"MessageRetentionMinutes", "0"}}, false, "Invalid value '0' for setting 'MessageRetentionMinutes': " + minutes},
+      {{{"MessageRetentionMinutes", "5256001"}}, false, "Invalid value '5256001' for setting 'MessageRetentionMinutes': " + minutes},
+      {{{"MessageStoreLimit", "12x"}}, false, "Invalid value '12x' for setting 'MessageStoreLimit': " + count},
+      {{{"MessageStoreLimit", "-1"}, {"MessageStore", "/nonexistent/never.db"}}, false, "Invalid value '-1' for setting 'MessageStoreLimit': " + count},
+      {{{"MessageStore", " "}}, false, "Invalid value ' ' for setting 'MessageStore': expected \"memory\" or the path of a file."},
+  };
+  // clang-format on
+  for (const auto& c : cases) {
+    std::map<std::string, std::string> settings = c.settings;
+    EXPECT_EQ(driver->Configure(settings), c.accepted) << c.line;
+    if (!c.line.empty()) {
+      EXPECT_EQ(logger.Count(c.accepted ? kWarn : Log::LEVEL_ERROR, c.line, true), 1u) << c.line;
+    }
+    EXPECT_TRUE(logger.Has(kTrace, std::string("Leaving QmOAPDriver::Configure() with ") +
+                                       (c.accepted ? "TRUE." : "FALSE.")));
+  }
+  // The refused store path was not taken: Setup keeps the messages in memory.
+  SetupOnFreePort();
+  EXPECT_EQ(logger.Count(kCritical, "Cannot use message store"), 0u);
 }
 
 TEST_F(DriverTest, SetupRefusesBadPortsAndCleanupStopsTheListener) {

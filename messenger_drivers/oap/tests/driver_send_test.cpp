@@ -2,6 +2,7 @@
 // them for the reports and answers the listener received.
 #include <algorithm>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <regex>
 #include <set>
@@ -240,6 +241,68 @@ TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
                                           "OAPMessageServiceHandler::BuildV4PayLoad",
                                           "OAPMessageServiceHandler::Handle"};
   EXPECT_TRUE(std::includes(called.begin(), called.end(), expected.begin(), expected.end()));
+}
+
+// A store file keeps the messages over a restart of the driver (released and
+// loaded again): notices and answers for them are handled, echoed and handed
+// back as before. A file that cannot be used leaves them in memory.
+TEST_F(SendTest, MessagesInAStoreFileOutliveTheDriver) {
+  char folder[] = "/tmp/qm_restart_XXXXXX";
+  ASSERT_NE(mkdtemp(folder), nullptr);
+  const std::string path = std::string(folder) + "/state.db";
+  std::map<std::string, std::string> settings{{"MessageStore", path}};
+  auto restart = [&] {
+    driver->Cleanup();
+    loader.ReleaseDriverInstance(driver);
+    driver = loader.GetDriverInstance();
+    driver->Logger = &logger;
+    driver->MessageQueue = &queue;
+    ASSERT_TRUE(driver->Configure(settings));
+    ASSERT_TRUE(SetupWithPort(std::to_string(listenerPort)));
+  };
+  restart();
+  QmReferenceJob job;
+  Address(job, server.Port());
+  job.IsInteractive = job.ExpectsResponse = true;
+  job.ResponseChoices = {Choice("Yes", 0), Choice("Stop", 2)};
+  Send(job);
+  const std::string hexId = Hex(std::strtoul(job.GetTrackingReceipt().c_str(), nullptr, 10));
+  Deliver(ResponseDoc(hexId, 3, 200));
+  Deliver(OptionAnswer(hexId, "<DataResp>N:Yes</DataResp>"));
+  restart();
+  Deliver(OptionAnswer(hexId, "<DataResp>F:Stop</DataResp>"));
+  // The second echo shows both answers: the body was kept with its echo.
+  ASSERT_EQ(server.Requests().size(), 3u);
+  EXPECT_NE(server.Requests()[2].find("--&gt;&gt;Yes&#xd;&#xa;--&gt;&gt;Stop</BodyText>"),
+            std::string::npos)
+      << server.Requests()[2];
+  EXPECT_EQ(Query(job), Jobs(3, &job));
+  EXPECT_EQ(job.GetStatusText(), "Stop");
+  EXPECT_EQ(status, Reports::REPLIED_SPECIAL_A);
+  EXPECT_TRUE(job.DeliveredFlag);
+  restart();
+  EXPECT_TRUE(Query(job).empty());
+  EXPECT_EQ(job.GetErrorText(), "");
+  // The next number is not one the store knows.
+  QmReferenceJob next;
+  Address(next, server.Port());
+  next.IsInteractive = next.ExpectsResponse = true;
+  Send(next);
+  EXPECT_NE(next.GetTrackingReceipt(), job.GetTrackingReceipt());
+
+  settings["MessageStore"] = std::string(folder) + "/other.db";
+  restart();  // lets go of the file, which is then damaged
+  std::ofstream(path, std::ios::trunc) << std::string(4096, 'x');
+  settings["MessageStore"] = path;
+  restart();
+  EXPECT_EQ(logger.Count(Log::LEVEL_CRITICAL,
+                         "Cannot use message store '" + path +
+                             "' (file is not a database); keeping messages in memory.",
+                         true),
+            1u);
+  Send(next);
+  EXPECT_TRUE(Query(next).empty());
+  std::system(("rm -rf " + std::string(folder)).c_str());
 }
 
 }  // namespace

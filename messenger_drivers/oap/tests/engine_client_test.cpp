@@ -18,6 +18,8 @@
 #include "OAPClient.h"
 #include "OAPDeviceRegistrar.h"
 #include "OAPDocumentFramer.h"
+#include "OAPLoggerProxy.h"
+#include "OAPMemoryMessageStore.h"
 #include "OAPRequestBlock.h"
 #include "QmException.h"
 #include "QmString.h"
@@ -70,6 +72,44 @@ TEST_F(EngineClientTest, TrackingBaseIsARandomMultipleOf65536) {
   EXPECT_EQ(wrapping.NextTrackingNumber(), UINT32_MAX);
   EXPECT_EQ(wrapping.NextTrackingNumber(), 1u);
   EXPECT_EQ(OAPClient(1, "").GetRunningModuleName(), "Qm OAP Client");
+
+  // Blocks holding messages from before are passed over for free ones, at
+  // the start and when the counter reaches the next block.
+  auto store = std::make_shared<OAPMemoryMessageStore>();
+  OAPClient moving(1, "");
+  moving.SetMessageStore(store, 60, 100);
+  auto keep = [&store](uint32_t number) {
+    OAPMessageStore::Message message;
+    message.tracking = number;
+    ASSERT_TRUE(store->Add(message));
+  };
+  const uint32_t taken = moving.TrackingBase.load();
+  keep(taken + 5);
+  const uint32_t first = moving.NextTrackingNumber();
+  EXPECT_TRUE(first >> 16 != taken >> 16 && first % 65536 == 0) << first;
+  keep(first + 65536 + 1);
+  moving.TrackingBase = first | 0xffff;
+  EXPECT_EQ(moving.NextTrackingNumber(), first | 0xffff);
+  const uint32_t next = moving.NextTrackingNumber();
+  EXPECT_TRUE(next >> 16 != (first >> 16) + 1 && next % 65536 == 0) << next;
+}
+
+// The proxy the driver hands its components: lines reach the attached logger
+// and nothing else; once detached it writes nothing.
+TEST_F(EngineClientTest, LoggerProxyHandsLinesOnOnlyWhileAttached) {
+  OAPLoggerProxy* proxy = OAPLoggerProxy::Instance();
+  EXPECT_EQ(proxy, OAPLoggerProxy::Instance());
+  EXPECT_FALSE(proxy->WriteError("before", 1, "here"));
+  EXPECT_EQ(proxy->GetLogLevel(), Log::LEVEL_NONE);
+  proxy->Attach(&logger);
+  EXPECT_TRUE(proxy->WriteTrace("one", 1, "here") && proxy->WriteFatal("two", 2, "there"));
+  EXPECT_EQ(proxy->GetLogLevel(), Log::LEVEL_TRACE);
+  EXPECT_EQ(proxy->GetLoggerName(), "recording");
+  proxy->Detach();
+  EXPECT_FALSE(proxy->WriteInfo("after", 3, "here"));
+  EXPECT_EQ(logger.TextsFrom("here"), std::vector<std::string>{"one"});
+  EXPECT_EQ(logger.Count(Log::LEVEL_FATAL, "two", true), 1u);
+  EXPECT_EQ(proxy->GetLoggerName(), "");
 }
 
 TEST_F(EngineClientTest, ListenerRunsBetweenInitializeAndFinalize) {
@@ -143,12 +183,12 @@ TEST_F(EngineClientTest, WipeOptionsSendsAVersion4UpdateOfTheShownMessage) {
   FakeOapServer server;
   server.Queue({ResponseDoc("30000", 1, 200)});
   server.Queue({ResponseDoc("30001", 1, 200)});
-  OAPClient client(4321, "127.0.0.1");
-  client.TrackingBase = 0x30000;
+  auto client = std::make_shared<OAPClient>(4321, "127.0.0.1");
+  client->TrackingBase = 0x30000;
   const std::string address = "77@127.0.0.1:" + std::to_string(server.Port());
-  ASSERT_EQ(client.SendAMessage(NewBody(address, "3.0", true)), 0x30000u);
+  ASSERT_EQ(client->SendAMessage(NewBody(address, "3.0", true)), 0x30000u);
 
-  client.WipeOptions(0x30000);
+  client->WipeOptions(0x30000);
   ASSERT_EQ(server.Requests().size(), 2u);
   const std::string update = server.Requests()[1];
   for (const char* part :
@@ -158,41 +198,41 @@ TEST_F(EngineClientTest, WipeOptionsSendsAVersion4UpdateOfTheShownMessage) {
     EXPECT_NE(update.find(part), std::string::npos) << update;
   EXPECT_EQ(update.find("<Option"), std::string::npos);
   // The shown message keeps its state.
-  EXPECT_EQ(client.GetStatus(address, 0x30000), 1);
+  EXPECT_EQ(client->GetStatus(address, 0x30000), 1);
 
   // A failing update is logged, not raised (the server hangs up unanswered
   // once its script is used up).
-  OAPClient other(0, "127.0.0.1");
-  ASSERT_TRUE(other.Initialize(&logger, ""));
-  other.WipeOptions(0x30000);
+  auto other = std::make_shared<OAPClient>(0, "127.0.0.1");
+  ASSERT_TRUE(other->Initialize(&logger, ""));
+  other->WipeOptions(0x30000);
   EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Exception occurred [Socket is closed]"));
-  other.Finalize();
+  other->Finalize();
 }
 
 // Inbound answers through the real listener for one interactive message
 // (Yes "N:Yes", No "F:No") sent as 0x40000; every send and echo is accepted.
 class EngineListenerTest : public EngineClientTest {
  protected:
-  EngineListenerTest() : server(AcceptAll), client(0, "127.0.0.1") {
-    client.TrackingBase = 0x40000;
+  EngineListenerTest() : server(AcceptAll), client(std::make_shared<OAPClient>(0, "127.0.0.1")) {
+    client->TrackingBase = 0x40000;
     address = "1234@127.0.0.1:" + std::to_string(server.Port());
   }
-  ~EngineListenerTest() override { client.Finalize(); }
+  ~EngineListenerTest() override { client->Finalize(); }
 
   void SetUp() override {
-    ASSERT_TRUE(client.Initialize(&logger, ""));
-    port = client.GetListeningPort();
-    ASSERT_EQ(client.SendAMessage(NewBody(address, "3.0", true)), 0x40000u);
+    ASSERT_TRUE(client->Initialize(&logger, ""));
+    port = client->GetListeningPort();
+    ASSERT_EQ(client->SendAMessage(NewBody(address, "3.0", true)), 0x40000u);
   }
   // Delivers one inbound document and waits until the listener is done with it.
   void Deliver(const std::string& document) {
     ASSERT_TRUE(SendInbound(port, document));
     ASSERT_TRUE(logger.WaitFor(kTrace, kLeftOnData, ++delivered, kWaitMs));
   }
-  Replies Query() { return client.QueryResponse(address, 0x40000); }
+  Replies Query() { return client->QueryResponse(address, 0x40000); }
 
   FakeOapServer server;
-  OAPClient client;
+  std::shared_ptr<OAPClient> client;
   std::string address;
   int port = 0;
   size_t delivered = 0;
@@ -224,14 +264,14 @@ TEST_F(EngineListenerTest, AnswersAreNotHeldUpByAnotherMessagesSlowDispatch) {
   server.Queue({"", "", true});
   std::atomic<bool> sendDone{false};
   std::thread slowSend([&] {
-    EXPECT_THROW(client.SendAMessage(NewBody(address, "3.0", false)), QmException);
+    EXPECT_THROW(client->SendAMessage(NewBody(address, "3.0", false)), QmException);
     sendDone = true;
   });
   ASSERT_TRUE(server.WaitForRequests(2, kWaitMs));
   // The slow send now waits up to two seconds for an answer that never comes.
   Deliver(ResponseDoc("40000", 3, 200));
   EXPECT_FALSE(sendDone.load());
-  EXPECT_EQ(client.GetStatus(address, 0x40000), 2);
+  EXPECT_EQ(client->GetStatus(address, 0x40000), 2);
   slowSend.join();
 }
 
@@ -310,9 +350,9 @@ TEST(EngineFramerTest, DocumentsComeOutWholeWhereverTheStreamIsCut) {
 // and no tracking number issued twice.
 TEST_F(EngineClientTest, SendsQueriesAndInboundAnswersInterleaveSafely) {
   const int kHosts = 4, kMessages = 10;
-  OAPClient client(0, "127.0.0.1");
-  ASSERT_TRUE(client.Initialize(&logger, ""));
-  const int listenerPort = client.GetListeningPort();
+  auto client = std::make_shared<OAPClient>(0, "127.0.0.1");
+  ASSERT_TRUE(client->Initialize(&logger, ""));
+  const int listenerPort = client->GetListeningPort();
   // The handset reports delivery and answers every new message before the
   // server's acceptance reaches the client.
   FakeOapServer server([&](const std::string& request) {
@@ -333,15 +373,15 @@ TEST_F(EngineClientTest, SendsQueriesAndInboundAnswersInterleaveSafely) {
   std::vector<std::map<uint32_t, Replies>> got(kHosts);
   auto collect = [&](int host) {
     for (auto& entry : got[host]) {
-      entry.second.splice(entry.second.end(), client.QueryResponse(address(host), entry.first));
-      client.GetStatus(address(host), entry.first);
+      entry.second.splice(entry.second.end(), client->QueryResponse(address(host), entry.first));
+      client->GetStatus(address(host), entry.first);
     }
   };
   std::vector<std::thread> hosts;
   for (int t = 0; t < kHosts; ++t) {
     hosts.emplace_back([&, t] {
       for (int m = 0; m < kMessages; ++m) {
-        got[t][client.SendAMessage(NewBody(address(t), m % 2 ? "4.0" : "3.0", true))];
+        got[t][client->SendAMessage(NewBody(address(t), m % 2 ? "4.0" : "3.0", true))];
         collect(t);
       }
     });
@@ -353,13 +393,13 @@ TEST_F(EngineClientTest, SendsQueriesAndInboundAnswersInterleaveSafely) {
     collect(t);
     for (const auto& entry : got[t]) {
       unique.insert(entry.first);
-      EXPECT_EQ(client.GetStatus(address(t), entry.first), 2) << entry.first;
+      EXPECT_EQ(client->GetStatus(address(t), entry.first), 2) << entry.first;
       EXPECT_EQ(entry.second, Replies{QmstringFormat("reply-%x", entry.first)});
     }
   }
   EXPECT_EQ(unique.size(), static_cast<size_t>(kHosts * kMessages));
   EXPECT_EQ(unique.count(0), 0u);
-  client.Finalize();
+  client->Finalize();
   EXPECT_EQ(logger.Count(Log::LEVEL_WARN, ""), 0u);
 }
 

@@ -13,6 +13,7 @@
 #include "OAPClient.h"
 #include "OAPDeviceController.h"
 #include "OAPDeviceRegistrar.h"
+#include "OAPMemoryMessageStore.h"
 #include "QmException.h"
 
 namespace {
@@ -54,23 +55,50 @@ TEST(EngineDeviceAddressTest, SplitsHandsetHostAndPort) {
 TEST(EngineDeviceRegistrarTest, CreatesOnDemandAndFindsByTrackingNumber) {
   OAPDeviceRegistrar* registry = OAPDeviceRegistrar::GetInstance();
   EXPECT_EQ(registry->GetDevice("1@b:1", false), nullptr);
-  OAPDeviceController* b = registry->GetDevice("1@b:1", true);
-  OAPDeviceController* a = registry->GetDevice("1@a:1", true);
+  OAPDeviceRegistrar::Device b = registry->GetDevice("1@b:1", true);
+  OAPDeviceRegistrar::Device a = registry->GetDevice("1@a:1", true);
   EXPECT_EQ(registry->GetDevice("1@b:1", true), b);
-  b->QueryResponse(b->address, 42);
+  // Asking for the replies of an unknown number records it for the asker.
   a->QueryResponse(a->address, 42);
+  b->QueryResponse(b->address, 42);
   b->QueryResponse(b->address, 43);
-  EXPECT_EQ(registry->GetDeviceByTrackingID(42), a);  // address order
+  EXPECT_EQ(registry->GetDeviceByTrackingID(42), a);
+  EXPECT_FALSE(b->HasStatus(42));
   EXPECT_EQ(registry->GetDeviceByTrackingID(43), b);
   EXPECT_EQ(registry->GetDeviceByTrackingID(44), nullptr);
   // Queries name the handset without the port; two servers on one host.
-  OAPDeviceController* b2 = registry->GetDevice("1@b:2", true);
+  OAPDeviceRegistrar::Device b2 = registry->GetDevice("1@b:2", true);
   b2->QueryResponse(b2->address, 45);
   EXPECT_EQ(registry->GetDevice("1@b", false), nullptr);
   EXPECT_EQ(registry->GetDevice("1@b", 45u), b2);
   EXPECT_EQ(registry->GetDevice("1@b", 43u), b);
   EXPECT_EQ(registry->GetDevice("1@b:2", 43u), b2);
   EXPECT_EQ(registry->GetDevice("1@c", 43u), nullptr);
+
+  // A store kept from before a restart: its messages find a controller made
+  // for them, by number and by a query without the port.
+  auto store = std::make_shared<OAPMemoryMessageStore>();
+  OAPMessageStore::Message kept;
+  kept.tracking = 46;
+  kept.address = "1@d:3";
+  kept.state = MsgStatus::Delivered;
+  ASSERT_TRUE(store->Add(kept));
+  registry->SetStore(store);
+  EXPECT_FALSE(b->HasStatus(43));
+  OAPDeviceRegistrar::Device d = registry->GetDevice("1@d", 46u);
+  ASSERT_NE(d, nullptr);
+  EXPECT_EQ(d->address, "1@d:3");
+  EXPECT_EQ(registry->GetDeviceByTrackingID(46), d);
+  MsgStatus status;
+  ASSERT_TRUE(d->GetStatus(46, status));
+  EXPECT_EQ(status.state, MsgStatus::Delivered);
+
+  // Cleared, the registry forgets its controllers and the store; a
+  // controller still held stays usable.
+  registry->Clear();
+  EXPECT_EQ(registry->GetDevice("1@d:3", false), nullptr);
+  EXPECT_EQ(registry->GetDeviceByTrackingID(46), nullptr);
+  EXPECT_TRUE(d->HasStatus(46));
   OAPDeviceRegistrar::Release();
   EXPECT_EQ(OAPDeviceRegistrar::GetInstance()->GetDevice("1@b:1", false), nullptr);
   OAPDeviceRegistrar::Release();
@@ -78,8 +106,8 @@ TEST(EngineDeviceRegistrarTest, CreatesOnDemandAndFindsByTrackingNumber) {
 
 class EngineControllerTest : public ::testing::Test {
  protected:
-  EngineControllerTest() : client(4321, "127.0.0.1") {
-    client.TrackingBase = 0x20000;
+  EngineControllerTest() : client(std::make_shared<OAPClient>(4321, "127.0.0.1")) {
+    client->TrackingBase = 0x20000;
     address = "1234@127.0.0.1:" + std::to_string(server.Port());
   }
   ~EngineControllerTest() override { OAPDeviceRegistrar::Release(); }
@@ -93,12 +121,12 @@ class EngineControllerTest : public ::testing::Test {
     if (interactive) body->options = {{"Yes", "N:Yes", "", 0, ""}, {"No", "F:No", "", 0, ""}};
     return body;
   }
-  OAPDeviceController* Device() {
+  OAPDeviceRegistrar::Device Device() {
     return OAPDeviceRegistrar::GetInstance()->GetDevice(address, false);
   }
 
   FakeOapServer server;
-  OAPClient client;
+  std::shared_ptr<OAPClient> client;
   std::string address;
 };
 
@@ -115,13 +143,13 @@ TEST_F(EngineControllerTest, SendsAreWrappedPerVersionAndKeptAsSent) {
   };
   // clang-format on
   for (const auto& c : cases) {
-    client.TrackingBase = 0x20000;
+    client->TrackingBase = 0x20000;
     server.Queue({kAccepted});
     MessageBody* body = NewBody(c.version, c.interactive);
     if (std::string(c.version) == "4.0" && !c.interactive) body->fromNumber = "555";
-    EXPECT_EQ(client.SendAMessage(body), 0x20000u);
+    EXPECT_EQ(client->SendAMessage(body), 0x20000u);
     EXPECT_NE(server.Requests().back().find(c.part), std::string::npos) << server.Requests().back();
-    EXPECT_EQ(client.GetStatus(address, 0x20000), MsgStatus::Sent);
+    EXPECT_EQ(client->GetStatus(address, 0x20000), MsgStatus::Sent);
     MsgStatus status;
     ASSERT_TRUE(Device()->GetStatus(0x20000, status));
     ASSERT_NE(status.body, nullptr);
@@ -148,8 +176,8 @@ TEST_F(EngineControllerTest, FailedExchangesRaiseTheirTextAndKeepNothing) {
   };
   for (const auto& c : cases) {
     server.Queue(c.reply);
-    const uint32_t number = client.TrackingBase.load();
-    EXPECT_EQ(Failure([&] { client.SendAMessage(NewBody("3.0")); }), c.error);
+    const uint32_t number = client->TrackingBase.load();
+    EXPECT_EQ(Failure([&] { client->SendAMessage(NewBody("3.0")); }), c.error);
     MsgStatus status;
     EXPECT_FALSE(Device()->GetStatus(number, status)) << c.error;
   }
@@ -159,15 +187,15 @@ TEST_F(EngineControllerTest, FailedExchangesRaiseTheirTextAndKeepNothing) {
   // answer that is no response gives no number.
   const std::string accepted = ResponseDoc("20007", 1, 200);
   server.Queue({accepted.substr(0, 60), accepted.substr(60)});
-  EXPECT_EQ(client.SendAMessage(NewBody("3.0")), 0x20007u);
+  EXPECT_EQ(client->SendAMessage(NewBody("3.0")), 0x20007u);
   server.Queue({padded(accepted, 2100)});
-  EXPECT_EQ(client.SendAMessage(NewBody("3.0")), 0x20007u);
+  EXPECT_EQ(client->SendAMessage(NewBody("3.0")), 0x20007u);
   server.Queue({"<?xml version=\"1.0\"?>\n<OAP-request version=\"3.0\" id=\"20008\"/>"});
-  EXPECT_EQ(client.SendAMessage(NewBody("3.0")), 0u);
+  EXPECT_EQ(client->SendAMessage(NewBody("3.0")), 0u);
   // Accepted under another number: only that number is known, and an answer
   // to the request's number is dropped.
   server.Queue({ResponseDoc("2abcd", 1, 200)});
-  EXPECT_EQ(client.SendAMessage(NewBody("3.0", true)), 0x2abcdu);
+  EXPECT_EQ(client->SendAMessage(NewBody("3.0", true)), 0x2abcdu);
   MsgStatus status;
   EXPECT_FALSE(Device()->GetStatus(0x20009, status));
   Device()->AddResponse(0x20009, "N:Yes", false);
@@ -176,15 +204,15 @@ TEST_F(EngineControllerTest, FailedExchangesRaiseTheirTextAndKeepNothing) {
 
   MessageBody* body = NewBody("3.0");
   body->to = "1234@127.0.0.1:" + std::to_string(UnusedPort());
-  EXPECT_EQ(Failure([&] { client.SendAMessage(body); }), "Socket Connecting Failed");
+  EXPECT_EQ(Failure([&] { client->SendAMessage(body); }), "Socket Connecting Failed");
 }
 
 // Requests built from texts: the header per version, no option labels (a 4.0
 // request with labels is an empty interactive message); a refusal or an
 // unreadable answer gives 0.
 TEST_F(EngineControllerTest, RequestSendsCarryNoLabelsAndReportFailureAsZero) {
-  OAPDeviceController* device = OAPDeviceRegistrar::GetInstance()->GetDevice(address, true);
-  device->SetClient(&client);
+  OAPDeviceRegistrar::Device device = OAPDeviceRegistrar::GetInstance()->GetDevice(address, true);
+  device->SetClient(client);
   const std::string v4 = "<OAP-request version=\"4.0\" id=\"2000";
   const std::string header4 =
       "\">\n<Header>\n<Port>4321</Port>\n<To>1234</To>\n</Header>\n"
@@ -205,7 +233,7 @@ TEST_F(EngineControllerTest, RequestSendsCarryNoLabelsAndReportFailureAsZero) {
     EXPECT_NE(text.find(c.present), std::string::npos) << text;
     EXPECT_EQ(text.find(c.absent), std::string::npos) << text;
   }
-  EXPECT_EQ(client.GetStatus(address, 0x20000), MsgStatus::Sent);
+  EXPECT_EQ(client->GetStatus(address, 0x20000), MsgStatus::Sent);
   server.Queue({ResponseDoc("20003", 1, 200)});
   EXPECT_EQ(device->SendAMessage("Subj", "Text", {"Yes"}), 0x20003u);
   EXPECT_EQ(server.Requests().back().find("<Option"), std::string::npos);
@@ -217,8 +245,8 @@ TEST_F(EngineControllerTest, RequestSendsCarryNoLabelsAndReportFailureAsZero) {
 
 TEST_F(EngineControllerTest, RepliesAreEchoedOnceAndFinalOneCloses) {
   for (int i = 0; i < 3; ++i) server.Queue({kAccepted});
-  ASSERT_EQ(client.SendAMessage(NewBody("3.0", true)), 0x20000u);
-  OAPDeviceController* device = Device();
+  ASSERT_EQ(client->SendAMessage(NewBody("3.0", true)), 0x20000u);
+  OAPDeviceRegistrar::Device device = Device();
   const std::string echo =
       "<BodyText>Question&#xd;&#xa;&#xd;&#xa;You replied:&#xd;&#xa;&#xd;&#xa;--&gt;&gt;Yes";
   const std::string update = "</BodyText>\n<Priority>6</Priority>\n<Update>OnlyExisting</Update>\n";
@@ -239,8 +267,8 @@ TEST_F(EngineControllerTest, RepliesAreEchoedOnceAndFinalOneCloses) {
   device->AddResponse(0x20000, "typed", true);
   device->AddResponse(0x20000, "", true);
   EXPECT_EQ(server.Requests().size(), 3u);
-  EXPECT_EQ(client.QueryResponse(address, 0x20000), (Replies{"Yes", "No"}));
-  EXPECT_TRUE(client.QueryResponse(address, 0x20000).empty());
+  EXPECT_EQ(client->QueryResponse(address, 0x20000), (Replies{"Yes", "No"}));
+  EXPECT_TRUE(client->QueryResponse(address, 0x20000).empty());
   MsgStatus status;
   ASSERT_TRUE(device->GetStatus(0x20000, status));
   EXPECT_TRUE(status.closed);
@@ -249,11 +277,11 @@ TEST_F(EngineControllerTest, RepliesAreEchoedOnceAndFinalOneCloses) {
   // A failed echo passes its error on but keeps the reply.
   server.Queue({ResponseDoc("20001", 1, 200)});
   server.Queue({ResponseDoc("20001", 5, 400)});
-  ASSERT_EQ(client.SendAMessage(NewBody("3.0", true)), 0x20001u);
+  ASSERT_EQ(client->SendAMessage(NewBody("3.0", true)), 0x20001u);
   EXPECT_EQ(Failure([&] { device->AddResponse(0x20001, "typed", true); }),
             "No existing interactive message to update");
-  EXPECT_EQ(client.QueryResponse(address, 0x20001), (Replies{"typed"}));
-  EXPECT_EQ(client.GetStatus(address, 0x20001), MsgStatus::Sent);
+  EXPECT_EQ(client->QueryResponse(address, 0x20001), (Replies{"typed"}));
+  EXPECT_EQ(client->GetStatus(address, 0x20001), MsgStatus::Sent);
 }
 
 // A version 4.0 echo travels under a fresh number that shares the message's
@@ -262,7 +290,7 @@ TEST_F(EngineControllerTest, Version4EchoNumbersShareTheMessage) {
   server.Queue({ResponseDoc("20000", 1, 200)});
   server.Queue({ResponseDoc("20001", 1, 200)});
   server.Queue({ResponseDoc("20002", 1, 200)});
-  ASSERT_EQ(client.SendAMessage(NewBody("4.0", true)), 0x20000u);
+  ASSERT_EQ(client->SendAMessage(NewBody("4.0", true)), 0x20000u);
   Device()->AddResponse(0x20000, "N:Yes", false);
   Device()->AddResponse(0x20001, "N:Later", false);
   ASSERT_EQ(server.Requests().size(), 3u);

@@ -35,9 +35,10 @@ using Replies = std::list<std::string>;
 
 class EngineHandlerTest : public ::testing::Test {
  protected:
-  EngineHandlerTest() : client(4321, "127.0.0.1"), device("1234@127.0.0.1:9") {
-    client.TrackingBase = 0x10000;
-    device.SetClient(&client);
+  EngineHandlerTest()
+      : client(std::make_shared<OAPClient>(4321, "127.0.0.1")), device("1234@127.0.0.1:9") {
+    client->TrackingBase = 0x10000;
+    device.SetClient(client);
     handler.SetDeviceContext(&device);
   }
 
@@ -94,7 +95,7 @@ class EngineHandlerTest : public ::testing::Test {
   // number (body-less, so no echo is sent).
   Replies Query(uint32_t id) { return device.QueryResponse(device.address, id); }
 
-  OAPClient client;
+  std::shared_ptr<OAPClient> client;
   OAPDeviceController device;
   OAPMessageServiceHandler handler;
 };
@@ -120,7 +121,7 @@ TEST_F(EngineHandlerTest, BodiesAreCopiedPerVersion) {
   source.id = 17;
   block = Build(&source);
   EXPECT_EQ(block->id, 17u);
-  EXPECT_EQ(client.TrackingBase.load(), 0x10001u);
+  EXPECT_EQ(client->TrackingBase.load(), 0x10001u);
   out = dynamic_cast<MessageBody*>(block->body);
   ASSERT_NE(out, nullptr);
   EXPECT_TRUE(out->updateOnlyExisting && out->wipeOptions);
@@ -274,9 +275,9 @@ TEST(EngineRequestTexts, AnIndependentParserReadsBackEveryText) {
     HostText handset = RandomText(rng);
     while (handset.host.find('@') != std::string::npos) handset = RandomText(rng);
     const HostText address = RandomText(rng), subject = RandomText(rng), text = RandomText(rng);
-    OAPClient client(1 + static_cast<int>(rng() % 9), address.host);
+    auto client = std::make_shared<OAPClient>(1 + static_cast<int>(rng() % 9), address.host);
     OAPDeviceController device(handset.host + "@server:1");
-    device.SetClient(&client);
+    device.SetClient(client);
     OAPMessageServiceHandler handler;
     handler.SetDeviceContext(&device);
     if (v4) {

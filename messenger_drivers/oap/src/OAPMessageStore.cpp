@@ -1,0 +1,3 @@
+#include "OAPMessageStore.h"
+
+OAPMessageStore::~OAPMessageStore() = default;

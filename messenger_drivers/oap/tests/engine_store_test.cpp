@@ -1,0 +1,248 @@
+// The message stores: the same behaviour from the one in memory and the one
+// in an SQLite file, what the file keeps over a reopen, the files it refuses,
+// and the sweeper that keeps a store within its bounds.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "MessageBody.h"
+#include "OAPMemoryMessageStore.h"
+#include "OAPMessageCodec.h"
+#include "OAPMessageSweeper.h"
+#include "OAPSQLiteMessageStore.h"
+#include "engine_test_support.h"
+
+namespace {
+
+using Message = OAPMessageStore::Message;
+using Replies = std::list<std::string>;
+const int32_t kSent = 1, kDelivered = 2;
+
+// A folder of its own under /tmp, removed with everything in it.
+class TempFolder {
+ public:
+  TempFolder() {
+    char pattern[] = "/tmp/qm_store_XXXXXX";
+    m_path = mkdtemp(pattern);
+  }
+  ~TempFolder() { std::system(("rm -rf '" + m_path + "'").c_str()); }
+  std::string File(const std::string& name) const { return m_path + "/" + name; }
+
+ private:
+  std::string m_path;
+};
+
+Message NewMessage(uint32_t tracking, int32_t state, int64_t created = 1000) {
+  Message message;
+  message.tracking = tracking;
+  message.address = "4711@127.0.0.1:7000";
+  message.state = state;
+  message.created = created;
+  auto body = std::make_shared<MessageBody>();
+  body->version = "4.0";
+  body->id = tracking;
+  body->bodyText = "Take it?\r\n<&>";
+  body->ttl = 300;
+  body->options = {{"Yes", "N:Yes", "", 0, ""}, {"No", "F:No", "0815", 7, "x"}};
+  message.body = body;
+  return message;
+}
+
+// Both stores behind the one interface; the SQLite one in a fresh file.
+class StoreTest : public ::testing::TestWithParam<bool> {
+ protected:
+  StoreTest() { Reopen(); }
+
+  void Reopen() {
+    store.reset();
+    if (!GetParam()) {
+      store = std::make_shared<OAPMemoryMessageStore>();
+      return;
+    }
+    std::string error;
+    store = OAPSQLiteMessageStore::Open(path, &logger, &error);
+    ASSERT_NE(store, nullptr) << error;
+  }
+
+  TempFolder folder;
+  const std::string path = folder.File("messages.db");
+  RecordingLogger logger;
+  std::shared_ptr<OAPMessageStore> store;
+};
+
+TEST_P(StoreTest, KeepsStateRepliesAndBodiesOfEachMessage) {
+  ASSERT_TRUE(store->Add(NewMessage(10, kSent)));
+  EXPECT_FALSE(store->Add(NewMessage(10, kDelivered)));
+  EXPECT_TRUE(store->SetState(10, kDelivered));
+  EXPECT_TRUE(store->AddResponse(10, "Yes", false, nullptr));
+  // A reply goes with the text that echoes it.
+  MessageBody echoed = *NewMessage(10, kSent).body;
+  echoed.bodyText += "\r\n-->>Yes";
+  echoed.replyHeaderAdded = true;
+  EXPECT_TRUE(store->AddResponse(10, "On my way", true, &echoed));
+  EXPECT_FALSE(store->AddResponse(10, "Late", false, nullptr));  // closed
+
+  Message found;
+  ASSERT_TRUE(store->Find(10, &found));
+  EXPECT_EQ(found.address, "4711@127.0.0.1:7000");
+  EXPECT_EQ(found.state, kDelivered);
+  EXPECT_TRUE(found.closed);
+  EXPECT_EQ(found.responses, (Replies{"Yes", "On my way"}));
+  ASSERT_NE(found.body, nullptr);
+  EXPECT_EQ(OAPMessageCodec::EncodeBody(*found.body), OAPMessageCodec::EncodeBody(echoed));
+  Replies replies{"stale"};
+  EXPECT_TRUE(store->TakeResponses(10, &replies));
+  EXPECT_EQ(replies, (Replies{"Yes", "On my way"}));
+  EXPECT_TRUE(store->TakeResponses(10, &replies));
+  EXPECT_TRUE(replies.empty());
+
+  // Unknown numbers change nothing.
+  EXPECT_FALSE(store->SetState(11, kSent) || store->AddResponse(11, "x", false, nullptr) ||
+               store->SetBody(11, echoed) || store->TakeResponses(11, &replies) ||
+               store->Find(11, &found));
+  Message sharing = NewMessage(12, kSent);
+  sharing.body = nullptr;
+  sharing.bodyOf = 10;
+  ASSERT_TRUE(store->Add(sharing));
+  ASSERT_TRUE(store->Find(12, &found));
+  EXPECT_EQ(found.body, nullptr);
+  EXPECT_EQ(found.bodyOf, 10u);
+  EXPECT_TRUE(store->SetBody(12, echoed));
+  ASSERT_TRUE(store->Find(12, &found) && found.body != nullptr);
+  EXPECT_EQ(found.body->bodyText, echoed.bodyText);
+  EXPECT_EQ(store->Count(), 2u);
+  store->Forget(10);
+  EXPECT_FALSE(store->Find(10, &found));
+  EXPECT_EQ(store->Count(), 1u);
+}
+
+TEST_P(StoreTest, ExpiresByAgeAndByLimitOldestFirstInBatches) {
+  for (uint32_t n = 1; n <= 6; ++n)
+    ASSERT_TRUE(store->Add(NewMessage(0x30000 + n, kSent, 100 * n)));
+  EXPECT_TRUE(store->AnyInRange(0x30000, 0x3ffff));
+  EXPECT_FALSE(store->AnyInRange(0x20000, 0x2ffff) || store->AnyInRange(0x30007, 0x3ffff));
+  // Older than 250: two; then the oldest beyond four, one batch of one at a time.
+  EXPECT_EQ(store->Expire(250, 100, 10), 2u);
+  EXPECT_EQ(store->Expire(0, 3, 1), 1u);
+  EXPECT_EQ(store->Expire(0, 3, 1), 0u);
+  EXPECT_EQ(store->Count(), 3u);
+  Message found;
+  for (uint32_t n = 1; n <= 6; ++n) EXPECT_EQ(store->Find(0x30000 + n, &found), n >= 4) << n;
+  EXPECT_EQ(store->Expire(1000, 0, 10), 3u);
+  EXPECT_EQ(store->Count(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(MemoryAndFile, StoreTest, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? "SQLite" : "Memory";
+                         });
+
+class SQLiteStoreTest : public StoreTest {};
+
+// What a restart finds: every message past its reservation as it was last
+// changed; reservations of sends that never returned are not kept.
+TEST_P(SQLiteStoreTest, ReopenedFileHoldsWhatWasRecorded) {
+  ASSERT_TRUE(store->Add(NewMessage(20, kSent)));
+  ASSERT_TRUE(store->AddResponse(20, "Yes", false, nullptr));
+  ASSERT_TRUE(store->Add(NewMessage(21, OAPMessageStore::kPending)));
+  ASSERT_TRUE(store->Add(NewMessage(22, OAPMessageStore::kPending)));
+  ASSERT_TRUE(store->SetState(22, kDelivered));  // a reservation accepted goes to the file
+  Replies replies;
+  ASSERT_TRUE(store->Add(NewMessage(23, kSent)));
+  ASSERT_TRUE(store->AddResponse(23, "No", true, nullptr));
+  ASSERT_TRUE(store->TakeResponses(23, &replies));
+  Reopen();
+  Message found;
+  EXPECT_FALSE(store->Find(21, &found));
+  ASSERT_TRUE(store->Find(22, &found));
+  EXPECT_EQ(found.state, kDelivered);
+  EXPECT_EQ(OAPMessageCodec::EncodeBody(*found.body),
+            OAPMessageCodec::EncodeBody(*NewMessage(22, kSent).body));
+  ASSERT_TRUE(store->TakeResponses(20, &replies));
+  EXPECT_EQ(replies, Replies{"Yes"});
+  ASSERT_TRUE(store->Find(23, &found));
+  EXPECT_TRUE(found.closed && found.responses.empty());
+  EXPECT_EQ(store->Count(), 3u);
+  EXPECT_EQ(logger.Count(QmLogInterface::LEVEL_ERROR, ""), 0u);
+
+  // While it is open, the file is this process's alone.
+  std::string error;
+  EXPECT_EQ(OAPSQLiteMessageStore::Open(path, nullptr, &error), nullptr);
+  EXPECT_NE(error, "");
+}
+
+TEST_P(SQLiteStoreTest, RefusesFilesItCannotUse) {
+  store.reset();
+  auto write = [](const std::string& file, const std::string& bytes) {
+    std::ofstream(file, std::ios::binary) << bytes;
+  };
+  write(folder.File("garbage.db"), std::string(8192, 'x'));
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(folder.File("other.db").c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "CREATE TABLE t(x)", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(other);
+  // A store cut short: pages its tables point to are gone.
+  {
+    std::string error;
+    auto full = OAPSQLiteMessageStore::Open(folder.File("cut.db"), nullptr, &error);
+    ASSERT_NE(full, nullptr) << error;
+    for (uint32_t n = 1; n <= 300; ++n) ASSERT_TRUE(full->Add(NewMessage(n, kSent)));
+  }
+  ASSERT_EQ(truncate(folder.File("cut.db").c_str(), 4096 * 3), 0);
+  for (const char* name : {"garbage.db", "other.db", "cut.db", "missing/folder.db"}) {
+    std::string error;
+    EXPECT_EQ(OAPSQLiteMessageStore::Open(folder.File(name), nullptr, &error), nullptr) << name;
+    EXPECT_NE(error, "") << name;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(File, SQLiteStoreTest, ::testing::Values(true));
+
+TEST(MessageCodecTest, RefusesCutAndAlteredBytes) {
+  const std::string bytes = OAPMessageCodec::EncodeBody(*NewMessage(1, kSent).body);
+  MessageBody body;
+  ASSERT_TRUE(OAPMessageCodec::DecodeBody(bytes, &body));
+  for (size_t cut = 0; cut < bytes.size(); cut += 7) {
+    EXPECT_FALSE(OAPMessageCodec::DecodeBody(bytes.substr(0, cut), &body)) << cut;
+  }
+  EXPECT_FALSE(OAPMessageCodec::DecodeBody(bytes + "x", &body));
+  EXPECT_FALSE(OAPMessageCodec::DecodeBody("\x02" + bytes.substr(1), &body));
+  Replies texts;
+  EXPECT_TRUE(OAPMessageCodec::DecodeTexts(OAPMessageCodec::EncodeTexts({"a", "", "b"}), &texts));
+  EXPECT_EQ(texts, (Replies{"a", "", "b"}));
+  EXPECT_FALSE(OAPMessageCodec::DecodeTexts(std::string("\x05\0\0\0ab", 6), &texts));
+}
+
+TEST(MessageSweeperTest, KeepsTheStoreWithinItsLimitAndTellsOncePerSweep) {
+  auto store = std::make_shared<OAPMemoryMessageStore>();
+  RecordingLogger logger;
+  const int64_t now = OAPMessageStore::Now();
+  for (uint32_t n = 1; n <= 600; ++n) store->Add(NewMessage(n, kSent, now));
+  store->Add(NewMessage(1000, kSent, now - 61 * 60));  // older than an hour
+  OAPMessageSweeper sweeper(store, 60, 100, &logger);
+  EXPECT_EQ(sweeper.Sweep(), 501u);
+  EXPECT_EQ(sweeper.Sweep(), 0u);
+  EXPECT_EQ(store->Count(), 100u);
+  Message found;
+  EXPECT_TRUE(store->Find(600, &found) && !store->Find(500, &found));
+  EXPECT_EQ(logger.Count(QmLogInterface::LEVEL_INFO,
+                         "Message store: removed 501 messages older than 60 minutes or beyond "
+                         "the limit of 100.",
+                         true),
+            1u);
+  EXPECT_EQ(logger.Count(QmLogInterface::LEVEL_INFO, ""), 1u);
+  // Its thread sweeps on its own and stops at once.
+  for (uint32_t n = 601; n <= 700; ++n) store->Add(NewMessage(n, kSent, now));
+  sweeper.Start();
+  EXPECT_TRUE(logger.WaitFor(QmLogInterface::LEVEL_INFO, "removed 100 messages", 1, 10000));
+  sweeper.Stop();
+  EXPECT_EQ(store->Count(), 100u);
+}
+
+}  // namespace

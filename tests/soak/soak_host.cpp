@@ -1,0 +1,163 @@
+// A host process for the restart soak: loads the plug-in with a message
+// store file and its listener on a given port, and then plays one part.
+//
+//   soak_host PLUGIN STORE LISTEN_PORT send SERVER_PORT COUNT
+//     sends COUNT interactive jobs to the OAP server on 127.0.0.1, printing
+//     "sent I RECEIPT" once each send has returned, then "done"; waits for
+//     the end of its input (or its end by a signal).
+//   soak_host PLUGIN STORE LISTEN_PORT listen
+//     prints "ready" and keeps the listener up until the end of its input.
+//   soak_host PLUGIN STORE LISTEN_PORT collect
+//     reads "I RECEIPT" lines up to "end", prints "ready", then queries
+//     those jobs until each was handed back twice (or a minute passed),
+//     printing "back I STATUS TEXT" for every hand-back and "finished".
+//
+// Job I goes to handset "80<I % 8>" in version 4.0 for odd I, 3.0 for even,
+// offering "Yes" (kind 0) and "Stop" (kind 2). Exit status 0, or 2 when the
+// plug-in cannot be loaded or set up.
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "QmDriverLoader.h"
+#include "QmReferenceJob.h"
+#include "QmReferenceReportsManager.h"
+#include "QmconCriticalSection.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+void Address(QmReferenceJob& job, int index, int serverPort) {
+  job.JobId = "r" + std::to_string(index);
+  job.DeviceId = "80" + std::to_string(index % 8);
+  job.ServerHost = "127.0.0.1";
+  job.ServerPort = serverPort;
+  job.OapVersion = index % 2 ? "4.0" : "3.0";
+  job.SubjectText = "Alarm";
+  job.MessageText = "Room " + std::to_string(index) + ": take it?";
+  job.IsInteractive = job.ExpectsResponse = true;
+  job.ResponseChoices = {{0, "Yes", "", 0, 0}, {0, "Stop", "", 0, 2}};
+}
+
+class Host {
+ public:
+  bool Start(const char* plugin, const char* store, const char* port) {
+    if (!m_loader.Load(plugin) || (m_driver = m_loader.GetDriverInstance()) == nullptr) {
+      return false;
+    }
+    m_driver->ReportsManager = &m_reports;
+    m_driver->MessageQueue = &m_queue;
+    std::map<std::string, std::string> settings{{"MessageStore", store}};
+    QmMessengerInstConfBasic conf;
+    std::snprintf(conf.ListenerPort, sizeof conf.ListenerPort, "%s", port);
+    std::snprintf(conf.ListenerAddress, sizeof conf.ListenerAddress, "127.0.0.1");
+    return m_driver->Configure(settings) && m_driver->Setup(&conf);
+  }
+  ~Host() {
+    if (m_driver == nullptr) return;
+    m_driver->Cleanup();
+    m_loader.ReleaseDriverInstance(m_driver);
+  }
+
+  void Send(int serverPort, int count) {
+    for (int i = 0; i < count; ++i) {
+      QmReferenceJob job;
+      Address(job, i, serverPort);
+      QmProtocolDriverInterface::ReportsStatus status;
+      if (m_driver->SendAMessage(&job, status)) {
+        std::printf("sent %d %s\n", i, job.GetTrackingReceipt().c_str());
+        std::fflush(stdout);
+      }
+    }
+    std::printf("done\n");
+    std::fflush(stdout);
+  }
+
+  // Queries every job until each was handed back twice, then once more.
+  void Collect(std::map<int, std::unique_ptr<QmReferenceJob>>& jobs) {
+    std::map<QmMessageFile*, int> index, backs;
+    for (auto& entry : jobs) index[entry.second.get()] = entry.first;
+    size_t complete = 0;
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
+    for (bool last = false; !last;) {
+      last = complete == jobs.size() || Clock::now() >= deadline;
+      for (auto& entry : jobs) {
+        if (!last && backs[entry.second.get()] >= 2) continue;
+        QmProtocolDriverInterface::ReportsStatus status = entry.second->Status;
+        m_driver->Send2WayRespQuery(entry.second.get(), status);
+      }
+      for (QmMessageFile* file : TakeQueue()) {
+        for (const auto& change : static_cast<QmReferenceJob*>(file)->TakeStatusChanges()) {
+          std::printf("back %d %d %s\n", index[file], static_cast<int>(change.status),
+                      change.text.c_str());
+          if (++backs[file] == 2) ++complete;
+        }
+      }
+      std::fflush(stdout);
+      if (!last) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::printf("finished\n");
+    std::fflush(stdout);
+  }
+
+ private:
+  std::vector<QmMessageFile*> TakeQueue() {
+    QmconCriticalSection guard(m_queue.Lock.GetLockObj(), true, true, false);
+    std::vector<QmMessageFile*> jobs(m_queue.Jobs.begin(), m_queue.Jobs.end());
+    m_queue.Jobs.clear();
+    return jobs;
+  }
+
+  QmDriverLoader m_loader;
+  QmProtocolDriverInterface* m_driver = nullptr;
+  QmMessageQueue m_queue;
+  QmReferenceReportsManager m_reports;
+};
+
+void AwaitEndOfInput() {
+  std::string line;
+  while (std::getline(std::cin, line)) {
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 5) return 2;
+  const std::string mode = argv[4];
+  Host host;
+  if (!host.Start(argv[1], argv[2], argv[3])) return 2;
+  if (mode == "send" && argc == 7) {
+    host.Send(std::atoi(argv[5]), std::atoi(argv[6]));
+    AwaitEndOfInput();
+  } else if (mode == "listen") {
+    std::printf("ready\n");
+    std::fflush(stdout);
+    AwaitEndOfInput();
+  } else if (mode == "collect") {
+    std::map<int, std::unique_ptr<QmReferenceJob>> jobs;
+    std::string line;
+    while (std::getline(std::cin, line) && line != "end") {
+      std::istringstream words(line);
+      int index = 0;
+      auto job = std::make_unique<QmReferenceJob>();
+      if (!(words >> index >> job->TrackingReceipt)) return 2;
+      Address(*job, index, 0);
+      jobs[index] = std::move(job);
+    }
+    std::printf("ready\n");
+    std::fflush(stdout);
+    host.Collect(jobs);
+  } else {
+    return 2;
+  }
+  return 0;
+}
