@@ -125,7 +125,7 @@ grep -qF "OAP driver plug-in $version, build id $build_id" "$work/host.err" ||
 # a host started within the same second draws the same tracking numbers, which
 # the first simulator still knows with their scripted answers.
 start_sim
-timeout 60 "$work/example/build/qm_example_host" "127.0.0.1:$sim_port" "$listen_port" 1003 1004 \
+timeout 60 stdbuf -oL "$work/example/build/qm_example_host" "127.0.0.1:$sim_port" "$listen_port" 1003 1004 \
   >"$work/stopped.out" 2>&1 &
 host_pid=$!
 for _ in $(seq 1200); do  # up to a minute on a loaded machine
