@@ -174,6 +174,13 @@ TEST(LogLockFile, HeldLockFailsAfterItsAttempts) {
     EXPECT_EQ("LockFile Creation Failed @ LockFile", Thrown<QmconException>(lockAgain));
   }
   EXPECT_EQ("<nothing thrown>", Thrown<QmconException>(lockAgain));  // released with its holder
+  // Also when the lock file got descriptor 0, as in a host without stdin.
+  const int stdinCopy = dup(0);
+  close(0);
+  { LockFile held(dir.file("x.lock")); }
+  EXPECT_EQ("<nothing thrown>", Thrown<QmconException>(lockAgain));
+  dup2(stdinCopy, 0);
+  close(stdinCopy);
 }
 
 }  // namespace

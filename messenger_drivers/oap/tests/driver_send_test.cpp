@@ -206,6 +206,13 @@ TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
   // every operation called was entered and left as often.
   const std::regex traceLine("(Entering|Leaving) (\\w+::\\w+)\\(\\)( with .*)?\\.");
   std::map<std::string, int> open;
+  const std::map<std::string, std::string> results = {
+      {"OAPDeviceRegistrar::GetDevice", " with TRUE"},
+      {"OAPDeviceRegistrar::GetDeviceByTrackingID", " with TRUE"},
+      {"OAPDeviceController::GetStatus", " with TRUE"},
+      {"OAPMessageServiceHandler::BuildPayLoad", " with TRUE"},
+      {"OAPClient::DispatchPayLoad", " with FALSE"},
+      {"QmOAPDriver::Send2WayRespQuery", " with TRUE"}};
   for (const char* source : {"QmOAPDriver", "messenger_drivers/oap/src/OAPClient",
                              "messenger_drivers/oap/src/OAPDeviceRegistrar",
                              "messenger_drivers/oap/src/OAPDeviceController",
@@ -214,6 +221,11 @@ TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
       std::smatch match;
       if (std::regex_match(text, match, traceLine))
         open[match[2]] += match[1] == "Entering" ? 1 : -1;
+      // Every lookup here finds its device and every exchange gets its
+      // answer (DispatchPayLoad's FALSE: a block came back).
+      if (match[1] == "Leaving" && results.count(match[2])) {
+        EXPECT_EQ(match[3], results.at(match[2])) << text;
+      }
     }
   }
   std::set<std::string> called;
