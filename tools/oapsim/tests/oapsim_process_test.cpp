@@ -70,16 +70,18 @@ TEST(OapSimProcessTest, AnswersRequestsAndCommandsOrSaysWhyNot) {
 
   ASSERT_THAT(Exchange(port, WithPort(kInteractive30, driver.Port())),
               HasSubstr("<Status service=\"message\">\n<Type>1</Type>\n<Code>200</Code>"));
-  sim.Send("text 0x1A over there\n");
+  // A typed answer in a 3.0 document: Latin-1, escaped.
+  sim.Send("text 0x1A Caf\xc3\xa9 & <b>\n");
   ASSERT_TRUE(driver.WaitForRequests(1, ChildProcess::kWaitMs));
-  EXPECT_THAT(driver.Requests()[0],
-              HasSubstr("<OAP-response version=\"3.0\" id=\"1a\">\n"
-                        "<Status service=\"message\">\n<Type>5</Type>\n"
-                        "<Code>200</Code>\n<TypeSpecific>\n<From>1234</From>\n"
-                        "<UserResponse>over there</UserResponse>"));
+  EXPECT_EQ(driver.Requests()[0],
+            "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
+            "<OAP-response version=\"3.0\" id=\"1a\">\n<Status service=\"message\">\n"
+            "<Type>5</Type>\n<Code>200</Code>\n<TypeSpecific>\n<From>1234</From>\n"
+            "<UserResponse>Caf\xe9 &amp; &lt;b&gt;</UserResponse>\n</TypeSpecific>\n</Status>\n"
+            "</OAP-response>");
   sim.Send("answer 26 7\nfly 0x1a\nanswer 1a 1\nlist\n");
   for (const char* line : {"0x1a has no option 7", "unknown command 'fly'",
-                           "answer: expected a message id", "(answered 'over there')"}) {
+                           "answer: expected a message id", "(answered 'Caf\xc3\xa9 & <b>')"}) {
     EXPECT_NE(sim.WaitFor(line), "") << line;
   }
 }
