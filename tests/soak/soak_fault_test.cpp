@@ -1,6 +1,7 @@
 #include <fcntl.h>
 
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <map>
 #include <set>
@@ -25,27 +26,20 @@ bool Eventually(const std::function<bool()>& condition) {
 }
 
 // A raw connection to the listener, for what a well-mannered server never
-// does: stay idle, or write a document in pieces.
-int Connect(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address = FakeOapServer::Loopback(port);
-  EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  return fd;
-}
-
-void Write(int fd, const std::string& text) {
-  send(fd, text.data(), text.size(), MSG_NOSIGNAL);
-}
-
-// Half-closes and closes; true when the driver closed its end first (5 s).
-bool FinishAndWaitForClose(int fd) {
-  shutdown(fd, SHUT_WR);
+// does: stay idle, or write a document in pieces. True when the driver
+// closed its end first (5 s), after the connection was half-closed or not.
+bool ClosedByDriver(int fd, bool halfClose) {
+  if (halfClose) shutdown(fd, SHUT_WR);
   pollfd entry{fd, POLLIN, 0};
   char sink[256];
   bool closed = false;
   while (!closed && poll(&entry, 1, 5000) > 0) closed = recv(fd, sink, sizeof sink, 0) <= 0;
   close(fd);
   return closed;
+}
+
+std::string YesFor(const QmReferenceJob& job) {
+  return AnswerDoc(Hex(job.GetTrackingReceipt()), job.OapVersion, false, "N:Yes");
 }
 
 class SoakFaultTest : public SoakDriverTest {
@@ -58,11 +52,19 @@ class SoakFaultTest : public SoakDriverTest {
     return driver->SendAMessage(&job, status);
   }
 
-  // The handset answers "Yes" on a connection of its own; the hand-backs of
-  // the host's queries until one came.
-  std::vector<Change> Answer(QmReferenceJob& job) {
-    SendInbound(listenerPort,
-                AnswerDoc(Hex(job.GetTrackingReceipt()), job.OapVersion, false, "N:Yes"));
+  // A message the server took, kept by the fixture.
+  QmReferenceJob& Sent() {
+    QmReferenceJob& job = jobs.emplace_back();
+    Status status;
+    EXPECT_TRUE(Send(job, status));
+    EXPECT_EQ(status, Reports::SENT);
+    return job;
+  }
+
+  // The handset answers "Yes" on a connection of its own; exactly that
+  // answer is handed back on the host's queries.
+  void ExpectOneYes(QmReferenceJob& job) {
+    SendInbound(listenerPort, YesFor(job));
     std::vector<Change> changes;
     Eventually([&] {
       Status status = Reports::SENT;
@@ -71,17 +73,13 @@ class SoakFaultTest : public SoakDriverTest {
       for (const Change& change : job.TakeStatusChanges()) changes.push_back(change);
       return !changes.empty();
     });
-    return changes;
-  }
-
-  void ExpectOneYes(QmReferenceJob& job) {
-    std::vector<Change> changes = Answer(job);
     ASSERT_EQ(changes.size(), 1u);
     EXPECT_EQ(changes[0].status, Reports::REPLIED);
     EXPECT_EQ(changes[0].text, "Yes");
   }
 
   int sent = 0;
+  std::deque<QmReferenceJob> jobs;
 };
 
 // What the OAP server does wrong, and the job error the host must see.
@@ -91,6 +89,7 @@ struct ServerFault {
   bool listening;
   const char* error;
 };
+
 void PrintTo(const ServerFault& fault, std::ostream* out) {
   *out << fault.name;
 }
@@ -117,14 +116,9 @@ TEST_P(ServerFaultTest, SendFailsWithItsErrorAndTheDriverRecovers) {
     const bool waited = fault.mode == Mode::kSilent || fault.mode == Mode::kSplit;
     EXPECT_GE(took, std::chrono::milliseconds(waited ? 1900 : 0));
   }
-
   server.SetMode(Mode::kAccept);
   ASSERT_TRUE(server.Start(port));
-  QmReferenceJob job;
-  Status status;
-  ASSERT_TRUE(Send(job, status));
-  EXPECT_EQ(status, Reports::SENT);
-  ExpectOneYes(job);
+  ExpectOneYes(Sent());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -138,22 +132,22 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(SoakFaultTest, ServerDiesMidRunAndComesBack) {
   const int port = server.Port();
-  QmReferenceJob jobs[30];
+  QmReferenceJob batch[30];
   std::set<std::string> receipts;
   for (int i = 0; i < 30; ++i) {
     if (i == 10) server.Stop();
     EXPECT_TRUE(i != 20 || server.Start(port));
     const bool up = i < 10 || i >= 20;
     Status status;
-    EXPECT_EQ(Send(jobs[i], status), up) << i;
+    EXPECT_EQ(Send(batch[i], status), up) << i;
     EXPECT_EQ(status, up ? Reports::SENT : Reports::SENDING) << i;
-    EXPECT_EQ(jobs[i].GetErrorText(), up ? "" : "Socket Connecting Failed") << i;
-    receipts.insert(jobs[i].GetTrackingReceipt());
+    EXPECT_EQ(batch[i].GetErrorText(), up ? "" : "Socket Connecting Failed") << i;
+    receipts.insert(batch[i].GetTrackingReceipt());
   }
   EXPECT_EQ(receipts.size(), 21u);  // twenty numbers, and "" for the failures
   // A message sent before the outage still takes its answer after it.
-  ExpectOneYes(jobs[0]);
-  ExpectOneYes(jobs[29]);
+  ExpectOneYes(batch[0]);
+  ExpectOneYes(batch[29]);
 }
 
 // Something hostile on the driver's listener, made from the tracking number of
@@ -166,6 +160,7 @@ struct ListenerFault {
   int senders;
   size_t unknownNumberWarnings;
 };
+
 void PrintTo(const ListenerFault& fault, std::ostream* out) {
   *out << fault.name;
 }
@@ -175,9 +170,7 @@ class ListenerFaultTest : public SoakFaultTest,
 
 TEST_P(ListenerFaultTest, DriverKeepsTakingAnswers) {
   const ListenerFault& fault = GetParam();
-  QmReferenceJob job;
-  Status status;
-  ASSERT_TRUE(Send(job, status));
+  QmReferenceJob& job = Sent();
   const std::string document = fault.document(Hex(job.GetTrackingReceipt()));
   std::vector<std::thread> senders;
   for (int t = 0; t < fault.senders; ++t) {
@@ -195,31 +188,24 @@ TEST_P(ListenerFaultTest, DriverKeepsTakingAnswers) {
   EXPECT_EQ(logger.Count(Level::LEVEL_ERROR, "Too Many Sockets"), 0u);
 }
 
-std::string Noise(const std::string&) {
-  return std::string("\x01\x02<OAP-re&&<<", 13);
-}
-std::string Nothing(const std::string&) {
-  return "";
-}
-std::string UnknownNumber(const std::string&) {
-  return AnswerDoc("7", "3.0", false, "N:Yes");
-}
-// Longer than the 64 KiB a document may have: the connection is closed.
-std::string Oversized(const std::string& id) {
-  return AnswerDoc(id, "3.0", false, "N:" + std::string(70 * 1024, 'x'));
-}
-// Option data too short to carry its prefix.
-std::string TooShort(const std::string& id) {
-  return AnswerDoc(id, "3.0", false, "Q");
-}
-
+// An oversized document is longer than the 64 KiB a document may have (the
+// connection is closed); the storm's option data is too short to carry its
+// prefix.
 INSTANTIATE_TEST_SUITE_P(
     Inbound, ListenerFaultTest,
-    ::testing::Values(ListenerFault{"Garbage", Noise, 1, 0},
-                      ListenerFault{"EmptyConnection", Nothing, 1, 0},
-                      ListenerFault{"UnknownTrackingNumber", UnknownNumber, 1, 1},
-                      ListenerFault{"Oversized", Oversized, 1, 0},
-                      ListenerFault{"ConnectionStorm", TooShort, 8, 0}),
+    ::testing::Values(
+        ListenerFault{"Garbage", [](auto&) { return std::string("\x01\x02<OAP-re&&<<", 13); }, 1,
+                      0},
+        ListenerFault{"EmptyConnection", [](auto&) { return std::string(); }, 1, 0},
+        ListenerFault{"UnknownTrackingNumber",
+                      [](auto&) { return AnswerDoc("7", "3.0", false, "N:Yes"); }, 1, 1},
+        ListenerFault{"Oversized",
+                      [](auto& id) {
+                        return AnswerDoc(id, "3.0", false, "N:" + std::string(70 * 1024, 'x'));
+                      },
+                      1, 0},
+        ListenerFault{"ConnectionStorm", [](auto& id) { return AnswerDoc(id, "3.0", false, "Q"); },
+                      8, 0}),
     [](const ::testing::TestParamInfo<ListenerFault>& info) { return info.param.name; });
 
 // Idle connections cannot switch the listener off: a thousand are held open
@@ -229,23 +215,15 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(SoakFaultTest, IdleConnectionsNeverShutTheListener) {
   const int count = 1000 / kSoakScale;
   ASSERT_TRUE(RaiseDescriptorLimit(2 * count + 1024));
-  std::vector<QmReferenceJob> jobs(count);
-  for (QmReferenceJob& job : jobs) {
-    Status status;
-    ASSERT_TRUE(Send(job, status));
-  }
+  for (int i = 0; i < count; ++i) Sent();
   std::vector<int> idle;
   std::thread holder([&] {
-    for (int i = 0; i < count; ++i) idle.push_back(Connect(listenerPort));
+    for (int i = 0; i < count; ++i) idle.push_back(ConnectLoopback(listenerPort));
   });
   std::vector<std::thread> handsets;
   for (int t = 0; t < 4; ++t) {
     handsets.emplace_back([&, t] {
-      for (int i = t; i < count; i += 4) {
-        const QmReferenceJob& job = jobs[i];
-        EXPECT_TRUE(PushShort(listenerPort, AnswerDoc(Hex(job.GetTrackingReceipt()), job.OapVersion,
-                                                      false, "N:Yes")));
-      }
+      for (int i = t; i < count; i += 4) EXPECT_TRUE(PushShort(listenerPort, YesFor(jobs[i])));
     });
   }
   holder.join();
@@ -271,7 +249,7 @@ TEST_F(SoakFaultTest, IdleConnectionsNeverShutTheListener) {
                          "Connection with client [IP address '127.0.0.1'] closed to make room"),
             0u);
   EXPECT_EQ(logger.Count(Level::LEVEL_ERROR, ""), 0u);
-  for (int fd : idle) close(fd);
+  for (int fd : idle) EXPECT_EQ(close(fd), 0);
 }
 
 // A host that has many descriptors open before Setup (past the 1024 that
@@ -283,11 +261,7 @@ TEST_F(SoakFaultTest, HostWithTwoThousandDescriptorsSendsAndReceives) {
   for (int i = 0; i < 2000; ++i) held.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
   ASSERT_GE(held.back(), 2000);
   SetupOnFreePort();
-  QmReferenceJob job;
-  Status status;
-  ASSERT_TRUE(Send(job, status));
-  EXPECT_EQ(status, Reports::SENT);
-  ExpectOneYes(job);
+  ExpectOneYes(Sent());
   for (int fd : held) close(fd);
 }
 
@@ -296,29 +270,19 @@ TEST_F(SoakFaultTest, HostWithTwoThousandDescriptorsSendsAndReceives) {
 // waiting out its time on the port).
 TEST_F(SoakFaultTest, SetupAgainOnTheSamePortRightAfterTheDriverClosed) {
   for (int round = 0; round < 50; ++round) {
-    const int fd = Connect(listenerPort);
-    Write(fd, "no document");  // closed by the driver
-    char byte;
-    pollfd entry{fd, POLLIN, 0};
-    EXPECT_TRUE(poll(&entry, 1, 5000) > 0 && recv(fd, &byte, 1, 0) <= 0) << round;
-    close(fd);
+    const int fd = ConnectLoopback(listenerPort);
+    EXPECT_TRUE(WriteAll(fd, "no document") && ClosedByDriver(fd, false)) << round;
     EXPECT_TRUE(driver->Cleanup());
     ASSERT_TRUE(SetupWithPort(std::to_string(listenerPort))) << round;
   }
-  QmReferenceJob job;
-  Status status;
-  ASSERT_TRUE(Send(job, status));
-  ExpectOneYes(job);
+  ExpectOneYes(Sent());
 }
 
 // Answers pushed from three threads, idle connections and one connection in
 // the middle of a document: Cleanup still returns promptly (checked when the
 // test ends) and ends the half-written connection.
 TEST_F(SoakFaultTest, CleanupUnderLoadReturnsPromptly) {
-  QmReferenceJob job;
-  Status status;
-  ASSERT_TRUE(Send(job, status));
-  const std::string answer = AnswerDoc(Hex(job.GetTrackingReceipt()), "3.0", false, "N:Again");
+  const std::string answer = AnswerDoc(Hex(Sent().GetTrackingReceipt()), "3.0", false, "N:Again");
   std::atomic<bool> stop{false};
   std::atomic<int> pushed{0};
   std::vector<std::thread> pushers;
@@ -328,15 +292,15 @@ TEST_F(SoakFaultTest, CleanupUnderLoadReturnsPromptly) {
     });
   }
   std::vector<int> idle;
-  for (int i = 0; i < 4; ++i) idle.push_back(Connect(listenerPort));
-  const int halfWritten = Connect(listenerPort);
-  Write(halfWritten, answer.substr(0, 40));
+  for (int i = 0; i < 4; ++i) idle.push_back(ConnectLoopback(listenerPort));
+  const int halfWritten = ConnectLoopback(listenerPort);
+  ASSERT_TRUE(WriteAll(halfWritten, answer.substr(0, 40)));
   ASSERT_TRUE(Eventually([&] { return pushed >= 30; }));
 
   EXPECT_TRUE(driver->Cleanup());
   stop = true;
   for (std::thread& pusher : pushers) pusher.join();
-  EXPECT_TRUE(FinishAndWaitForClose(halfWritten));
+  EXPECT_TRUE(ClosedByDriver(halfWritten, true));
   for (int fd : idle) close(fd);
 }
 
@@ -345,16 +309,11 @@ TEST_F(SoakFaultTest, CleanupUnderLoadReturnsPromptly) {
 // cleans up: Cleanup still returns within the pool's stop time, and nothing
 // is left behind.
 TEST_F(SoakFaultTest, CleanupWhileEchoesWaitOnASilentServer) {
-  QmReferenceJob jobs[8];
-  for (QmReferenceJob& job : jobs) {
-    Status status;
-    ASSERT_TRUE(Send(job, status));
-  }
+  for (int i = 0; i < 8; ++i) Sent();
   server.SetMode(Mode::kSilent);
   std::vector<std::thread> handsets;
   for (QmReferenceJob& job : jobs) {
-    const std::string answer = AnswerDoc(Hex(job.GetTrackingReceipt()), "3.0", false, "N:Yes");
-    handsets.emplace_back([this, answer] { SendInbound(listenerPort, answer); });
+    handsets.emplace_back([this, answer = YesFor(job)] { SendInbound(listenerPort, answer); });
   }
   ASSERT_TRUE(Eventually([&] { return server.Repeats() >= 1; }));
   const Clock::time_point start = Clock::now();
@@ -368,10 +327,9 @@ TEST_F(SoakFaultTest, CleanupWhileEchoesWaitOnASilentServer) {
 // sent through either server must come back.
 TEST_F(SoakFaultTest, AnswersThroughTwoServersOnOneHostAreHandedBack) {
   LoopbackOapServer other;
-  QmReferenceJob viaFirst;
+  QmReferenceJob& viaFirst = Sent();
   QmReferenceJob viaSecond;
   Status status;
-  ASSERT_TRUE(Send(viaFirst, status));
   Address(viaSecond, "4711", "3.0", true);
   viaSecond.ServerPort = other.Port();
   ASSERT_TRUE(driver->SendAMessage(&viaSecond, status));

@@ -32,6 +32,16 @@ const int kPoolRounds = 1000;
 const bool kResidentSetTellsLeaks = true;
 #endif
 
+// Polls `condition` every few milliseconds for up to `seconds`; its last value.
+template <typename Condition>
+bool WaitUntil(Condition condition, int seconds) {
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(seconds);
+  while (!condition() && Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return condition();
+}
+
 // What the work items of all rounds share. Outlives every item, including
 // those left running after their pool has gone.
 struct Workshop {
@@ -136,11 +146,7 @@ TEST(PoolStopTest, StoppedOverAndOverWhileWorkersAllocatePrintAndLog) {
   }
 
   // Every item ends, the lingering ones after their pools have gone.
-  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(30);
-  while (shop.live > 0 && Clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_EQ(shop.live.load(), 0);
+  EXPECT_TRUE(WaitUntil([&] { return shop.live == 0; }, 30)) << shop.live;
   EXPECT_LE(ThreadsAfterWaiting(threadsBefore, 10000), threadsBefore);
   const long grownKiB = ResidentKiB() - residentAfterWarmUp;
   EXPECT_GE(reports.Count(Level::LEVEL_ERROR, "left running"), static_cast<size_t>(lingering));
@@ -176,11 +182,7 @@ class HostSignalTest : public SoakDriverTest {
     const std::string answer =
         AnswerDoc(Hex(answered->GetTrackingReceipt()), "3.0", false, "N:Yes");
     std::thread([this, answer] { SendInbound(listenerPort, answer); }).detach();
-    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
-    while (server.Repeats() < 1 && Clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    if (server.Repeats() < 1) return 11;
+    if (!WaitUntil([this] { return server.Repeats() >= 1; }, 10)) return 11;
     // Host threads inside SendAMessage, waiting on the silent server.
     std::atomic<int> sending{0};
     for (int t = 0; t < 4; ++t) {
