@@ -89,6 +89,9 @@ TEST(Codec, GoldenTexts) {
       {Q::EncodeMultiLineData, {{"a\r\nb\n\rc", "a<CR><LF>b<LF><CR>c"}}},
       {Q::DecodeMultiLineData, {{"a<CR><LF>b<LF><CR>c", "a\r\nb\n\rc"}}},
       {Q::EscapeJsonString, {{"a\\b\"c\nd\re\tf", "a\\\\b\\\"c\\nd\\re\\tf"}}},
+      // Unknown or broken escapes are kept as written.
+      {Q::UnescapeJsonString,
+       {{"\\q\\u00zz\\u0041\\ud83d\\ude00\\n\\", "\\q\\u00zzA\xf0\x9f\x98\x80\n\\"}}},
       {Q::EscapeInternalJSON, {{"a\\\\b\\\"c\\n", "a\\\\\\\\b\\\\\\\"c\\n"}}},
       {Q::EncodeUnicodeCharacters, {{"\\u003cb\\u003e\\u003d", "<b>\\u003d"}}},
       {Q::EscapeBackslash, {{"a\\b\\\\", "a\\\\b\\\\\\\\"}}},
