@@ -202,6 +202,7 @@ TEST_F(LogFrontEndTest, RegistryHoldsFifteenLoggersMadeConcurrently) {
   EXPECT_EQ(nullptr, create("m15", Logger::SINGLE_THREADED));
   EXPECT_TRUE(!Logger::IsInstanceAvailable("m15") && Logger::IsInstanceAvailable("m12"));
   EXPECT_EQ(first, Logger::GetInstance(1, "f.cpp"));
+  EXPECT_EQ(own[12], Logger::GetInstance("m12"));
   EXPECT_EQ(
       "QmsysEventLogInterface object for module [m15] is called before creation @ line [12] in "
       "file [x.cpp].",
