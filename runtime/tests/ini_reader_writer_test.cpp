@@ -129,7 +129,7 @@ TEST_F(IniTest, LocksAreExclusiveOrSharedAndRespectedByReaders) {
 TEST_F(IniTest, ExtendedRewritesOpenFileInPlace) {
   QmIniReaderWriterEx ini(path(), true, true);
   EXPECT_FALSE(ini.open(false));  // "r+" needs an existing file
-  ASSERT_TRUE(ini.open(true) && ini.lock(false) && ini.read());
+  ASSERT_TRUE(ini.open(true) && ini.lock(false) && ini.read() && ini.isFileLoaded());
   ini.setKeyValue("[main]", "first", std::string(200, 'x'));
   ini.setKeyValue("[main]", "second", "2");
   ASSERT_TRUE(ini.write() && ini.removeKey("[main]", "first") && ini.write());

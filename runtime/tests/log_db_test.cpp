@@ -134,6 +134,7 @@ TEST_F(LogDbTest, UnusableDatabaseThrowsOrFailsAndTheWriterRetriesAtItsNextLine)
   EXPECT_TRUE(writer.isInitialized());  // configured: each line tries again
   EXPECT_FALSE(writer("agent", QmsysEventLogWriterInterface::LEVEL_INFO, "x", 1, "f", 0));
   EXPECT_EQ(1u, capture.count("QmsysEventLogSQLiteWriter::setDbFileName", ""));
+  EXPECT_EQ(0u, capture.count("QmsysEventLogSQLiteWriter::setDbFileName", "Unknown error"));
   std::filesystem::remove(m_dir.file("plain"));  // the folder can be made now
   EXPECT_TRUE(writer("agent", QmsysEventLogWriterInterface::LEVEL_INFO, "y", 1, "f", 0));
   QmLogSQLiteProcessor written(m_dir.file("plain/sub/log.db"), true);

@@ -69,6 +69,7 @@ TEST(ThreadPoolTest, OneWorkerRunsItemsInTurnRetiresWhenIdleAndStops) {
   EXPECT_EQ(2, journal.ran.load());
   EXPECT_EQ(1u, journal.threads.size());
   EXPECT_FALSE(pool.IsThreadRunning(first));
+  EXPECT_FALSE(pool.RemoveThread(first));  // no longer the pool's
   pool.AddWork(new RecordingWork(&journal, 0), second);  // a new worker is made
   EXPECT_NE(0UL, second);
   EXPECT_TRUE(WaitUntil([&] { return journal.ran == 3; }, 5000));

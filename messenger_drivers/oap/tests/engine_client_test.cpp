@@ -242,11 +242,14 @@ TEST_F(EngineListenerTest, UnknownNumbersGarbageAndBadOptionDataAreDropped) {
   Deliver(OptionAnswer("12345", "<DataResp>A:Yes</DataResp>"));
   EXPECT_TRUE(
       logger.Has(Log::LEVEL_WARN, "Couldn't find device controller by Trackign ID '74565'"));
-  // Bytes that cannot begin a document close the connection unread.
-  ASSERT_TRUE(SendInbound(port, "this is <not an OAP document"));
-  EXPECT_TRUE(logger.WaitFor(Log::LEVEL_WARN,
-                             "received bytes that cannot begin an OAP document [this is <not", 1,
-                             kWaitMs));
+  // Bytes that cannot begin a document close the connection unread; the
+  // warning shows the first 64 of them.
+  const std::string garbage = "this is <not an OAP document" + std::string(60, '.');
+  ASSERT_TRUE(SendInbound(port, garbage));
+  EXPECT_TRUE(logger.WaitFor(
+      Log::LEVEL_WARN,
+      "received bytes that cannot begin an OAP document [" + garbage.substr(0, 64) + "]", 1,
+      kWaitMs));
   // What a closing peer leaves unfinished is handled as it is.
   Deliver(std::string("<OAP-request version=\"4.0\"\0", 27));
   EXPECT_EQ(logger.Count(Log::LEVEL_WARN, "not an OAP block"), 1u);
