@@ -1,6 +1,9 @@
 // XML documents: parsing, hostile input, the writer, paths, file binding and the node API.
-#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <fstream>
@@ -260,6 +263,15 @@ TEST(XmlFile, WritesReadsOpensAndLocks) {
   ASSERT_TRUE(own.read() && own.getRootNode()["new"].attributeValue("n") == 7);  // its output
   EXPECT_TRUE(own.close() && !own.close() && own.isDocumentPresent());           // the tree stays
   EXPECT_FALSE(own.isFileOpened() || own.isFileLoaded());
+
+  // A file that cannot be read from its start (a pipe) is not read.
+  const std::string pipe = path + ".fifo";
+  ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
+  const int writer = ::open(pipe.c_str(), O_RDWR | O_NONBLOCK);  // so that opening does not wait
+  X piped(pipe, 0);
+  EXPECT_TRUE(piped.open(false, false) && !piped.read());
+  close(writer);
+  unlink(pipe.c_str());
 
   std::ofstream(path) << "<broken>";
   X bad(path, X::OPEN_FILE | X::OPEN_READ);
