@@ -116,6 +116,23 @@ TEST_F(LogDbTest, WaitsForAnotherConnectionHoldingTheDatabase) {
   EXPECT_TRUE(processor.writeLogRecord("agent", "after", 2, 3, "f", 2)) << processor.getDBString();
   holder.join();
   EXPECT_EQ(2u, Messages(processor, "agent").size());
+  // Held for longer than the processor waits (3 s): the line fails with the
+  // busy error, which the processor keeps for its caller.
+  std::promise<bool> held;
+  std::promise<void> release;
+  std::thread keeper([&] {
+    sqlite3* handle = nullptr;
+    sqlite3_open(db().c_str(), &handle);
+    held.set_value(sqlite3_exec(handle, "BEGIN EXCLUSIVE;", nullptr, nullptr, nullptr) == 0);
+    release.get_future().wait();
+    sqlite3_exec(handle, "COMMIT;", nullptr, nullptr, nullptr);
+    sqlite3_close(handle);
+  });
+  ASSERT_TRUE(held.get_future().get());
+  EXPECT_FALSE(processor.writeLogRecord("agent", "lost", 3, 3, "f", 3));
+  EXPECT_EQ(SQLITE_BUSY, processor.getDBError());
+  release.set_value();
+  keeper.join();
 }
 
 TEST_F(LogDbTest, UnusableDatabaseThrowsOrFailsAndTheWriterRetriesAtItsNextLine) {
