@@ -39,4 +39,7 @@ std::string QmstringReplaceColon(const std::string& text);
 // mode; text that does not start with a hex digit yields 0.
 unsigned int QmHexStrToUInt(const std::string& text);
 
+// Appends the UTF-8 bytes of a code point (up to U+10FFFF) to `out`.
+void QmstringAppendUtf8(std::string& out, unsigned long codePoint);
+
 #endif

@@ -140,24 +140,6 @@ std::string decodeEntities(std::string text, const Entity* table, int count, cha
   return text;
 }
 
-void appendUtf8(std::string& out, unsigned long cp) {
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-}
-
 // The length of the well-formed UTF-8 sequence at text[pos] (shortest form,
 // no surrogates, at most U+10FFFF) with its code point, or 0.
 std::string::size_type utf8SequenceAt(const std::string& text, std::string::size_type pos,
@@ -221,12 +203,12 @@ std::string::size_type decodeUnicodeEscape(const std::string& text, std::string:
   if (unit >= 0xD800 && unit <= 0xDBFF) {
     const long low = unicodeEscapeAt(text, pos + 6);
     if (low >= 0xDC00 && low <= 0xDFFF) {
-      appendUtf8(out, 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00));
+      QmstringAppendUtf8(out, 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00));
       return 12;
     }
   }
   const bool loneSurrogate = unit >= 0xD800 && unit <= 0xDFFF;
-  appendUtf8(out, loneSurrogate ? 0xFFFD : static_cast<unsigned long>(unit));
+  QmstringAppendUtf8(out, loneSurrogate ? 0xFFFD : static_cast<unsigned long>(unit));
   return 6;
 }
 
@@ -409,7 +391,7 @@ std::string QmsysCodec::EncodeXmlText(const std::string& text, const std::string
       std::snprintf(reference, sizeof reference, "&#x%lx;", cp);
       out += reference;
     } else {
-      appendUtf8(out, cp);
+      QmstringAppendUtf8(out, cp);
     }
   }
   return out;

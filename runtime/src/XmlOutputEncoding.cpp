@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "QmString.h"
+
 namespace {
 
 const unsigned long kReplacement = 0xFFFD;
@@ -74,24 +76,6 @@ unsigned long Decode(const std::string& text, size_t& at) {
   return c;
 }
 
-void AppendUtf8(unsigned long c, std::string& out) {
-  if (c < 0x80) {
-    out += static_cast<char>(c);
-  } else if (c < 0x800) {
-    out += static_cast<char>(0xC0 | (c >> 6));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    out += static_cast<char>(0xE0 | (c >> 12));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (c >> 18));
-    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  }
-}
-
 void AppendUtf16Unit(unsigned long unit, bool bigEndian, std::string& out) {
   const char high = static_cast<char>((unit >> 8) & 0xFF);
   const char low = static_cast<char>(unit & 0xFF);
@@ -122,7 +106,7 @@ bool XmlOutputEncoding::appendName(const std::string& name, std::string& out) co
     const bool first = at == 0;
     const unsigned long c = Decode(name, at);
     valid = valid && c <= m_limit && (first ? IsNameStart(c) : IsNameChar(c));
-    AppendUtf8(c, out);
+    QmstringAppendUtf8(out, c);
   }
   return valid;
 }
@@ -132,7 +116,7 @@ void XmlOutputEncoding::appendText(const std::string& text, std::string& out) co
     unsigned long c = Decode(text, at);
     if (!IsXmlChar(c)) c = kReplacement;
     if (c <= m_limit) {
-      AppendUtf8(c, out);
+      QmstringAppendUtf8(out, c);
     } else {
       out += "&#" + std::to_string(c) + ";";
     }
