@@ -83,6 +83,12 @@ size_t LoopbackOapServer::Requests(const std::string& hexId) {
   return found != m_messages.end() ? found->second : 0;
 }
 
+void LoopbackOapServer::ForgetRequests() {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  m_messages.clear();
+  m_requests = 0;
+}
+
 size_t LoopbackOapServer::Repeats() {
   std::lock_guard<std::mutex> guard(m_mutex);
   return m_requests - m_messages.size();

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,6 +34,14 @@ const int kSoakScale = 2;
 #else
 const int kSoakScale = 1;
 #endif
+
+// The seed of a randomised soak: QM_SOAK_SEED when set (to replay a failed
+// run), a fresh one otherwise.
+inline unsigned SoakSeed() {
+  const char* fixed = std::getenv("QM_SOAK_SEED");
+  return fixed != nullptr ? static_cast<unsigned>(std::strtoul(fixed, nullptr, 10))
+                          : static_cast<unsigned>(std::random_device()());
+}
 
 // A loopback connection to `port`, -1 when it cannot be made.
 int ConnectLoopback(int port);
@@ -93,6 +102,9 @@ class LoopbackOapServer {
   // Requests about the message with this hexadecimal id (its own and the
   // updates of it).
   size_t Requests(const std::string& hexId);
+  // Forgets the counts. Host processes started within the same second draw
+  // the same tracking numbers, so rounds of separate hosts count afresh.
+  void ForgetRequests();
 
  private:
   void Serve();
