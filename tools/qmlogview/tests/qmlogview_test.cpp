@@ -1,6 +1,7 @@
-// The viewer: its command line rules and output escaping in process, then
-// the program run against log databases written by the log database
-// processor or by a logger configured for SQLite.
+// The viewer: its command line and output escaping, the viewer run in process
+// against log databases written by the log database processor or by a logger
+// configured for SQLite, and the program itself following a database until
+// signalled and reading another user's database.
 
 #include <sqlite3.h>
 
@@ -13,6 +14,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -22,6 +24,7 @@
 #include "../../oapsim/tests/child_process.h"
 #include "LogViewFormatter.h"
 #include "LogViewOptions.h"
+#include "LogViewer.h"
 #include "QmLogSQLiteProcessor.h"
 #include "QmsysEventLogInterface.h"
 
@@ -34,33 +37,44 @@ const bool kUtc = [] {
   return true;
 }();
 
-// The values accepted are read by the viewer runs below.
+struct Result {
+  int code = 0;
+  std::string out, err;
+};
+
+// The words after the program name, parsed and run as the program does; a
+// run that would wait for new entries stops at once.
+Result View(std::vector<std::string> args) {
+  args.insert(args.begin(), "qmlogview");
+  std::vector<const char*> argv;
+  for (const std::string& arg : args) argv.push_back(arg.c_str());
+  LogViewOptions options;
+  Result result;
+  if (!LogViewOptions::Parse(static_cast<int>(argv.size()), argv.data(), options, result.err)) {
+    result.code = LogViewer::EXIT_USAGE;
+    return result;
+  }
+  std::ostringstream out, err;
+  result.code = LogViewer(options, out, err).Run([](int) { return true; });
+  result.out = out.str();
+  result.err = err.str();
+  return result;
+}
+
+// The values accepted are read by the runs below.
 TEST(LogViewOptionsTest, RefusesBadValuesCombinationsAndQuotesThatWouldReachSql) {
   for (const char* line :
        {"--level loud", "--level 8", "--levels 4,,5", "--page 0", "--page-size -1", "--page 2x",
         "--sort size", "--since yesterday", "--bogus", "", "--page", "--json=1", "--config dir",
         "--logger l", "--level 4 --levels 5", "--follow --list-modules", "--message o'clock",
         "--date o'clock", "--module o'clock"}) {
-    std::istringstream words(std::string("qmlogview ") + (*line ? "--db x.db " : "") + line);
-    std::vector<std::string> args;
-    for (std::string word; words >> word;) args.push_back(word);
-    std::vector<const char*> argv;
-    for (const std::string& arg : args) argv.push_back(arg.c_str());
-    LogViewOptions options;
-    std::string error;
-    EXPECT_FALSE(LogViewOptions::Parse(static_cast<int>(argv.size()), argv.data(), options, error))
-        << line;
-    EXPECT_FALSE(error.empty()) << line;
-    EXPECT_TRUE(!strchr(line, '\'') || error.find("single quote") != std::string::npos) << error;
+    SCOPED_TRACE(line);
+    std::istringstream words(std::string(*line ? "--db x.db " : "") + line);
+    const Result refused = View({std::istream_iterator<std::string>(words), {}});
+    EXPECT_EQ(refused.code, LogViewer::EXIT_USAGE);
+    EXPECT_FALSE(refused.err.empty());
+    EXPECT_TRUE(!strchr(line, '\'') || refused.err.find("single quote") != std::string::npos);
   }
-}
-
-// Numbers outside 1..7 and unknown words are no level; names follow the
-// logging configuration's spellings.
-TEST(LogViewOptionsTest, LevelsAndTimesAsTheyMayBeWritten) {
-  const std::vector<std::pair<const char*, int>> levels{
-      {"7", 7}, {"Information", 3}, {"criti", 6}, {"verbose", 0}, {"0", 0}, {"12", 0}};
-  for (const auto& c : levels) EXPECT_EQ(LogViewOptions::ParseLevel(c.first), c.second) << c.first;
   // Local date and time (UTC here), a date, or epoch seconds; -1 for none.
   const std::vector<std::pair<const char*, long>> times{{"1700000000", 1700000000L},
                                                         {"2023-11-14 22:13:20", 1700000000L},
@@ -71,21 +85,6 @@ TEST(LogViewOptionsTest, LevelsAndTimesAsTheyMayBeWritten) {
                           "2023-11-14 22:13:20 junk", "-5", "99999999999"}) {
     EXPECT_EQ(LogViewOptions::ParseTime(bad), -1) << bad;
   }
-}
-
-TEST(LogViewFormatterTest, JsonEscapingKeepsUtf8AndReadsOtherBytesAsLatin1) {
-  const std::vector<std::pair<std::string, std::string>> cases{
-      {"a\"b\\c/d", "a\\\"b\\\\c/d"},
-      {"l1\nl2\r\t\b\f", "l1\\nl2\\r\\t\\b\\f"},
-      {std::string("\x01\x1f\x7f", 3), "\\u0001\\u001f\\u007f"},
-      {std::string("nul\0x", 5), "nul\\u0000x"},
-      {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x93\x9f", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x93\x9f"},
-      // Over-long form, lone continuation byte, truncated sequence, surrogate.
-      {"\xc0\xaf", "\\u00c0\\u00af"},
-      {"\x80z", "\\u0080z"},
-      {"\xe2\x82", "\\u00e2\\u0082"},
-      {"\xed\xa0\x80", "\\u00ed\\u00a0\\u0080"}};
-  for (const auto& c : cases) EXPECT_EQ(LogViewFormatter::JsonEscape(c.first), c.second);
 }
 
 // The table as the viewer writes it: 19-character time, module padded to
@@ -128,25 +127,26 @@ class LogViewTest : public ::testing::Test {
     }
   }
 
-  // One run of the viewer and what it must do.
+  // One run of the viewer and what it must print, its exit status and a
+  // text its error stream must hold.
   struct Run {
     std::vector<std::string> args;
     std::string out;
     int code = 0;
-    std::string errorHas = "";  // found in the error stream
+    std::string errorHas = "";
   };
-  // Runs the program for each; the test's database is read unless the run
-  // names its own source (--db or --config).
+  // The test's database is read unless the run names its own (--db or --config).
   void Expect(const std::vector<Run>& runs) {
     for (const Run& run : runs) {
       std::vector<std::string> args = run.args;
       if (args.empty() || (args[0] != "--db" && args[0] != "--config")) {
         args.insert(args.begin(), {"--db", m_db});
       }
-      ChildProcess viewer(QMLOGVIEW_PATH, args);
-      EXPECT_EQ(viewer.Finish(), run.code) << viewer.err;
-      EXPECT_EQ(viewer.out, run.out) << (run.args.empty() ? "" : run.args.back());
-      EXPECT_NE(viewer.err.find(run.errorHas), std::string::npos) << viewer.err;
+      SCOPED_TRACE(args.back());
+      const Result result = View(args);
+      EXPECT_EQ(result.code, run.code) << result.err;
+      EXPECT_EQ(result.out, run.out);
+      EXPECT_NE(result.err.find(run.errorHas), std::string::npos) << result.err;
     }
   }
 
@@ -166,7 +166,8 @@ TEST_F(LogViewTest, ListsFiltersAndSortsInAnAlignedTable) {
   Expect({
       {{}, Table(w, {tick, failed, request, disk, route, started})},
       {{"--module", "agent", "--level", "warn"}, Table(6, {disk})},
-      {{"--sort", "module,level", "--levels", "3,4,6"}, Table(w, {started, disk, request, route})},
+      {{"--sort", "module,level", "--levels", "Information,4,criti"},
+       Table(w, {started, disk, request, route})},
       {{"--list-modules"}, "agent\nweb.front-1\n"},
       {{"--module", "agent", "--levels", "2, error"}, Table(6, {tick, failed})},
       {{"--module", "agent", "--message", "%fail%"}, Table(6, {failed})},
@@ -176,12 +177,11 @@ TEST_F(LogViewTest, ListsFiltersAndSortsInAnAlignedTable) {
   });
 }
 
-// One module or several: the same ordered list cut into the same pages.
-// Entries of one second are ordered by when they were stored.
-TEST_F(LogViewTest, PagesOneModuleAndSeveralModulesAlike) {
+// Two modules cut into pages as one ordered list; entries of one second are
+// ordered by when they were stored.
+TEST_F(LogViewTest, PagesSeveralModulesAsOneList) {
   QmLogSQLiteProcessor db(m_db, true);
   for (int i = 0; i < 7; ++i) {
-    ASSERT_TRUE(db.writeLogRecord("solo", "s" + std::to_string(i), kBase + i, 3, "f", i));
     ASSERT_TRUE(
         db.writeLogRecord(i % 2 ? "odd" : "even", "m" + std::to_string(i), kBase + i, 4, "f", i));
     ASSERT_TRUE(db.writeLogRecord("burst", "b" + std::to_string(i), kBase, 4, "f", i));
@@ -189,78 +189,45 @@ TEST_F(LogViewTest, PagesOneModuleAndSeveralModulesAlike) {
   auto burst = [](int i) -> std::vector<std::string> {
     return {"22:13:20", "burst", "WARN", "b" + std::to_string(i)};
   };
-  // The i-th entry of module solo, and of odd or even.
-  auto solo = [](int i) -> std::vector<std::string> {
-    return {"22:13:2" + std::to_string(i), "solo", "INFO", "s" + std::to_string(i)};
-  };
   auto mixed = [](int i) -> std::vector<std::string> {
     return {"22:13:2" + std::to_string(i), i % 2 ? "odd" : "even", "WARN", "m" + std::to_string(i)};
   };
+  const std::vector<std::string> both{"--module", "odd", "--module", "even", "--page-size", "3"};
+  const auto With = [&both](std::vector<std::string> more) {
+    more.insert(more.begin(), both.begin(), both.end());
+    return more;
+  };
   Expect({
-      {{"--module", "solo", "--page-size", "3", "--page", "2"},
-       Table(6, {solo(3), solo(2), solo(1)}, "Page 2 of 3\n")},
-      {{"--module", "odd", "--module", "even", "--page-size", "3", "--page", "2"},
-       Table(6, {mixed(3), mixed(2), mixed(1)}, "Page 2 of 3\n")},
-      {{"--module", "solo", "--page-size", "3", "--page", "3"},
-       Table(6, {solo(0)}, "Page 3 of 3\n")},
+      {With({"--page", "2"}), Table(6, {mixed(3), mixed(2), mixed(1)}, "Page 2 of 3\n")},
+      {With({"--page", "3"}), Table(6, {mixed(0)}, "Page 3 of 3\n")},
+      {With({"--since", std::to_string(kBase + 2)}),
+       Table(6, {mixed(6), mixed(5), mixed(4)}, "Page 1 of 2\n")},
       {{"--module", "burst", "--page-size", "3", "--page", "2"},
        Table(6, {burst(3), burst(2), burst(1)}, "Page 2 of 3\n")},
       {{"--module", "burst", "--sort", "module", "--page-size", "2"},
        Table(6, {burst(0), burst(1)}, "Page 1 of 4\n")},
-      {{"--module", "solo", "--levels", "3", "--page-size", "2"},
-       Table(6, {solo(6), solo(5)}, "Page 1 of 4\n")},
-      {{"--module", "solo", "--level", "3", "--date", "%22:13:2%", "--page-size", "2"},
-       Table(6, {solo(6), solo(5)}, "Page 1 of 4\n")},
-      {{"--module=solo", "--page-size=3", "--page=4"}, "", 1, "page 4 is past the last page (3)"},
-      {{"--module=solo", "--page-size=100000", "--page=1000000000"}, "", 1, "last page (1)"},
+      {With({"--page=4"}), "", 1, "page 4 is past the last page (3)"},
+      {With({"--page-size=100000", "--page=1000000000"}), "", 1, "last page (1)"},
   });
 }
 
-// Line breaks and control bytes are escaped in both forms; in JSON, bytes
-// that are no UTF-8 are read as ISO-8859-1.
+// Line breaks and control bytes are escaped in both forms. In JSON, UTF-8
+// passes and the bytes of an over-long form, a lone continuation byte, a
+// truncated sequence and a surrogate are read as ISO-8859-1.
 TEST_F(LogViewTest, EntriesStayOnOneLineInTablesAndJson) {
-  ASSERT_TRUE(
-      QmLogSQLiteProcessor(m_db, true)
-          .writeLogRecord("agent", "say \"hi\"\\\nnext\tcaf\xe9\x01\r", kBase, 7, "a\\b.cpp", 3));
+  const std::string odd =
+      " \xc3\xa9\xe2\x82\xac\xf0\x9f\x93\x9f \xc0\xaf \x80z \xe2\x82 \xed\xa0\x80";
+  ASSERT_TRUE(QmLogSQLiteProcessor(m_db, true)
+                  .writeLogRecord("agent", "say \"hi\"\\\nnext\tcaf\xe9\x1f\r/\b\f\x7f" + odd,
+                                  kBase, 7, "a\\b.cpp", 3));
   const std::string json =
       "{\"time\":1700000000,\"local_time\":\"2023-11-14 22:13:20\",\"module\":\"agent\","
       "\"level\":7,\"level_name\":\"FATAL\",\"message\":\"say \\\"hi\\\"\\\\\\nnext\\tcaf"
-      "\\u00e9\\u0001\\r\",\"file\":\"a\\\\b.cpp\",\"line\":3}\n";
-  Expect({{{}, Table(6, {{"22:13:20", "agent", "FATAL", "say \"hi\"\\\\nnext\\tcaf\xe9\\x01\\r"}})},
+      "\\u00e9\\u001f\\r/\\b\\f\\u007f \xc3\xa9\xe2\x82\xac\xf0\x9f\x93\x9f \\u00c0\\u00af "
+      "\\u0080z \\u00e2\\u0082 \\u00ed\\u00a0\\u0080\",\"file\":\"a\\\\b.cpp\",\"line\":3}\n";
+  const std::string row = "say \"hi\"\\\\nnext\\tcaf\xe9\\x1F\\r/\\x08\\x0C\\x7F" + odd;
+  Expect({{{}, Table(6, {{"22:13:20", "agent", "FATAL", row}})},
           {{"--json"}, json, 0, "Page 1 of 1\n"}});
-}
-
-// Without a start time only entries written after the start are shown; with
-// one the stored entries from then on come first.
-TEST_F(LogViewTest, FollowPrintsNewMatchingEntriesUntilSignalled) {
-  QmLogSQLiteProcessor db(m_db, true);
-  const std::vector<std::vector<std::string>> fresh{
-      {"22:13:31", "agent", "WARN", "first"},
-      {"22:13:33", "newcomer", "WARN", "from a new module"},
-      {"22:13:34", "agent", "WARN", "last"}};
-  for (int signal : {SIGTERM, SIGINT}) {
-    ASSERT_TRUE(db.writeLogRecord("agent", "old", kBase, 4, "f", 1));
-    ASSERT_TRUE(db.writeLogRecord("agent", "stored", kBase + 10, 4, "f", 2));
-    std::vector<std::string> args{"--db", m_db, "--follow", "--interval", "50", "--level", "4"};
-    if (signal == SIGINT) args.insert(args.end(), {"--since", std::to_string(kBase + 5)});
-    ChildProcess viewer(QMLOGVIEW_PATH, args);
-    // The head line comes once the stored entries have been passed over.
-    ASSERT_NE(viewer.WaitFor("MESSAGE"), "") << viewer.err;
-    // Each entry shown is waited for before the next is written.
-    time_t at = kBase + 10;
-    for (const std::string text : {"first", "skipped", "from a new module", "last"}) {
-      const bool shown = text != "skipped";  // INFO, below the level asked for
-      ASSERT_TRUE(db.writeLogRecord(text == "from a new module" ? "newcomer" : "agent", text, ++at,
-                                    shown ? 4 : 3, "f", 1));
-      EXPECT_TRUE(!shown || viewer.WaitFor(text) != "") << text << " not shown: " << viewer.out;
-    }
-    viewer.Signal(signal);
-    EXPECT_EQ(viewer.Finish(), 0) << viewer.err;
-    auto rows = fresh;
-    if (signal == SIGINT) rows.insert(rows.begin(), {"22:13:30", "agent", "WARN", "stored"});
-    EXPECT_EQ(viewer.out, Table(12, rows, ""));
-    ASSERT_TRUE(db.cleanAllModulesTable());
-  }
 }
 
 // Entries written by a logger configured for SQLite, read back through the
@@ -280,12 +247,9 @@ TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
   logger->Stop();
   QmsysEventLogInterface::ReleaseAll();
 
-  ChildProcess viewer(QMLOGVIEW_PATH, {"--config", config, "--module", "viewproc", "--json"});
-  ASSERT_EQ(viewer.Finish(), 0) << viewer.err;
-  for (const char* entry : {"\"level_name\":\"WARN\",\"message\":\"through the logger\"",
-                            "\"level_name\":\"TRACE\",\"message\":\"fine detail\""}) {
-    EXPECT_NE(viewer.out.find(entry), std::string::npos) << viewer.out;
-  }
+  EXPECT_NE(View({"--config", config, "--json"})
+                .out.find("\"level_name\":\"TRACE\",\"message\":\"fine detail\""),
+            std::string::npos);
   Expect(
       {{{"--config", config, "--logger", "db_logger", "--list-modules"}, "viewproc\n"},
        {{"--config", config, "--logger", "common"}, "", 1, "does not write to an SQLite database"},
@@ -318,15 +282,42 @@ TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
            "message, line, srcfile); INSERT INTO metatable VALUES (1, 'a', 'a');"));
   sqlite3_close(holder);
   Expect({{{"--db", locked}, "No matching log entries.\n"}});
-  ASSERT_EQ(sqlite3_open(locked.c_str(), &holder), SQLITE_OK);
-  std::string mode;
-  const auto Keep = [](void* out, int, char** values, char**) {
-    *static_cast<std::string*>(out) = values[0];
-    return 0;
-  };
-  EXPECT_EQ(sqlite3_exec(holder, "PRAGMA journal_mode;", Keep, &mode, nullptr), SQLITE_OK);
-  EXPECT_EQ(mode, "delete");
-  sqlite3_close(holder);
+  // Byte 18 of the file: 1 for a rollback journal, 2 for a write-ahead log.
+  std::ifstream file(locked, std::ios::binary);
+  EXPECT_EQ(file.seekg(18).get(), 1);
+}
+
+// The program itself: without a start time only entries written after the
+// start are shown; with one the stored entries from then on come first.
+TEST_F(LogViewTest, FollowPrintsNewMatchingEntriesUntilSignalled) {
+  QmLogSQLiteProcessor db(m_db, true);
+  const std::vector<std::vector<std::string>> fresh{
+      {"22:13:31", "agent", "WARN", "first"},
+      {"22:13:33", "newcomer", "WARN", "from a new module"},
+      {"22:13:34", "agent", "WARN", "last"}};
+  for (int signal : {SIGTERM, SIGINT}) {
+    ASSERT_TRUE(db.writeLogRecord("agent", "old", kBase, 4, "f", 1));
+    ASSERT_TRUE(db.writeLogRecord("agent", "stored", kBase + 10, 4, "f", 2));
+    std::vector<std::string> args{"--db", m_db, "--follow", "--interval", "50", "--level", "4"};
+    if (signal == SIGINT) args.insert(args.end(), {"--since", std::to_string(kBase + 5)});
+    ChildProcess viewer(QMLOGVIEW_PATH, args);
+    // The head line comes once the stored entries have been passed over.
+    ASSERT_NE(viewer.WaitFor("MESSAGE"), "") << viewer.err;
+    // Each entry shown is waited for before the next is written.
+    time_t at = kBase + 10;
+    for (const std::string text : {"first", "skipped", "from a new module", "last"}) {
+      const bool shown = text != "skipped";  // INFO, below the level asked for
+      ASSERT_TRUE(db.writeLogRecord(text == "from a new module" ? "newcomer" : "agent", text, ++at,
+                                    shown ? 4 : 3, "f", 1));
+      EXPECT_TRUE(!shown || viewer.WaitFor(text) != "") << text << " not shown: " << viewer.out;
+    }
+    viewer.Signal(signal);
+    EXPECT_EQ(viewer.Finish(), 0) << viewer.err;
+    auto rows = fresh;
+    if (signal == SIGINT) rows.insert(rows.begin(), {"22:13:30", "agent", "WARN", "stored"});
+    EXPECT_EQ(viewer.out, Table(12, rows, ""));
+    ASSERT_TRUE(db.cleanAllModulesTable());
+  }
 }
 
 // A database in a folder the viewer's user may not write: read with its
@@ -334,13 +325,8 @@ TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
 // Run as the user "nobody" when the test runs as root.
 TEST_F(LogViewTest, ReadsADatabaseOfAnotherUser) {
   const bool root = geteuid() == 0;
-  auto viewer = [&] {
-    std::vector<std::string> args{QMLOGVIEW_PATH, "--db", m_db, "--module", "agent"};
-    if (!root) return ChildProcess(QMLOGVIEW_PATH, {args.begin() + 1, args.end()});
-    args.insert(args.begin(), {"--reuid=65534", "--regid=65534", "--clear-groups"});
-    return ChildProcess("/usr/bin/setpriv", args);
-  };
-  auto lock = [&](bool locked) { chmod(m_dir.c_str(), locked && !root ? 0555 : 0755); };
+  std::vector<std::string> args{QMLOGVIEW_PATH, "--db", m_db, "--module", "agent"};
+  if (root) args.insert(args.begin(), {"--reuid=65534", "--regid=65534", "--clear-groups"});
   const std::string table =
       Table(6, {{"22:13:21", "agent", "INFO", "second"}, {"22:13:20", "agent", "INFO", "first"}});
   auto writer = std::make_unique<QmLogSQLiteProcessor>(m_db, true);
@@ -348,13 +334,14 @@ TEST_F(LogViewTest, ReadsADatabaseOfAnotherUser) {
   ASSERT_TRUE(writer->writeLogRecord("agent", "second", kBase + 1, 3, "f", 2));
   // Alongside its writer, then alone.
   for (const std::string warning : {"", "showing it as stored on disk"}) {
-    lock(true);
-    ChildProcess run = viewer();
+    chmod(m_dir.c_str(), root ? 0755 : 0555);
+    ChildProcess run(root ? "/usr/bin/setpriv" : QMLOGVIEW_PATH,
+                     {args.begin() + !root, args.end()});
     EXPECT_EQ(run.Finish(), 0) << run.err;
     EXPECT_EQ(run.out, table);
     EXPECT_TRUE(warning.empty() ? run.err.empty() : run.err.find(warning) != std::string::npos)
         << run.err;
-    lock(false);
+    chmod(m_dir.c_str(), 0755);
     writer.reset();
   }
 }
