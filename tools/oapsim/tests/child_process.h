@@ -14,6 +14,7 @@
 #include <array>
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 extern char** environ;
@@ -29,9 +30,9 @@ class ChildProcess {
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    for (int fd : {0, 1, 2}) {
-      posix_spawn_file_actions_adddup2(&actions, fd == 0 ? in[0] : fd == 1 ? out[1] : err[1], fd);
-    }
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
     args.insert(args.begin(), path);
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(&arg[0]);
@@ -93,16 +94,11 @@ class ChildProcess {
     if ((m_fds[1] < 0 && m_fds[2] < 0) || left <= 0 || poll(fds, 2, static_cast<int>(left)) <= 0) {
       return false;
     }
-    for (int i : {0, 1}) {
-      if (fds[i].revents == 0) continue;
+    for (int i : {1, 2}) {
       char chunk[4096];
-      const ssize_t n = read(m_fds[i + 1], chunk, sizeof chunk);
-      if (n > 0) {
-        (i == 0 ? out : err).append(chunk, static_cast<size_t>(n));
-      } else {
-        close(m_fds[i + 1]);
-        m_fds[i + 1] = -1;
-      }
+      const ssize_t n = fds[i - 1].revents ? read(m_fds[i], chunk, sizeof chunk) : -2;
+      if (n > 0) (i == 1 ? out : err).append(chunk, static_cast<size_t>(n));
+      if (n == 0 || n == -1) close(std::exchange(m_fds[i], -1));
     }
     return true;
   }
