@@ -1,7 +1,4 @@
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <mutex>
 #include <set>
 
 #include "QmconEvent.h"

@@ -1,12 +1,7 @@
-#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <atomic>
-#include <mutex>
 #include <set>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "QmconDelegate.h"
 #include "QmconEvent.h"
