@@ -2,7 +2,6 @@
 #include <sqlite3.h>
 
 #include <future>
-#include <map>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -84,27 +83,24 @@ TEST(LogFileWriter, IncompleteOrOutOfRangeSettings) {
   LogWriteFile(dir.file("plain"), "");  // a file where a directory would have to be
   SystemLogCapture capture;
   const std::string path = dir.file("x.log");
-  // Settings; whether the writer works; what the system log must then hold.
+  // Settings (no numFiles when null); whether the writer works; what the system log must hold.
   const struct {
-    std::map<std::string, std::string> settings;
+    std::string path;
+    const char *bytes, *files;
     bool works;
     const char* logged;
   } cases[] = {
-      {{{"filePath", path}, {"bytesPerFiles", "2048"}}, false, ""},
-      {{{"filePath", path}, {"bytesPerFiles", "0"}, {"numFiles", "3"}}, false, ""},
-      {{{"filePath", dir.file("plain/x.log")}, {"bytesPerFiles", "1024"}, {"numFiles", "3"}},
-       false,
-       "Can Not Create Log Directory"},
-      {{{"filePath", path}, {"bytesPerFiles", "100"}, {"numFiles", "3"}},
-       true,
-       "bytesPerFiles (at least 1024) is out of range; using 204800"},
-      {{{"filePath", path}, {"bytesPerFiles", "1024"}, {"numFiles", "-1"}},
-       true,
-       "numFiles (1 to 1000) is out of range; using 20"},
-      {{{"filePath", path}, {"bytesPerFiles", "2k"}, {"numFiles", "1001"}}, true, ""}};
+      {path, "2048", nullptr, false, ""},
+      {path, "0", "3", false, ""},
+      {dir.file("plain/x.log"), "1024", "3", false, "Can Not Create Log Directory"},
+      {path, "100", "3", true, "bytesPerFiles (at least 1024) is out of range; using 204800"},
+      {path, "1024", "-1", true, "numFiles (1 to 1000) is out of range; using 20"},
+      {path, "2k", "1001", true, ""}};
   for (const auto& c : cases) {
     QmsysEventLogFileWriter writer;
-    for (const auto& entry : c.settings) writer.setParameter(entry.first, entry.second);
+    writer.setParameter("filePath", c.path);
+    writer.setParameter("bytesPerFiles", c.bytes);
+    if (c.files != nullptr) writer.setParameter("numFiles", c.files);
     EXPECT_TRUE(c.works == writer.isInitialized() &&
                 c.works == writer("p", Writer::LEVEL_FATAL, "x", 1, "f", 0))
         << c.logged;
