@@ -48,6 +48,7 @@ TEST_F(SocketPairTest, TrafficIsTracedUnlessQuiet) {
   EXPECT_EQ(7, client.WriteFormat("id=%04d", 42));
   EXPECT_EQ("id=0042", ReadSome());  // a quiet read
   EXPECT_EQ(0, log.Count(QmLogInterface::LEVEL_NONE, "=> id"));
+  EXPECT_EQ(0, client.WriteFormat(nullptr));
 }
 
 TEST_F(SocketPairTest, PeerCloseAndDeadPeerAreErrorsNamingTheRemoteEnd) {
@@ -92,6 +93,9 @@ TEST_F(SocketPairTest, TimeOutsAreResultsThenReadTillAndReadLine) {
   client.Write("zz\r");         // no terminator: the partial result and a time-out
   EXPECT_EQ("zz\r", accepted->ReadTill(crlf, 100, status));
   EXPECT_EQ(QmioSocket::SOCKET_TIMEOUT, status);
+  const std::string body(3000, 'q');  // spans several internal chunks
+  client.Write(body + "\r\n");
+  EXPECT_EQ(body + "\r\n", accepted->ReadTill(crlf, 2000, status));
 
   client.Write("one\nab");
   EXPECT_EQ("one\n", accepted->ReadLine(2000, status));
