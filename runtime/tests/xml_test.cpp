@@ -241,7 +241,8 @@ TEST(XmlFile, WritesReadsAndLocks) {
   EXPECT_FALSE(doc.write("/nonexistent-dir/x.xml"));
   ASSERT_TRUE(doc.write(path));
   X own(path, 0);
-  ASSERT_TRUE(!own.write() && own.open(false, true) && own.read());
+  ASSERT_TRUE(!own.write() && !own.open(X::OPEN_CREATE) && own.open(false, true));
+  ASSERT_TRUE(!own.open(false, true) && own.read());  // already open
   own.getRootNode()["item"].value() = "b";
   own.getRootNode()["new"].attributeValue("n") = 7;  // mutable: created
   ASSERT_TRUE(own.write());
