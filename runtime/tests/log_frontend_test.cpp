@@ -42,17 +42,11 @@ class LogFrontEndTest : public ::testing::Test {
   }
   // The module's started logger, configured from `config`.
   Logger* configured(const std::string& module, const std::string& config,
-                     Logger::LoggerType type = Logger::SINGLE_THREADED,
-                     const std::string& process = "agent") const {
+                     Logger::LoggerType type = Logger::SINGLE_THREADED) const {
     LogWriteFile(configFile(), config);
-    Logger* logger = Logger::CreateInstance(module, type, configDir(), process);
+    Logger* logger = Logger::CreateInstance(module, type, configDir(), "agent");
     EXPECT_TRUE(logger != nullptr && logger->Start()) << module;
     return logger;
-  }
-  // The module's started logger, writing to `file` through a section of its own.
-  Logger* fileLogger(const std::string& module, Logger::LoggerType type, const std::string& file) {
-    return configured(module, "[main]\n" + module + "=own\n" + fileSection("own", "info", file),
-                      type);
   }
   LogTempDir m_root;
 };
@@ -252,7 +246,8 @@ TEST_F(LogFrontEndTest, OperationsKeepTheirPlacesInTheVirtualTableAndLevelsFilte
 }
 
 TEST_F(LogFrontEndTest, MultiThreadedWritesEveryLineOnceInOrderAndRestarts) {
-  Logger* logger = fileLogger("mt", Logger::MULTI_THREADED, "mt.log");
+  Logger* logger = configured("mt", "[main]\nmt=own\n" + fileSection("own", "info", "mt.log"),
+                              Logger::MULTI_THREADED);
   const int kThreads = 4, kLines = 250;
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t)
