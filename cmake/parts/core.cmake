@@ -19,6 +19,5 @@ target_compile_options(qm_core PRIVATE ${QM_WARNINGS})
 target_link_libraries(qm_core PUBLIC Threads::Threads)
 
 qm_add_test(core_tests
-  SOURCES runtime/tests/core_sync_test.cpp runtime/tests/core_thread_test.cpp
-          runtime/tests/core_helpers_test.cpp
+  SOURCES runtime/tests/core_test.cpp
   LIBS qm_core)

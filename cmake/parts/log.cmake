@@ -19,8 +19,7 @@ target_compile_options(qm_log PRIVATE ${QM_WARNINGS})
 target_link_libraries(qm_log PUBLIC SQLite::SQLite3 qm_core qm_ini_codec)
 
 qm_add_test(log_tests
-  SOURCES runtime/tests/log_db_test.cpp runtime/tests/log_writer_test.cpp
-          runtime/tests/log_frontend_test.cpp
+  SOURCES runtime/tests/log_writer_test.cpp runtime/tests/log_frontend_test.cpp
   LIBS qm_core qm_ini_codec qm_log)
 
 qm_add_test(logger_config_tests

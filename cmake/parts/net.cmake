@@ -21,6 +21,5 @@ target_link_libraries(qm_net PUBLIC qm_core Threads::Threads)
 
 qm_add_test(net_tests
   SOURCES runtime/tests/net_socket_test.cpp runtime/tests/net_threadpool_test.cpp
-          runtime/tests/net_socketpool_test.cpp runtime/tests/net_listener_test.cpp
-          runtime/tests/module_test.cpp
+          runtime/tests/net_listener_test.cpp runtime/tests/module_test.cpp
   LIBS qm_core qm_ini_codec qm_log qm_net)

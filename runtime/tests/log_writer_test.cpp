@@ -1,12 +1,17 @@
-#include <unistd.h>
+// Log writers: the rotating file, its lock, the SQLite database and its processor.
+#include <sqlite3.h>
 
-#include <map>
+#include <future>
+#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "LockFile.h"
+#include "QmDBProcessorFatalException.h"
+#include "QmLogSQLiteProcessor.h"
 #include "QmconException.h"
 #include "QmsysEventLogFileWriter.h"
+#include "QmsysEventLogSQLiteWriter.h"
 #include "log_test_util.h"
 
 // A concurrency exception reads as its message and source file (see Thrown).
@@ -78,27 +83,24 @@ TEST(LogFileWriter, IncompleteOrOutOfRangeSettings) {
   LogWriteFile(dir.file("plain"), "");  // a file where a directory would have to be
   SystemLogCapture capture;
   const std::string path = dir.file("x.log");
-  // Settings; whether the writer works; what the system log must then hold.
+  // Settings (no numFiles when null); whether the writer works; what the system log must hold.
   const struct {
-    std::map<std::string, std::string> settings;
+    std::string path;
+    const char *bytes, *files;
     bool works;
     const char* logged;
   } cases[] = {
-      {{{"filePath", path}, {"bytesPerFiles", "2048"}}, false, ""},
-      {{{"filePath", path}, {"bytesPerFiles", "0"}, {"numFiles", "3"}}, false, ""},
-      {{{"filePath", dir.file("plain/x.log")}, {"bytesPerFiles", "1024"}, {"numFiles", "3"}},
-       false,
-       "Can Not Create Log Directory"},
-      {{{"filePath", path}, {"bytesPerFiles", "100"}, {"numFiles", "3"}},
-       true,
-       "bytesPerFiles (at least 1024) is out of range; using 204800"},
-      {{{"filePath", path}, {"bytesPerFiles", "1024"}, {"numFiles", "-1"}},
-       true,
-       "numFiles (1 to 1000) is out of range; using 20"},
-      {{{"filePath", path}, {"bytesPerFiles", "2k"}, {"numFiles", "1001"}}, true, ""}};
+      {path, "2048", nullptr, false, ""},
+      {path, "0", "3", false, ""},
+      {dir.file("plain/x.log"), "1024", "3", false, "Can Not Create Log Directory"},
+      {path, "100", "3", true, "bytesPerFiles (at least 1024) is out of range; using 204800"},
+      {path, "1024", "-1", true, "numFiles (1 to 1000) is out of range; using 20"},
+      {path, "2k", "1001", true, ""}};
   for (const auto& c : cases) {
     QmsysEventLogFileWriter writer;
-    for (const auto& entry : c.settings) writer.setParameter(entry.first, entry.second);
+    writer.setParameter("filePath", c.path);
+    writer.setParameter("bytesPerFiles", c.bytes);
+    if (c.files != nullptr) writer.setParameter("numFiles", c.files);
     EXPECT_TRUE(c.works == writer.isInitialized() &&
                 c.works == writer("p", Writer::LEVEL_FATAL, "x", 1, "f", 0))
         << c.logged;
@@ -181,6 +183,149 @@ TEST(LogLockFile, HeldLockFailsAfterItsAttempts) {
   EXPECT_EQ("<nothing thrown>", Thrown<QmconException>(lockAgain));
   dup2(stdinCopy, 0);
   close(stdinCopy);
+}
+
+using Db = QmLogDBProcessorInterface;
+using Filter = Db::ReadLogFilter;
+
+// Runs one statement on a connection of its own.
+void RawExec(const std::string& db, const std::string& sql) {
+  sqlite3* handle = nullptr;
+  sqlite3_open(db.c_str(), &handle);
+  EXPECT_EQ(SQLITE_OK, sqlite3_exec(handle, sql.c_str(), nullptr, nullptr, nullptr)) << sql;
+  sqlite3_close(handle);
+}
+
+// The messages of the module's rows that `filter` selects, in result order.
+std::vector<std::string> Messages(QmLogSQLiteProcessor& db, const std::string& module,
+                                  const Filter& filter = Filter()) {
+  Db::EntrySet rows;
+  EXPECT_TRUE(db.readLogRecord(rows, module, filter)) << db.getDBString();
+  std::vector<std::string> messages;
+  for (size_t i = 0; i < rows.size(); ++i) messages.push_back(rows[i].message);
+  return messages;
+}
+
+TEST(LogDbText, TableNamesAndConditions) {
+  EXPECT_EQ("my_module_x_1", Db::convModuleName2TableName("my.module-x 1"));
+  // Filters by: modules, levels, message, level, start time, date; sorts by time (descending),
+  // module, level; limit, offset.
+  const std::pair<Filter, const char*> conditions[] = {
+      {Filter(), " LIMIT -1 OFFSET 0 "},
+      {{{}, {}, "", 0, 0, "", false, false, false, 0, -5}, " LIMIT -1 OFFSET 0 "},
+      {{{}, {}, "", 0, 0, "", false, false, false, 7, 3}, " LIMIT 7 OFFSET 3 "},
+      {{{}, {}, "", 0, 4102444800, "", false, false, true, 0, 0},  // 2100-01-01
+       "WHERE  timestamp>=4102444800 ORDER BY level LIMIT -1 OFFSET 0 "},
+      {{{"a", "b"}, {3, 5}, "%x%", 2, 100, "11/%", true, true, true, 10, 20},
+       "WHERE module IN ('a', 'b') AND level IN (3, 5) AND message LIKE '%x%' AND level = 2 "
+       " AND timestamp>=100 AND tempcol LIKE '11/%' ORDER BY timestamp DESC, module, level"
+       " LIMIT 10 OFFSET 20 "}};
+  for (const auto& c : conditions) EXPECT_EQ(c.second, Db::getSQLCondition(c.first));
+}
+
+class LogDbTest : public ::testing::Test {
+ protected:
+  std::string db() const { return m_dir.file("log.db"); }
+  LogTempDir m_dir;
+};
+
+TEST_F(LogDbTest, RowsRoundTripFilterAndReplaceAStaleTable) {
+  RawExec(db(), "CREATE TABLE other_mod (junk TEXT); INSERT INTO other_mod VALUES ('stale');");
+  const time_t base = 1700000000;
+  auto write = [&](auto&& db, int i) {
+    return db.writeLogRecord("other.mod", "m" + std::to_string(i), base + i, 1 + i, "src.cpp",
+                             10 * i);
+  };
+  ASSERT_TRUE(write(QmLogSQLiteProcessor(db(), true), 0));
+  QmLogSQLiteProcessor processor(db(), true);  // the registration survives reopening
+  for (int i = 1; i < 5; ++i) ASSERT_TRUE(write(processor, i)) << processor.getDBString();
+  EXPECT_TRUE(processor.isTableExists("other_mod"));
+  Db::EntrySet rows;
+  ASSERT_TRUE(processor.readLogRecord(rows, "other.mod", Filter()));
+  ASSERT_EQ(5u, rows.size());
+  const auto& r = rows[3];
+  EXPECT_TRUE(r.module == "other.mod" && r.time == base + 3 && r.level == 4 && r.line == 30 &&
+              r.srcfile == "src.cpp");
+  using Texts = std::vector<std::string>;
+  EXPECT_EQ((Texts{"m3", "m1"}),
+            Messages(processor, "other.mod", {{}, {2, 4}, "", 0, 0, "", true, false, false, 0, 0}));
+  EXPECT_EQ(Texts{"m2"},
+            Messages(processor, "other.mod",
+                     {{}, {}, "", 0, 0, LogStampOf(base + 2), false, false, false, 0, 0}));
+  EXPECT_EQ(3, processor.getNumberOfPages("other.mod", 2, 0, "", ""));
+  EXPECT_EQ(1, processor.getNumberOfPages("other.mod", 2, 4, "", ""));
+  EXPECT_EQ(1, processor.getNumberOfPages("other.mod", 1, 0, "m3", LogStampOf(base + 3)));
+  // A module whose table name is taken gets a table of its own.
+  ASSERT_TRUE(processor.writeLogRecord("other-mod", "own", base, 1, "f", 1));
+  EXPECT_EQ("other_mod_2", processor.getTableName("other-mod"));
+  QmLogSQLiteProcessor early(db(), true);  // learns of "late" from the metatable
+  ASSERT_TRUE(processor.writeLogRecord("late", "x", base, 1, "f", 1));
+  EXPECT_EQ("late", early.getTableName("late"));
+  EXPECT_EQ(std::vector<std::string>{"own"}, Messages(processor, "other-mod"));
+  ASSERT_TRUE(processor.cleanModuleTable("other.mod"));
+  EXPECT_TRUE(Messages(processor, "other.mod").empty());
+}
+
+TEST_F(LogDbTest, WaitsForAnotherConnectionHoldingTheDatabase) {
+  QmLogSQLiteProcessor processor(db(), true);
+  ASSERT_TRUE(processor.writeLogRecord("agent", "before", 1, 3, "f", 1));
+  std::promise<bool> locked;
+  std::thread holder([&] {
+    sqlite3* handle = nullptr;
+    sqlite3_open(db().c_str(), &handle);
+    locked.set_value(sqlite3_exec(handle, "BEGIN EXCLUSIVE;", nullptr, nullptr, nullptr) == 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));  // the time it holds the lock
+    sqlite3_exec(handle, "COMMIT;", nullptr, nullptr, nullptr);
+    sqlite3_close(handle);
+  });
+  ASSERT_TRUE(locked.get_future().get());
+  EXPECT_TRUE(processor.writeLogRecord("agent", "after", 2, 3, "f", 2)) << processor.getDBString();
+  holder.join();
+  EXPECT_EQ(2u, Messages(processor, "agent").size());
+}
+
+TEST_F(LogDbTest, UnusableDatabaseThrowsOrFailsAndTheWriterRetriesAtItsNextLine) {
+  LogWriteFile(m_dir.file("plain"), "");  // a file where a directory would have to be
+  EXPECT_THROW(QmLogSQLiteProcessor(m_dir.file("plain/log.db"), true), QmDBProcessorFatalException);
+  EXPECT_THROW(QmLogSQLiteProcessor(db(), true, QmLogSQLiteProcessor::READ_ONLY),
+               QmDBProcessorFatalException);
+  EXPECT_FALSE(LogFileExists(db())) << "a reader created the database";
+  QmLogSQLiteProcessor unopened(db(), false);
+  EXPECT_FALSE(unopened.writeLogRecord("agent", "x", 1, 1, "f", 1));
+  EXPECT_NE(0, unopened.getDBError());
+
+  SystemLogCapture capture;
+  QmsysEventLogSQLiteWriter writer;
+  EXPECT_FALSE(writer.setDbFileName(m_dir.file("plain/sub/log.db")));
+  EXPECT_TRUE(writer.isInitialized());  // configured: each line tries again
+  EXPECT_FALSE(writer("agent", Writer::LEVEL_INFO, "x", 1, "f", 0));
+  EXPECT_EQ(1u, capture.count("QmsysEventLogSQLiteWriter::setDbFileName", ""));
+  EXPECT_EQ(0u, capture.count("QmsysEventLogSQLiteWriter::setDbFileName", "Unknown error"));
+  std::filesystem::remove(m_dir.file("plain"));  // the folder can be made now
+  EXPECT_TRUE(writer("agent", Writer::LEVEL_INFO, "y", 1, "f", 0));
+  QmLogSQLiteProcessor written(m_dir.file("plain/sub/log.db"), true);
+  EXPECT_EQ(std::vector<std::string>{"y"}, Messages(written, "agent"));
+}
+
+TEST_F(LogDbTest, SqliteWriterTimesAndTruncatesOnlyItsOwnModule) {
+  ASSERT_TRUE(QmLogSQLiteProcessor(db(), true).writeLogRecord("other", "kept", 1, 3, "f", 1));
+  QmsysEventLogSQLiteWriter writer;
+  ASSERT_TRUE(writer.setParameter("DBFileName", db()));
+  const time_t before = time(nullptr);
+  ASSERT_TRUE(writer("agent", Writer::LEVEL_WARN, "now", 12, "w.cpp", 0));
+  ASSERT_TRUE(writer("agent", Writer::LEVEL_FATAL, "then", 1, nullptr, 1234));
+  QmLogSQLiteProcessor reader(db(), true);
+  Db::EntrySet rows;
+  ASSERT_TRUE(reader.readLogRecord(rows, "agent", std::string()));
+  ASSERT_EQ(2u, rows.size());
+  EXPECT_TRUE(rows[0].level == 4 && rows[0].time >= before && rows[0].time <= time(nullptr));
+  EXPECT_TRUE(rows[1].level == 7 && rows[1].time == 1234);
+  // The table of each module the writer stores is emptied before its next line, once.
+  ASSERT_TRUE(writer.setParameter("truncate", "1"));
+  for (const char* text : {"first", "second"})
+    ASSERT_TRUE(writer("agent.bin", Writer::LEVEL_INFO, text, 1, "f", 0));
+  EXPECT_EQ((std::vector<std::string>{"first", "second"}), Messages(reader, "agent"));
+  EXPECT_EQ(std::vector<std::string>{"kept"}, Messages(reader, "other"));
 }
 
 }  // namespace

@@ -1,13 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <stdexcept>
 
 #include "QmThreadModule.h"
 #include "QmconException.h"
-#include "QmioException.h"
 #include "QmsysEventLogInterface.h"
 #include "net_test_support.h"
 
