@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <memory>
-#include <random>
 #include <string>
 
 #include "InterActiveMessageResponse.h"
@@ -303,7 +302,6 @@ TEST(ModelStatus, TextsForKnownAndUnknownPairs) {
       {5, 400, "No existing interactive message to update"}, {2, 405, "Unknown Code"}, {6, 200, "Unknown Code"},
       {0, 0, "Unknown Code"}, {-3, 99, "Unknown Code"}, {3, 157, "Unknown Code"}};
   // clang-format on
-  ASSERT_EQ(OAPResponseBlock::GenStatus::statusResponseCount, 35u);
   for (const auto& row : rows) {
     OAPResponseBlock::GenStatus status;
     status.type = row.type;
@@ -312,38 +310,14 @@ TEST(ModelStatus, TextsForKnownAndUnknownPairs) {
   }
 }
 
-// Oversized numbers and random damage to valid documents: every result is
-// either null or a block that can be queried and destroyed.
-TEST(ModelHostile, OversizedAndMutatedDocumentsNeverCrash) {
-  EXPECT_TRUE(ParseText(
+// Identifiers beyond every integer type give a block, never a crash. Random
+// damage to documents is the parse fuzzer's (run in CI).
+TEST(ModelHostile, OversizedIdentifiersNeverCrash) {
+  std::unique_ptr<OAPBlock> block = ParseText(
       "<OAP-request version=\"4.0\" id=\"FFFFFFFFFFFFFFFFFFFF\"><Body service=\"OA-XML\"><service>"
-      "<Id>123456789abcdef0123</Id><Id>zz</Id></service></Body></OAP-request>"));
-  std::mt19937 random(20240611u);
-  const std::string seeds[] = {
-      Answer("<User_response>hello</User_response>"),
-      Response("3.0",
-               "<Status service=\"m\"><Type>5</Type><Code>200</Code><Text>t</Text><TypeSpecific>"
-               "<From>1</From><DataResp>x</DataResp></TypeSpecific></Status>")};
-  const std::string alphabet = "<>/=\"&;x \n\xFF";
-  int parsed = 0;
-  for (int round = 0; round < 3000; ++round) {
-    std::string text = seeds[round % 2];
-    for (int e = 0, edits = 1 + static_cast<int>(random() % 4); e < edits && !text.empty(); ++e) {
-      const size_t at = random() % text.size();
-      const unsigned op = random() % 4;
-      if (op == 0) text[at] = alphabet[random() % alphabet.size()];
-      if (op == 1) text.erase(at, 1 + random() % 8);
-      if (op == 2) text.insert(at, text.substr(random() % text.size(), 1 + random() % 12));
-      if (op == 3) text.resize(at);
-    }
-    std::unique_ptr<OAPBlock> block(OAPBlock::Parse(text));
-    if (!block) continue;
-    ++parsed;
-    EXPECT_TRUE(block->GetType() == OAPBlock::Request || block->GetType() == OAPBlock::Response);
-    block->GetServiceName();
-  }
-  EXPECT_GT(parsed, 0);  // some mutations keep the document valid: both outcomes were exercised
-  EXPECT_LT(parsed, 3000);
+      "<Id>123456789abcdef0123</Id><Id>zz</Id></service></Body></OAP-request>");
+  ASSERT_TRUE(block);
+  EXPECT_EQ(block->GetType(), OAPBlock::Request);
 }
 
 }  // namespace
