@@ -1,10 +1,12 @@
 // Sending jobs through the loaded driver to the fake server, and querying
 // them for the reports and answers the listener received.
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <map>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "driver_fixture.h"
 
@@ -242,6 +244,71 @@ TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
       "OAPMessageServiceHandler::Handle");
   for (std::string name; called >> name;) EXPECT_EQ(open.count(name), 1u) << name;
   for (const auto& entry : open) EXPECT_EQ(entry.second, 0) << entry.first;
+}
+
+// Hostile input on the listener: bytes that cannot begin a document close
+// the connection with a warning that shows the first 64 of them; what a
+// closing peer leaves unfinished is dropped as no OAP block; option data too
+// short for its prefix is logged; a document that never ends closes its
+// connection. Answers before it on the same connection still arrive.
+TEST_F(SendTest, ListenerDropsWhatItCannotUseAndKeepsTakingAnswers) {
+  QmReferenceJob job;
+  Address(job, server.Port());
+  job.IsInteractive = job.ExpectsResponse = true;
+  job.ResponseChoices = {Choice("Yes", 0)};
+  Send(job);
+  const std::string hexId = Hex(std::strtoul(job.GetTrackingReceipt().c_str(), nullptr, 10));
+  const std::string garbage = "this is <not an OAP document" + std::string(60, '.');
+  ASSERT_TRUE(SendInbound(listenerPort, garbage));
+  EXPECT_TRUE(logger.WaitFor(
+      Log::LEVEL_WARN,
+      "received bytes that cannot begin an OAP document [" + garbage.substr(0, 64) + "]", 1,
+      10000));
+  Deliver(std::string("<OAP-request version=\"4.0\"\0", 27));
+  EXPECT_EQ(logger.Count(Log::LEVEL_WARN, "not an OAP block"), 1u);
+  Deliver(OptionAnswer(hexId, "<DataResp>X</DataResp>"));
+  EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR,
+                         "Failed to handle request for Msg Tracking #" + job.GetTrackingReceipt()));
+
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in listener = FakeOapServer::Loopback(listenerPort);
+  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&listener), sizeof listener), 0);
+  const std::string text = OptionAnswer(hexId, "<DataResp>N:Yes</DataResp>") +
+                           OptionAnswer(hexId, "<UserResponse>both</UserResponse>") +
+                           "<OAP-request>" + std::string(65536, ' ');
+  EXPECT_EQ(send(fd, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
+  char byte;
+  pollfd closed{fd, POLLIN, 0};
+  EXPECT_TRUE(poll(&closed, 1, 10000) > 0 && recv(fd, &byte, 1, 0) <= 0);
+  close(fd);
+  EXPECT_TRUE(logger.Has(Log::LEVEL_WARN, "no complete OAP document within 65536 bytes"));
+  delivered += 2;
+  ASSERT_TRUE(logger.WaitFor(kTrace, "Leaving OAPConnectionHandler::OnData", delivered, 10000));
+  EXPECT_EQ(Query(job), Jobs(2, &job));
+  EXPECT_EQ(job.GetStatusText(), "both");
+}
+
+// A delivery report is handled while another message's send waits for a
+// silent server.
+TEST_F(SendTest, ReportsAreNotHeldUpByAnotherSendsSlowDispatch) {
+  QmReferenceJob job, slow;
+  Address(job, server.Port());
+  job.IsInteractive = job.ExpectsResponse = true;
+  Send(job);
+  Address(slow, server.Port());
+  server.Queue({"", "", true});
+  std::atomic<bool> sendDone{false};
+  std::thread slowSend([&] {
+    Status ignored;
+    EXPECT_FALSE(driver->SendAMessage(&slow, ignored));
+    sendDone = true;
+  });
+  ASSERT_TRUE(server.WaitForRequests(2, 10000));
+  Deliver(ResponseDoc(Hex(std::strtoul(job.GetTrackingReceipt().c_str(), nullptr, 10)), 3, 200));
+  EXPECT_FALSE(sendDone.load());
+  slowSend.join();
+  EXPECT_EQ(Query(job), Jobs(1, &job));
+  EXPECT_EQ(status, Reports::DELIVERED);
 }
 
 // A store file keeps a message over a restart of the driver (released and

@@ -1,7 +1,7 @@
 // The client module and its inbound listener: tracking base, listener start
-// and stop, leaving lines, WipeOptions and inbound answers of both versions.
-// Many host threads sending and querying while answers arrive are the load
-// soak's.
+// and stop, leaving lines, WipeOptions and the framing of inbound documents.
+// What the listener does with them is tested through the plug-in; many host
+// threads sending and querying while answers arrive are the load soak's.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -186,94 +186,6 @@ TEST_F(EngineClientTest, WipeOptionsSendsAVersion4UpdateOfTheShownMessage) {
   other->WipeOptions(0x30000);
   EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Exception occurred [Socket is closed]"));
   other->Finalize();
-}
-
-// Inbound answers through the real listener for one interactive message
-// (Yes "N:Yes", No "F:No") sent as 0x40000; every send and echo is accepted.
-class EngineListenerTest : public EngineClientTest {
- protected:
-  EngineListenerTest() : server(AcceptAll), client(std::make_shared<OAPClient>(0, "127.0.0.1")) {
-    client->TrackingBase = 0x40000;
-    address = "1234@127.0.0.1:" + std::to_string(server.Port());
-  }
-  ~EngineListenerTest() override { client->Finalize(); }
-
-  void SetUp() override {
-    ASSERT_TRUE(client->Initialize(&logger, ""));
-    port = client->GetListeningPort();
-    ASSERT_EQ(client->SendAMessage(NewBody(address, "3.0", true)), 0x40000u);
-  }
-  // Delivers one inbound document and waits until the listener is done with it.
-  void Deliver(const std::string& document) {
-    ASSERT_TRUE(SendInbound(port, document));
-    ASSERT_TRUE(logger.WaitFor(kTrace, kLeftOnData, ++delivered, kWaitMs));
-  }
-  Replies Query() { return client->QueryResponse(address, 0x40000); }
-
-  FakeOapServer server;
-  std::shared_ptr<OAPClient> client;
-  std::string address;
-  int port = 0;
-  size_t delivered = 0;
-};
-
-TEST_F(EngineListenerTest, UnknownNumbersGarbageAndBadOptionDataAreDropped) {
-  Deliver(OptionAnswer("12345", "<DataResp>A:Yes</DataResp>"));
-  EXPECT_TRUE(
-      logger.Has(Log::LEVEL_WARN, "Couldn't find device controller by Trackign ID '74565'"));
-  // Bytes that cannot begin a document close the connection unread; the
-  // warning shows the first 64 of them.
-  const std::string garbage = "this is <not an OAP document" + std::string(60, '.');
-  ASSERT_TRUE(SendInbound(port, garbage));
-  EXPECT_TRUE(logger.WaitFor(
-      Log::LEVEL_WARN,
-      "received bytes that cannot begin an OAP document [" + garbage.substr(0, 64) + "]", 1,
-      kWaitMs));
-  // What a closing peer leaves unfinished is handled as it is.
-  Deliver(std::string("<OAP-request version=\"4.0\"\0", 27));
-  EXPECT_EQ(logger.Count(Log::LEVEL_WARN, "not an OAP block"), 1u);
-  EXPECT_EQ(OAPDeviceRegistrar::GetInstance()->GetDeviceByTrackingID(0), nullptr);
-
-  // Option data too short for its prefix is logged; the listener goes on.
-  Deliver(OptionAnswer("40000", "<DataResp>X</DataResp>"));
-  EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Failed to handle request for Msg Tracking #262144"));
-  Deliver(Answer4("40000", "<User_response>still here</User_response>"));
-  EXPECT_EQ(Query(), (Replies{"still here"}));
-  EXPECT_EQ(server.Requests().size(), 2u);
-}
-
-TEST_F(EngineListenerTest, AnswersAreNotHeldUpByAnotherMessagesSlowDispatch) {
-  server.Queue({"", "", true});
-  std::atomic<bool> sendDone{false};
-  std::thread slowSend([&] {
-    EXPECT_THROW(client->SendAMessage(NewBody(address, "3.0", false)), QmException);
-    sendDone = true;
-  });
-  ASSERT_TRUE(server.WaitForRequests(2, kWaitMs));
-  // The slow send now waits up to two seconds for an answer that never comes.
-  Deliver(ResponseDoc("40000", 3, 200));
-  EXPECT_FALSE(sendDone.load());
-  EXPECT_EQ(client->GetStatus(address, 0x40000), 2);
-  slowSend.join();
-}
-
-// One connection carrying two documents in one write, then one that never
-// ends, which closes the connection (cuts are the framing routine's).
-TEST_F(EngineListenerTest, DocumentsAreFramedWhateverTheReads) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in listener = FakeOapServer::Loopback(port);
-  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&listener), sizeof listener), 0);
-  const std::string text = OptionAnswer("40000", "<DataResp>N:Yes</DataResp>") +
-                           Answer4("40000", "<User_response>both</User_response>") +
-                           "<OAP-request>" + std::string(OAPDocumentFramer::kMaxDocument, ' ');
-  EXPECT_EQ(send(fd, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
-  char byte;
-  pollfd closed{fd, POLLIN, 0};
-  EXPECT_TRUE(poll(&closed, 1, kWaitMs) > 0 && recv(fd, &byte, 1, 0) <= 0);
-  close(fd);
-  ASSERT_TRUE(logger.WaitFor(kTrace, kLeftOnData, 2, kWaitMs));
-  EXPECT_EQ(Query(), (Replies{"Yes", "both"}));
-  EXPECT_TRUE(logger.Has(Log::LEVEL_WARN, "no complete OAP document within 65536 bytes"));
 }
 
 // The framing routine alone: a stream of documents comes out the same
