@@ -63,6 +63,8 @@ TEST_F(SendTest, RequestsCarryWhatTheJobAsksFor) {
       {"3.0", false, false, false, "<Body service=\"message\"><To>4711</To>\n<SubjectText>Subject</SubjectText>\n"
        "<BodyText>Hello</BodyText>\n<Priority>6</Priority>\n<AvailabilityStatus/><DeliveryStatus/></Body>", "version=\"4.0\""},
       {"3.0", true, false, false, "<Body service=\"message\">", "<Option"},
+      {"4.0", false, false, false, "<To>4711</To>\n<DeliveryStatus/>\n</Header>\n<Body service=\"OA-XML\">\n"
+       "<service version=\"1.0\">\n<Id>", "Interactive"},
       {"3.0", true, true, false, "<Text>Yes</Text>\n<OnSelection>\n<DataResp>N:Yes</DataResp>\n", ""},
       {"3.0", true, true, false, "<Text>Call:back</Text>\n<OnSelection>\n<CallNo method=\"\">0815</CallNo>\n"
        "<DataResp>F:Call:back</DataResp>\n", ""},
