@@ -25,8 +25,6 @@ using Log = QmLogInterface;
 
 using Replies = std::list<std::string>;
 const auto kTrace = Log::LEVEL_TRACE;
-const int kWaitMs = 10000;
-const char kLeftOnData[] = "Leaving OAPConnectionHandler::OnData";
 
 // The runtime's signal handlers and socket layer, once for the process.
 class RuntimeEnvironment : public ::testing::Environment {
