@@ -29,9 +29,4 @@ if(TARGET qm_xml AND TARGET qm_ini_codec AND TARGET qm_log AND TARGET qm_net)
             messenger_drivers/oap/tests/engine_client_test.cpp
             messenger_drivers/oap/tests/engine_store_test.cpp
     LIBS qm_core qm_xml qm_ini_codec qm_log qm_net qm_oap_model qm_oap_engine)
-  if(TARGET oap_engine_tests)
-    # Request documents are read back by an XML parser that is not our own.
-    target_compile_definitions(oap_engine_tests PRIVATE
-      QM_XML_READBACK_SCRIPT="${CMAKE_CURRENT_SOURCE_DIR}/messenger_drivers/oap/tests/xml_readback.py")
-  endif()
 endif()

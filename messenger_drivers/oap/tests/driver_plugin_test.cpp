@@ -50,8 +50,7 @@ TEST_F(DriverTest, OneDriverWithoutSetupNamesAndHousekeeping) {
   Address(job, 1);
   Status status = QmMessengerReportsMngrInterface::NO_STATUS;
   EXPECT_FALSE(driver->SendAMessage(&job, status));
-  EXPECT_EQ(status, QmMessengerReportsMngrInterface::SENDING);
-  EXPECT_FALSE(job.GetErrorText().empty());
+  EXPECT_EQ(job.GetErrorText(), "OAP Client not set up");
   // A query without receipt, or for a device nothing was sent to, ends the cycle.
   EXPECT_TRUE(driver->Send2WayRespQuery(&job, status));
   EXPECT_EQ(job.GetErrorText(), "Empty or no tracking receipt defined.");
@@ -84,9 +83,7 @@ TEST_F(DriverTest, OneDriverWithoutSetupNamesAndHousekeeping) {
   // A released driver gives way to a fresh object.
   loader.ReleaseDriverInstance(driver);
   driver = loader.GetDriverInstance();
-  ASSERT_NE(driver, nullptr);
-  EXPECT_EQ(driver->Logger, nullptr);
-  driver->MessageQueue = &queue;
+  ASSERT_TRUE(driver != nullptr && driver->Logger == nullptr);
 }
 
 // Configure takes the message store's settings, all or none: unknown keys
@@ -198,18 +195,13 @@ TEST_F(DriverTest, ListenerThatStopsIsStartedAgain) {
                               "' has stopped; starting it again.";
   EXPECT_EQ(logger.Count(kCritical, stopped, true), 1u);
   EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Failed to Start OAP Listener"));
-  EXPECT_TRUE(logger.Has(Log::LEVEL_DEBUG, "SocketListener: Do not continue any more"));
-  EXPECT_TRUE(logger.Has(kTrace, "Leaving QmioSocketListener::DoThreadWork"));
   close(occupant);
   while (!driver->PeriodicEvent() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   EXPECT_TRUE(driver->PeriodicEvent());
   EXPECT_TRUE(SendInbound(listenerPort, "<OAP-response/>"));
-  for (const char* line : {"Leaving OAPListener::OnConnection() with TRUE.",
-                           "Leaving OAPListener::GetHandler() with TRUE."}) {
-    EXPECT_TRUE(logger.Has(kTrace, line)) << line;
-  }
+  EXPECT_TRUE(logger.Has(kTrace, "Leaving OAPListener::GetHandler() with TRUE."));
   EXPECT_EQ(logger.Count(kCritical, stopped, true), 1u);
   EXPECT_TRUE(logger.Has(Log::LEVEL_INFO, "OAP Listener on '127.0.0.1:" +
                                               std::to_string(listenerPort) + "' started again."));

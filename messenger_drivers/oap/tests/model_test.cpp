@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <memory>
-#include <random>
 #include <string>
 
 #include "InterActiveMessageResponse.h"
@@ -52,7 +51,7 @@ const auto Data = [](const std::string& d) { return "<Data_response>" + d + "</D
 const auto Label = [](const std::string& l) {
   return "<User_response>\n<Text_label>" + l + "</Text_label>\n</User_response>\n";
 };
-const std::string kCall55 = "<Call_number>\n<Digits>55</Digits>\n</Call_number>\n";
+const std::string kCall55 = "<Call_number>\n<Digits>5&amp;5</Digits>\n</Call_number>\n";
 const std::string kCustomT = "<UserResponse>T</UserResponse>\n";
 
 enum Kind { kV3, kV4, kV4Interactive };
@@ -62,8 +61,9 @@ TEST(ModelBody, GoldenSerialisations) {
   // clang-format off
   const struct { Kind kind; const char* text; std::function<void(B)> set; std::string expected; } cases[] = {
       // Version 3: a label without options adds no custom option.
-      {kV3, "Hello & bye", [](B b) { b.userResponseLabel = "L"; },
-       "<Body service=\"message\"><To>1234</To>\n<BodyText>Hello &amp; bye</BodyText>\n"
+      // Characters XML cannot carry are written as "?".
+      {kV3, "Hello & bye\x01", [](B b) { b.userResponseLabel = "L"; },
+       "<Body service=\"message\"><To>1234</To>\n<BodyText>Hello &amp; bye?</BodyText>\n"
        "<Priority>6</Priority>\n" + kStatus + "</Body>"},
       {kV3, "Hi", [](B b) { b.subjectText = "a<b>"; b.ttl = 30; b.priority = -1; },
        kV3I + "<SubjectText>a&lt;b&gt;</SubjectText>\n<BodyText>Hi</BodyText>\n" + kStatus +
@@ -91,10 +91,10 @@ TEST(ModelBody, GoldenSerialisations) {
       {kV4, "", [](B b) { b.priority = 0; b.numberOfRepetitions = 1; },  // a single showing: no repetition
        "<Message>\n<Indication>\n</Indication>\n</Message>"},
       {kV4, "x>y",
-       [](B b) { b.subjectText = "S&T"; b.beep = 2; b.intensity = "High"; b.urgent = true; b.colour = "R\xE9" "d<";
+       [](B b) { b.subjectText = "S&T"; b.beep = 2; b.intensity = "H<i"; b.urgent = true; b.colour = "R\xE9" "d<";
                  b.intervalTime = 10; b.numberOfRepetitions = 3; b.ttl = 60; b.priority = 1; },
        "<Message>\n<Subject>S&amp;T</Subject>\n<Body>x&gt;y</Body>\n<Indication>\n<Beep>2</Beep>\n"
-       "<Intensity>High</Intensity>\n<Urgent/>\n<Colour>R\xC3\xA9" "d&lt;</Colour>\n<Repetition>\n"
+       "<Intensity>H&lt;i</Intensity>\n<Urgent/>\n<Colour>R\xC3\xA9" "d&lt;</Colour>\n<Repetition>\n"
        "<Interval_time>10</Interval_time>\n<Number_of_repetitions>3</Number_of_repetitions>\n"
        "</Repetition>\n</Indication>\n<TTL>60</TTL>\n<Priority>1</Priority>\n</Message>"},
       {kV4, "", [](B b) { b.subjectText = "S"; b.updateOnlyExisting = true; b.ttl = 60; b.beep = 3; },
@@ -103,12 +103,12 @@ TEST(ModelBody, GoldenSerialisations) {
       // Two listed options take keys A and C whatever the custom one; no wipe
       // without an update. Every text is escaped; Latin-1 bytes become UTF-8.
       {kV4Interactive, "Q",
-       [](B b) { b.wipeOptions = true; b.userResponseLabel = "L>"; b.options = {Opt("Yes", "y", "55"), Opt("No<\xFC", "n&")}; },
+       [](B b) { b.wipeOptions = true; b.userResponseLabel = "L>"; b.options = {Opt("Yes", "y", "5&5"), Opt("No<\xFC", "n&")}; },
        kQ + V4Opt(1, "Yes", 'A', Data("y") + kCall55) + V4Opt(2, "No&lt;\xC3\xBC", 'C', Data("n&amp;")) +
            V4Opt(3, "Custom", 'A', Label("L&gt;")) + kClose},
       // Three options: all keys A, custom (always A), then a closing option.
       {kV4Interactive, "Q",
-       [](B b) { b.sticky = true; b.userResponseLabel = "Say"; b.options = {Opt("a", "1", "55"), Opt("b", "2"), Opt("c", "3")}; },
+       [](B b) { b.sticky = true; b.userResponseLabel = "Say"; b.options = {Opt("a", "1", "5&5"), Opt("b", "2"), Opt("c", "3")}; },
        kQ + kMode1 + V4Opt(1, "a", 'A', Data("1") + kCall55 + kReset) + V4Opt(2, "b", 'A', Data("2") + kReset) +
            V4Opt(3, "c", 'A', Data("3") + kReset) + V4Opt(4, "Custom", 'A', Label("Say") + kReset) +
            V4Opt(5, "Close", 'C', kReset + "<Close_message/>\n") + kClose},
@@ -142,9 +142,9 @@ TEST(ModelBlock, RequestDocumentsEnvelopesAndRootNames) {
   block->encoding = "ISO-8859-1";
   block->id = 255;
   auto* header = new OAPBlockHeader();
-  header->ip = "127.0.0.1";
+  header->ip = "127.0.0.1>";
   header->port = 9000;
-  header->to = "55";
+  header->to = "5&5";
   header->fromNumber = "99<1\xE9";
   header->deliveryStatus = true;
   block->SetHeader(header);
@@ -152,13 +152,14 @@ TEST(ModelBlock, RequestDocumentsEnvelopesAndRootNames) {
   body->to = "42";
   body->options = {Opt("a", "1")};
   block->SetBody(body);
-  EXPECT_EQ(block->Serialize(),
-            "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
-            "<OAP-request version=\"3.0\" id=\"ff\">\n<Header>\n<IP>127.0.0.1</IP>\n"
-            "<Port>9000</Port>\n<To>55</To>\n<FromEx>\n<Number>99&lt;1\xE9</Number>\n</FromEx>\n"
-            "<DeliveryStatus/>\n</Header>\n<Body service=\"interactiveMessage\"><To>42</To>\n"
-            "<BodyText></BodyText>\n<Priority>6</Priority>\n" +
-                kStatus + V3Opt(1, "a", Resp("1"), 'A') + "</Body></OAP-request>");
+  EXPECT_EQ(
+      block->Serialize(),
+      "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
+      "<OAP-request version=\"3.0\" id=\"ff\">\n<Header>\n<IP>127.0.0.1&gt;</IP>\n"
+      "<Port>9000</Port>\n<To>5&amp;5</To>\n<FromEx>\n<Number>99&lt;1\xE9</Number>\n</FromEx>\n"
+      "<DeliveryStatus/>\n</Header>\n<Body service=\"interactiveMessage\"><To>42</To>\n"
+      "<BodyText></BodyText>\n<Priority>6</Priority>\n" +
+          kStatus + V3Opt(1, "a", Resp("1"), 'A') + "</Body></OAP-request>");
 
   // Version 4: an empty header (a negative port writes no line), the envelope
   // with its hexadecimal Id.
@@ -301,7 +302,6 @@ TEST(ModelStatus, TextsForKnownAndUnknownPairs) {
       {5, 400, "No existing interactive message to update"}, {2, 405, "Unknown Code"}, {6, 200, "Unknown Code"},
       {0, 0, "Unknown Code"}, {-3, 99, "Unknown Code"}, {3, 157, "Unknown Code"}};
   // clang-format on
-  ASSERT_EQ(OAPResponseBlock::GenStatus::statusResponseCount, 35u);
   for (const auto& row : rows) {
     OAPResponseBlock::GenStatus status;
     status.type = row.type;
@@ -310,38 +310,14 @@ TEST(ModelStatus, TextsForKnownAndUnknownPairs) {
   }
 }
 
-// Oversized numbers and random damage to valid documents: every result is
-// either null or a block that can be queried and destroyed.
-TEST(ModelHostile, OversizedAndMutatedDocumentsNeverCrash) {
-  EXPECT_TRUE(ParseText(
+// Identifiers beyond every integer type give a block, never a crash. Random
+// damage to documents is the parse fuzzer's (run in CI).
+TEST(ModelHostile, OversizedIdentifiersNeverCrash) {
+  std::unique_ptr<OAPBlock> block = ParseText(
       "<OAP-request version=\"4.0\" id=\"FFFFFFFFFFFFFFFFFFFF\"><Body service=\"OA-XML\"><service>"
-      "<Id>123456789abcdef0123</Id><Id>zz</Id></service></Body></OAP-request>"));
-  std::mt19937 random(20240611u);
-  const std::string seeds[] = {
-      Answer("<User_response>hello</User_response>"),
-      Response("3.0",
-               "<Status service=\"m\"><Type>5</Type><Code>200</Code><Text>t</Text><TypeSpecific>"
-               "<From>1</From><DataResp>x</DataResp></TypeSpecific></Status>")};
-  const std::string alphabet = "<>/=\"&;x \n\xFF";
-  int parsed = 0;
-  for (int round = 0; round < 3000; ++round) {
-    std::string text = seeds[round % 2];
-    for (int e = 0, edits = 1 + static_cast<int>(random() % 4); e < edits && !text.empty(); ++e) {
-      const size_t at = random() % text.size();
-      const unsigned op = random() % 4;
-      if (op == 0) text[at] = alphabet[random() % alphabet.size()];
-      if (op == 1) text.erase(at, 1 + random() % 8);
-      if (op == 2) text.insert(at, text.substr(random() % text.size(), 1 + random() % 12));
-      if (op == 3) text.resize(at);
-    }
-    std::unique_ptr<OAPBlock> block(OAPBlock::Parse(text));
-    if (!block) continue;
-    ++parsed;
-    EXPECT_TRUE(block->GetType() == OAPBlock::Request || block->GetType() == OAPBlock::Response);
-    block->GetServiceName();
-  }
-  EXPECT_GT(parsed, 0);  // some mutations keep the document valid: both outcomes were exercised
-  EXPECT_LT(parsed, 3000);
+      "<Id>123456789abcdef0123</Id><Id>zz</Id></service></Body></OAP-request>");
+  ASSERT_TRUE(block);
+  EXPECT_EQ(block->GetType(), OAPBlock::Request);
 }
 
 }  // namespace
