@@ -203,7 +203,11 @@ TEST(EngineFramerTest, DocumentsComeOutWholeWhereverTheStreamIsCut) {
     std::string document;
     for (const std::string& piece : {stream.substr(0, cut), stream.substr(cut)}) {
       framer.Append(piece);
-      while (framer.Next(document) == OAPDocumentFramer::kDocument) documents.push_back(document);
+      OAPDocumentFramer::Result result;
+      while ((result = framer.Next(document)) == OAPDocumentFramer::kDocument) {
+        documents.push_back(document);
+      }
+      ASSERT_EQ(result, OAPDocumentFramer::kNeedMore) << cut;  // a part, never refused
     }
     ASSERT_EQ(documents, (std::vector<std::string>{first, second, third})) << cut;
     ASSERT_EQ(framer.TakeRest(), "<OAP-resp") << cut;

@@ -143,7 +143,7 @@ TEST_P(SQLiteStoreTest, ReopenedFileHoldsWhatWasRecorded) {
   Message found;
   EXPECT_FALSE(store->Find(21, &found));
   ASSERT_TRUE(store->Find(22, &found));
-  EXPECT_EQ(found.state, kDelivered);
+  EXPECT_TRUE(found.state == kDelivered && found.created == 1000);
   EXPECT_EQ(Encoded(found.body.get()), Encoded(NewMessage(22, kSent).body.get()));
   ASSERT_TRUE(store->TakeResponses(20, &replies));
   EXPECT_EQ(replies, Replies{"Yes"});
