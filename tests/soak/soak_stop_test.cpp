@@ -1,13 +1,7 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstdio>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "QmString.h"
 #include "QmconDelegate.h"
@@ -18,7 +12,6 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Level = QmLogInterface::LogLevel;
 using Mode = LoopbackOapServer::Mode;
 
@@ -31,16 +24,6 @@ const bool kResidentSetTellsLeaks = false;
 const int kPoolRounds = 1000;
 const bool kResidentSetTellsLeaks = true;
 #endif
-
-// Polls `condition` every few milliseconds for up to `seconds`; its last value.
-template <typename Condition>
-bool WaitUntil(Condition condition, int seconds) {
-  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(seconds);
-  while (!condition() && Clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return condition();
-}
 
 // What the work items of all rounds share. Outlives every item, including
 // those left running after their pool has gone.
@@ -147,7 +130,7 @@ TEST(PoolStopTest, StoppedOverAndOverWhileWorkersAllocatePrintAndLog) {
 
   // Every item ends, the lingering ones after their pools have gone.
   EXPECT_TRUE(WaitUntil([&] { return shop.live == 0; }, 30)) << shop.live;
-  EXPECT_LE(ThreadsAfterWaiting(threadsBefore, 10000), threadsBefore);
+  EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= threadsBefore; }, 10));
   const long grownKiB = ResidentKiB() - residentAfterWarmUp;
   EXPECT_GE(reports.Count(Level::LEVEL_ERROR, "left running"), static_cast<size_t>(lingering));
   EXPECT_LT(longestStop, std::chrono::seconds(5));
