@@ -71,13 +71,10 @@ class Host {
       QmReferenceJob job;
       Address(job, i, serverPort);
       QmProtocolDriverInterface::ReportsStatus status;
-      if (m_driver->SendAMessage(&job, status)) {
+      if (m_driver->SendAMessage(&job, status))
         std::printf("sent %d %s\n", i, job.GetTrackingReceipt().c_str());
-        std::fflush(stdout);
-      }
     }
     std::printf("done\n");
-    std::fflush(stdout);
   }
 
   // Queries every job until each was handed back twice, then once more.
@@ -100,11 +97,9 @@ class Host {
           if (++backs[file] == 2) ++complete;
         }
       }
-      std::fflush(stdout);
       if (!last) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     std::printf("finished\n");
-    std::fflush(stdout);
   }
 
  private:
@@ -121,17 +116,12 @@ class Host {
   QmReferenceReportsManager m_reports;
 };
 
-void AwaitEndOfInput() {
-  std::string line;
-  while (std::getline(std::cin, line)) {
-  }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc < 5) return 2;
   const std::string mode = argv[4];
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // every line reaches the test at once
   Host host;
   if (!host.Start(argv[1], argv[2], argv[3])) return 2;
   if (mode == "send" && argc == 7) {
@@ -148,11 +138,11 @@ int main(int argc, char** argv) {
       jobs[index] = std::move(job);
     }
     std::printf("ready\n");
-    std::fflush(stdout);
     host.Collect(jobs);
   } else {
     return 2;
   }
-  AwaitEndOfInput();
+  for (std::string line; std::getline(std::cin, line);) {
+  }
   return 0;
 }

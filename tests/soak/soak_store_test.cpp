@@ -57,25 +57,15 @@ class HostProcess {
     close(m_output);
   }
 
-  // The next line of output; false at its end or after the time-out.
+  // The next line of output; false at its end or when nothing came for
+  // `timeoutMs`.
   bool ReadLine(std::string* line, int timeoutMs = 60000) {
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (size_t end; (end = m_buffer.find('\n')) == std::string::npos;) {
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-      pollfd entry{m_output, POLLIN, 0};
-      char chunk[4096];
-      ssize_t got = 0;
-      if (left.count() <= 0 || poll(&entry, 1, static_cast<int>(left.count())) <= 0 ||
-          (got = read(m_output, chunk, sizeof chunk)) <= 0) {
-        return false;
-      }
-      m_buffer.append(chunk, static_cast<size_t>(got));
+    line->clear();
+    pollfd entry{m_output, POLLIN, 0};
+    for (char c; poll(&entry, 1, timeoutMs) > 0 && read(m_output, &c, 1) == 1; *line += c) {
+      if (c == '\n') return true;
     }
-    const size_t end = m_buffer.find('\n');
-    *line = m_buffer.substr(0, end);
-    m_buffer.erase(0, end + 1);
-    return true;
+    return false;
   }
   // Reads up to the line `wanted`; false when it never came.
   bool Expect(const std::string& wanted) {
@@ -109,7 +99,6 @@ class HostProcess {
  private:
   pid_t m_pid = -1;
   int m_input = -1, m_output = -1;
-  std::string m_buffer;
 };
 
 class RestartSoakTest : public ::testing::Test {
