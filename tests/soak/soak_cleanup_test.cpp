@@ -14,21 +14,15 @@ namespace {
 
 const int kHostThreads = 8;
 const int kPushers = 2;
-#ifdef QM_SOAK_SANITIZED
-const int kDefaultRounds = 20;
+const bool kSanitized = kSoakScale > 1;
+const int kDefaultRounds = kSanitized ? 20 : 200;
 // Sanitizer builds run several times slower; their bounds only catch hangs.
-const auto kCleanupBound = std::chrono::seconds(10);
-const auto kSendBound = std::chrono::seconds(10);
-const auto kPastCleanupBound = std::chrono::seconds(10);
-#else
-const int kDefaultRounds = 200;
-const auto kCleanupBound = std::chrono::seconds(3);
+const auto kCleanupBound = std::chrono::seconds(kSanitized ? 10 : 3);
 // The exchange's 2 s for an answer, and a margin for a loaded machine.
-const auto kSendBound = std::chrono::milliseconds(3000);
+const auto kSendBound = std::chrono::seconds(kSanitized ? 10 : 3);
 // A send in flight at Cleanup has its socket shut down: it does not wait out
 // the exchange's 2 s.
-const auto kPastCleanupBound = std::chrono::milliseconds(1000);
-#endif
+const auto kPastCleanupBound = std::chrono::seconds(kSanitized ? 10 : 1);
 
 int Rounds() {
   const char* rounds = std::getenv("QM_SOAK_ROUNDS");
