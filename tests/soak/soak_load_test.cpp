@@ -32,34 +32,45 @@ enum class Push {
   kSplit,      // a connection per document, written in three pieces 10 ms apart
 };
 
-// Up to kSplitInFlight documents at once, each on a connection of its own,
-// written a third at a time. Each connection gets its first piece as soon as
-// it is made (a connection that sends nothing may be closed to make room).
+// Keeps up to kSplitInFlight documents on the way, each on a connection of
+// its own, and writes their thirds as they fall due.
 void PushInPieces(Pusher& pusher, int port) {
   struct Piecewise {
     int fd;
     std::string document;
-    bool written;
+    int written;  // thirds so far
+    bool ok;
+    Clock::time_point due;
   };
-  auto writePiece = [](Piecewise& doc, size_t piece) {
-    const size_t third = doc.document.size() / 3;
-    const std::string text =
-        doc.document.substr(piece * third, piece == 2 ? std::string::npos : third);
-    doc.written = doc.written && doc.fd >= 0 && WriteAll(doc.fd, text);
+  auto writeNext = [](Piecewise& doc) {
+    const size_t third = doc.document.size() / 3, from = third * doc.written;
+    const size_t length = ++doc.written == 3 ? std::string::npos : third;
+    doc.ok = doc.ok && doc.fd >= 0 && WriteAll(doc.fd, doc.document.substr(from, length));
+    doc.due = Clock::now() + kPiecePause;
   };
-  for (std::string document; pusher.Take(document);) {
-    std::vector<Piecewise> batch;
-    do {
-      batch.push_back({ConnectLoopback(port), std::move(document), true});
-      writePiece(batch.back(), 0);
-    } while (batch.size() < kSplitInFlight && pusher.Take(document, Clock::now()));
-    for (size_t piece = 1; piece < 3; ++piece) {
-      std::this_thread::sleep_for(kPiecePause);
-      for (Piecewise& doc : batch) writePiece(doc, piece);
+  std::deque<Piecewise> inFlight;  // in order of due time
+  for (;;) {
+    const Clock::time_point next =
+        inFlight.empty() ? Clock::time_point::max() : inFlight.front().due;
+    std::string document;
+    if (inFlight.size() < kSplitInFlight && pusher.Take(document, next)) {
+      inFlight.push_back({ConnectLoopback(port), std::move(document), 0, true, {}});
+      writeNext(inFlight.back());
+    } else if (inFlight.empty()) {
+      return;  // stopped, and nothing left
+    } else {
+      std::this_thread::sleep_until(next);
     }
-    for (Piecewise& doc : batch) {
-      if (doc.fd >= 0) close(doc.fd);
-      pusher.Done(doc.written);
+    while (!inFlight.empty() && inFlight.front().due <= Clock::now()) {
+      Piecewise doc = std::move(inFlight.front());
+      inFlight.pop_front();
+      writeNext(doc);
+      if (doc.written < 3) {
+        inFlight.push_back(std::move(doc));
+      } else {
+        if (doc.fd >= 0) close(doc.fd);
+        pusher.Done(doc.ok);
+      }
     }
   }
 }
