@@ -7,40 +7,22 @@
 // once (Cleanup shuts its socket down), sends after Cleanup fail with "OAP
 // Client not set up", and threads and descriptors are back to where they were
 // after each round.
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <cstdlib>
-#include <deque>
-#include <iostream>
-#include <mutex>
-#include <random>
 
 #include "soak_support.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using Reports = QmMessengerReportsMngrInterface;
-
 const int kHostThreads = 8;
 const int kPushers = 2;
-#ifdef QM_SOAK_SANITIZED
-const int kDefaultRounds = 20;
+const bool kSanitized = kSoakScale > 1;
+const int kDefaultRounds = kSanitized ? 20 : 200;
 // Sanitizer builds run several times slower; their bounds only catch hangs.
-const auto kCleanupBound = std::chrono::seconds(10);
-const auto kSendBound = std::chrono::seconds(10);
-const auto kPastCleanupBound = std::chrono::seconds(10);
-#else
-const int kDefaultRounds = 200;
-const auto kCleanupBound = std::chrono::seconds(3);
+const auto kCleanupBound = std::chrono::seconds(kSanitized ? 10 : 3);
 // The exchange's 2 s for an answer, and a margin for a loaded machine.
-const auto kSendBound = std::chrono::milliseconds(3000);
+const auto kSendBound = std::chrono::seconds(kSanitized ? 10 : 3);
 // A send in flight at Cleanup has its socket shut down: it does not wait out
 // the exchange's 2 s.
-const auto kPastCleanupBound = std::chrono::milliseconds(1000);
-#endif
+const auto kPastCleanupBound = std::chrono::seconds(kSanitized ? 10 : 1);
 
 int Rounds() {
   const char* rounds = std::getenv("QM_SOAK_ROUNDS");
@@ -53,7 +35,6 @@ struct Outcome {
   Clock::duration longestSend{}, longestPastCleanup{};
   size_t sent = 0, failed = 0, refusedAfterCleanup = 0;
   std::vector<std::string> faults;
-
   void Add(Clock::duration took, Clock::duration pastCleanup, bool ok, bool afterCleanup,
            const QmReferenceJob& job) {
     std::lock_guard<std::mutex> guard(mutex);
@@ -61,7 +42,6 @@ struct Outcome {
     longestPastCleanup = std::max(longestPastCleanup, pastCleanup);
     (ok ? sent : failed) += 1;
     const std::string error = job.GetErrorText();
-
     if (afterCleanup) {
       refusedAfterCleanup += ok ? 0 : 1;
       if (ok || error != "OAP Client not set up")
@@ -72,61 +52,35 @@ struct Outcome {
   }
 };
 
-class CleanupSoakTest : public DriverTest {
+class CleanupSoakTest : public SoakDriverTest {
  protected:
-  CleanupSoakTest() : server(kHostThreads) {}
-
-  // Answers to the messages sent, written to the listener by a few threads.
-  void PushLoop() {
-    std::unique_lock<std::mutex> lock(pushMutex);
-    for (;;) {
-      pushChanged.wait(lock, [&] { return closing || !documents.empty(); });
-      if (documents.empty()) return;
-      const std::string document = std::move(documents.front());
-      documents.pop_front();
-      lock.unlock();
-      SendInbound(listenerPort, document);  // refused once the listener is down
-      lock.lock();
-    }
-  }
-
-  void Push(const QmReferenceJob& job) {
-    std::lock_guard<std::mutex> guard(pushMutex);
-    documents.push_back(AnswerDoc(Hex(job.GetTrackingReceipt()), job.OapVersion, false, "N:Yes"));
-    pushChanged.notify_all();
-  }
-
-  LoopbackOapServer server;
-  std::mutex pushMutex;
-  std::condition_variable pushChanged;
-  std::deque<std::string> documents;
-  bool closing = false;
+  CleanupSoakTest() : SoakDriverTest(kHostThreads) {}
 };
 
 TEST_F(CleanupSoakTest, CleanupAtRandomMomentsWhileTheHostSendsAndAnswersArrive) {
   const unsigned seed = SoakSeed();
   std::mt19937 rng(seed);
-  const size_t threadsBefore = ThreadCount(), descriptorsBefore = DescriptorCount();
-  Clock::duration longestCleanup{}, longestSend{}, longestPastCleanup{};
-  size_t sent = 0, failed = 0, refused = 0;
+  ASSERT_TRUE(driver->Cleanup());  // every round sets up afresh
+  const size_t descriptorsBefore = DescriptorCount();
+  Clock::duration longestCleanup{};
+  Outcome all;  // of every round so far
   for (int round = 0; round < Rounds() && !HasFailure(); ++round) {
     SCOPED_TRACE("round " + std::to_string(round) + ", seed " + std::to_string(seed));
     SetupOnFreePort();
     server.SetSilentShare(static_cast<int>(rng() % 50));
-    Outcome outcome;
+    const size_t refusedBefore = all.refusedAfterCleanup;
     std::atomic<bool> cleanedUp{false}, stop{false};
     Clock::time_point cleanupEnd;  // written before cleanedUp is set
     std::atomic<int> sendsAfterCleanup{0};
-    closing = false;
+    // Answers to the messages sent; refused once the listener is down.
+    Pusher pusher(kPushers, Pusher::Each([this](const std::string& document) {
+                    return SendInbound(listenerPort, document);
+                  }));
     std::vector<std::thread> threads;
-    for (int t = 0; t < kPushers; ++t) threads.emplace_back([this] { PushLoop(); });
     for (int t = 0; t < kHostThreads; ++t) {
       threads.emplace_back([&, t] {
         QmReferenceJob job;
-        DriverTest::Address(job, server.Port(), t % 2 ? "4.0" : "3.0");
-        job.DeviceId = "90" + std::to_string(t);
-        job.IsInteractive = job.ExpectsResponse = true;
-        job.ResponseChoices = {{0, "Yes", "", 0, 0}};
+        Address(job, "90" + std::to_string(t), t % 2 ? "4.0" : "3.0", true);
         while (!stop) {
           const bool afterCleanup = cleanedUp;
           job.SetErrorText("");
@@ -135,9 +89,11 @@ TEST_F(CleanupSoakTest, CleanupAtRandomMomentsWhileTheHostSendsAndAnswersArrive)
           const bool ok = driver->SendAMessage(&job, status);
           const Clock::time_point end = Clock::now();
           const bool inFlightAtCleanup = !afterCleanup && cleanedUp;
-          outcome.Add(end - start, inFlightAtCleanup ? end - cleanupEnd : Clock::duration{}, ok,
-                      afterCleanup, job);
-          if (ok) Push(job);
+          all.Add(end - start, inFlightAtCleanup ? end - cleanupEnd : Clock::duration{}, ok,
+                  afterCleanup, job);
+          if (ok) {
+            pusher.Add(AnswerDoc(Hex(job.GetTrackingReceipt()), job.OapVersion, false, "N:Yes"));
+          }
           if (afterCleanup) ++sendsAfterCleanup;
           // A host does not retry a failed job in a tight loop; eight threads
           // doing so would starve Cleanup of the machine's two cores.
@@ -154,44 +110,26 @@ TEST_F(CleanupSoakTest, CleanupAtRandomMomentsWhileTheHostSendsAndAnswersArrive)
     cleanupEnd = Clock::now();
     cleanedUp = true;
     // Every host thread tries again after Cleanup before the round ends.
-    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
-    while (sendsAfterCleanup < 2 * kHostThreads && Clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    WaitUntil([&] { return sendsAfterCleanup >= 2 * kHostThreads; }, 10);
     stop = true;
-    {
-      std::lock_guard<std::mutex> guard(pushMutex);
-      closing = true;
-      documents.clear();
-    }
-    pushChanged.notify_all();
+    pusher.Stop(true);
     for (std::thread& thread : threads) thread.join();
 
-    EXPECT_EQ(outcome.faults, std::vector<std::string>());
-
-    EXPECT_LT(outcome.longestSend, kSendBound);
-    EXPECT_LT(outcome.longestPastCleanup, kPastCleanupBound);
-    EXPECT_GE(outcome.refusedAfterCleanup, static_cast<size_t>(kHostThreads));
-    EXPECT_LE(ThreadsAfterWaiting(threadsBefore, 10000), threadsBefore);
-    const Clock::time_point fdDeadline = Clock::now() + std::chrono::seconds(10);
-    while (DescriptorCount() > descriptorsBefore && Clock::now() < fdDeadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_LE(DescriptorCount(), descriptorsBefore);
-    longestSend = std::max(longestSend, outcome.longestSend);
-    longestPastCleanup = std::max(longestPastCleanup, outcome.longestPastCleanup);
-    sent += outcome.sent;
-    failed += outcome.failed;
-    refused += outcome.refusedAfterCleanup;
+    EXPECT_EQ(all.faults, std::vector<std::string>());
+    EXPECT_LT(all.longestSend, kSendBound);
+    EXPECT_LT(all.longestPastCleanup, kPastCleanupBound);
+    EXPECT_GE(all.refusedAfterCleanup - refusedBefore, static_cast<size_t>(kHostThreads));
+    EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= threadsBefore; }, 10));
+    EXPECT_TRUE(WaitUntil([&] { return DescriptorCount() <= descriptorsBefore; }, 10));
   }
+  auto ms = [](Clock::duration d) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(d).count();
+  };
   std::cout << "[ soak ] " << Rounds() << " rounds of Cleanup under load: longest Cleanup "
-            << std::chrono::duration_cast<std::chrono::milliseconds>(longestCleanup).count()
-            << " ms, longest send "
-            << std::chrono::duration_cast<std::chrono::milliseconds>(longestSend).count()
-            << " ms, longest send past Cleanup "
-            << std::chrono::duration_cast<std::chrono::milliseconds>(longestPastCleanup).count()
-            << " ms; " << sent << " sends accepted, " << failed << " failed (" << refused
-            << " of them after Cleanup)" << std::endl;
+            << ms(longestCleanup) << " ms, longest send " << ms(all.longestSend)
+            << " ms, longest send past Cleanup " << ms(all.longestPastCleanup) << " ms; "
+            << all.sent << " sends accepted, " << all.failed << " failed ("
+            << all.refusedAfterCleanup << " of them after Cleanup)" << std::endl;
 }
 
 }  // namespace

@@ -5,15 +5,14 @@
 //     sends COUNT interactive jobs to the OAP server on 127.0.0.1, printing
 //     "sent I RECEIPT" once each send has returned, then "done"; waits for
 //     the end of its input (or its end by a signal).
-//   soak_host PLUGIN STORE LISTEN_PORT listen
-//     prints "ready" and keeps the listener up until the end of its input.
 //   soak_host PLUGIN STORE LISTEN_PORT collect
 //     reads "I RECEIPT" lines up to "end", prints "ready", then queries
 //     those jobs until each was handed back twice (or a minute passed),
-//     printing "back I STATUS TEXT" for every hand-back and "finished".
+//     printing "back I STATUS TEXT" for every hand-back and "finished";
+//     keeps the listener up until the end of its input.
 //
 // Job I goes to handset "80<I % 8>" in version 4.0 for odd I, 3.0 for even,
-// offering "Yes" (kind 0) and "Stop" (kind 2). Exit status 0, or 2 when the
+// offering "Yes" (kind 0), "Stop" (kind 2) and "Escalate" (kind 3). Exit status 0, or 2 when the
 // plug-in cannot be loaded or set up.
 #include <chrono>
 #include <cstdio>
@@ -44,7 +43,7 @@ void Address(QmReferenceJob& job, int index, int serverPort) {
   job.SubjectText = "Alarm";
   job.MessageText = "Room " + std::to_string(index) + ": take it?";
   job.IsInteractive = job.ExpectsResponse = true;
-  job.ResponseChoices = {{0, "Yes", "", 0, 0}, {0, "Stop", "", 0, 2}};
+  job.ResponseChoices = {{0, "Yes", "", 0, 0}, {0, "Stop", "", 0, 2}, {0, "Escalate", "", 0, 3}};
 }
 
 class Host {
@@ -72,13 +71,10 @@ class Host {
       QmReferenceJob job;
       Address(job, i, serverPort);
       QmProtocolDriverInterface::ReportsStatus status;
-      if (m_driver->SendAMessage(&job, status)) {
+      if (m_driver->SendAMessage(&job, status))
         std::printf("sent %d %s\n", i, job.GetTrackingReceipt().c_str());
-        std::fflush(stdout);
-      }
     }
     std::printf("done\n");
-    std::fflush(stdout);
   }
 
   // Queries every job until each was handed back twice, then once more.
@@ -101,11 +97,9 @@ class Host {
           if (++backs[file] == 2) ++complete;
         }
       }
-      std::fflush(stdout);
       if (!last) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     std::printf("finished\n");
-    std::fflush(stdout);
   }
 
  private:
@@ -122,26 +116,16 @@ class Host {
   QmReferenceReportsManager m_reports;
 };
 
-void AwaitEndOfInput() {
-  std::string line;
-  while (std::getline(std::cin, line)) {
-  }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc < 5) return 2;
   const std::string mode = argv[4];
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // every line reaches the test at once
   Host host;
   if (!host.Start(argv[1], argv[2], argv[3])) return 2;
   if (mode == "send" && argc == 7) {
     host.Send(std::atoi(argv[5]), std::atoi(argv[6]));
-    AwaitEndOfInput();
-  } else if (mode == "listen") {
-    std::printf("ready\n");
-    std::fflush(stdout);
-    AwaitEndOfInput();
   } else if (mode == "collect") {
     std::map<int, std::unique_ptr<QmReferenceJob>> jobs;
     std::string line;
@@ -154,10 +138,11 @@ int main(int argc, char** argv) {
       jobs[index] = std::move(job);
     }
     std::printf("ready\n");
-    std::fflush(stdout);
     host.Collect(jobs);
   } else {
     return 2;
+  }
+  for (std::string line; std::getline(std::cin, line);) {
   }
   return 0;
 }

@@ -62,12 +62,11 @@ int WriteLines(QmsysEventLogSingleThreaded& logger, const std::string& tag, int 
 
 // A rotating file writer on `path`, as every case here configures one.
 void Configure(QmsysEventLogFileWriter& writer, const std::string& path, const char* numFiles) {
-  for (const auto& [key, value] : std::map<std::string, std::string>{{"filePath", path},
-                                                                     {"bytesPerFiles", "4096"},
-                                                                     {"numFiles", numFiles},
-                                                                     {"perProcessFile", "0"}}) {
-    writer.setParameter(key, value);
-  }
+  const std::pair<const char*, std::string> settings[] = {{"filePath", path},
+                                                          {"bytesPerFiles", "4096"},
+                                                          {"numFiles", numFiles},
+                                                          {"perProcessFile", "0"}};
+  for (const auto& [key, value] : settings) writer.setParameter(key, value);
 }
 
 // The first column of the first row of `sql` on the database, as a number.

@@ -5,28 +5,17 @@
 // Memory: a million messages through a store limited to a tenth of them
 // (scaled down unless QM_SOAK_FULL is set) leave memory and file size flat.
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <iostream>
-#include <map>
-#include <mutex>
-#include <random>
-#include <set>
+#include <memory>
 #include <sstream>
-#include <thread>
 
 #include "soak_support.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-using Reports = QmMessengerReportsMngrInterface;
 
 #ifdef QM_SOAK_SANITIZED
 // Sanitizer builds run several times slower.
@@ -40,7 +29,8 @@ const int kScale = 1;
 #endif
 const int kPushers = 4;
 
-// A soak_host process with a pipe to its input and one from its output.
+// A soak_host process with a pipe to its input and one from its output;
+// killed with SIGKILL, as a crash or an operator would, when it goes.
 class HostProcess {
  public:
   explicit HostProcess(const std::vector<std::string>& args) {
@@ -64,114 +54,83 @@ class HostProcess {
   ~HostProcess() {
     Kill();
     CloseInput();
-    if (m_output >= 0) close(m_output);
+    close(m_output);
   }
 
-  // The next line of output; false at its end or after the time-out.
+  // The next line of output; false at its end or when nothing came for
+  // `timeoutMs`.
   bool ReadLine(std::string* line, int timeoutMs = 60000) {
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-      const size_t end = m_buffer.find('\n');
-      if (end != std::string::npos) {
-        *line = m_buffer.substr(0, end);
-        m_buffer.erase(0, end + 1);
-        return true;
-      }
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-      pollfd entry{m_output, POLLIN, 0};
-      char chunk[4096];
-      ssize_t got = 0;
-      if (left <= 0 || poll(&entry, 1, static_cast<int>(left)) <= 0 ||
-          (got = read(m_output, chunk, sizeof chunk)) <= 0) {
-        return false;
-      }
-      m_buffer.append(chunk, static_cast<size_t>(got));
-    }
-  }
-  bool Expect(const std::string& wanted) {
-    std::string line;
-    while (ReadLine(&line)) {
-      if (line == wanted) return true;
+    line->clear();
+    pollfd entry{m_output, POLLIN, 0};
+    for (char c; poll(&entry, 1, timeoutMs) > 0 && read(m_output, &c, 1) == 1; *line += c) {
+      if (c == '\n') return true;
     }
     return false;
   }
-  void Write(const std::string& text) {
-    if (write(m_input, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-      ADD_FAILURE() << "cannot write to the host";
+  // Reads up to the line `wanted`; false when it never came.
+  bool Expect(const std::string& wanted) {
+    std::string line;
+    while (ReadLine(&line) && line != wanted) {
     }
+    return line == wanted;
+  }
+  void Write(const std::string& text) {
+    EXPECT_EQ(write(m_input, text.data(), text.size()), static_cast<ssize_t>(text.size()));
   }
   void CloseInput() {
     if (m_input >= 0) close(m_input);
     m_input = -1;
   }
-  // Ends it with SIGKILL, as a crash or an operator would.
   void Kill() {
     if (m_pid <= 0) return;
     kill(m_pid, SIGKILL);
     waitpid(m_pid, nullptr, 0);
     m_pid = -1;
   }
-  // Its exit status after it ended by itself (bounded).
+  // Its exit status after it ended by itself (within 30 s), -1 otherwise.
   int Wait() {
     int status = -1;
-    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(30);
-    while (m_pid > 0 && waitpid(m_pid, &status, WNOHANG) == 0 && Clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (Clock::now() >= deadline) Kill();
+    const bool ended = WaitUntil([&] { return waitpid(m_pid, &status, WNOHANG) != 0; }, 30);
+    if (!ended) Kill();
     m_pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
  private:
   pid_t m_pid = -1;
   int m_input = -1, m_output = -1;
-  std::string m_buffer;
 };
-
-// What the handset answers to message i, and what the host must see.
-struct Answer {
-  std::string value;
-  bool typed;
-  Reports::ReportsStatus status;
-  std::string text;
-};
-const Answer& AnswerFor(int index) {
-  static const Answer answers[] = {{"N:Yes", false, Reports::REPLIED, "Yes"},
-                                   {"F:Stop", false, Reports::REPLIED_SPECIAL_A, "Stop"},
-                                   {"On my way", true, Reports::REPLIED_WITH, "On my way"}};
-  return answers[index % 3];
-}
 
 class RestartSoakTest : public ::testing::Test {
  protected:
+  struct Document {
+    int index;
+    std::string text;
+    bool answer;
+  };
+
   std::vector<std::string> Args(const std::string& mode) {
     return {QM_SOAK_HOST_PATH, QM_DRIVER_PATH, store, std::to_string(listenerPort), mode};
   }
 
   // Sends kMessages from a host that is killed after `killAfter` of them
-  // were sent (or after all); the receipts of the sends that returned.
+  // were sent (or after all); the receipts of the sends that returned, also
+  // those reported just before the end.
   std::map<int, std::string> SendThenKill(int killAfter) {
     std::vector<std::string> args = Args("send");
-    args.push_back(std::to_string(server.Port()));
-    args.push_back(std::to_string(kMessages));
+    args.insert(args.end(), {std::to_string(server.Port()), std::to_string(kMessages)});
     HostProcess host(args);
     std::map<int, std::string> sent;
-    std::string line;
-    while (static_cast<int>(sent.size()) < killAfter && host.ReadLine(&line) && line != "done") {
+    bool killed = false;
+    for (std::string line; host.ReadLine(&line, killed ? 1000 : 60000);) {
       std::istringstream words(line);
       std::string word, receipt;
       int index = 0;
       if (words >> word >> index >> receipt && word == "sent") sent[index] = receipt;
-    }
-    host.Kill();
-    // Lines written before the end count: their sends had returned.
-    while (host.ReadLine(&line, 1000)) {
-      std::istringstream words(line);
-      std::string word, receipt;
-      int index = 0;
-      if (words >> word >> index >> receipt && word == "sent") sent[index] = receipt;
+      if (!killed && (static_cast<int>(sent.size()) >= killAfter || line == "done")) {
+        host.Kill();
+        killed = true;
+      }
     }
     return sent;
   }
@@ -179,52 +138,38 @@ class RestartSoakTest : public ::testing::Test {
   // The delivery notice and the answer of every message, in random order.
   void Plan(const std::map<int, std::string>& sent, std::mt19937& rng) {
     documents.clear();
-    for (const auto& entry : sent) {
-      const std::string hexId = Hex(entry.second);
-      const Answer& answer = AnswerFor(entry.first);
-      documents.push_back({entry.first, ResponseDoc(hexId, 3, 200), false});
+    for (const auto& [index, receipt] : sent) {
+      const Reaction& reaction = ReactionTo(index);
+      documents.push_back({index, ResponseDoc(Hex(receipt), 3, 200), false});
       documents.push_back(
-          {entry.first,
-           AnswerDoc(hexId, entry.first % 2 ? "4.0" : "3.0", answer.typed, answer.value), true});
+          {index,
+           AnswerDoc(Hex(receipt), index % 2 ? "4.0" : "3.0", reaction.typed, reaction.value),
+           true});
     }
     std::shuffle(documents.begin(), documents.end(), rng);
   }
 
-  // Pushes the planned documents from a few threads until they are all
-  // written or `stop` returns true.
-  void Push(const std::function<bool(size_t pushed)>& stop) {
-    std::mutex mutex;
-    size_t next = 0, pushed = 0;
-    std::vector<std::thread> pushers;
-    for (int t = 0; t < kPushers; ++t) {
-      pushers.emplace_back([&] {
-        for (;;) {
-          size_t mine = 0;
-          {
-            std::lock_guard<std::mutex> guard(mutex);
-            if (next == documents.size() || stop(pushed)) return;
-            mine = next++;
-          }
-          const bool written = SendInbound(listenerPort, documents[mine].text);
-          std::lock_guard<std::mutex> guard(mutex);
-          pushed += written ? 1 : 0;
-        }
-      });
-    }
-    for (std::thread& pusher : pushers) pusher.join();
+  // Pushes the planned documents from a few threads.
+  std::unique_ptr<Pusher> StartPushing() {
+    const int port = listenerPort;
+    auto pusher = std::make_unique<Pusher>(kPushers, Pusher::Each([port](const std::string& text) {
+                                             return SendInbound(port, text);
+                                           }));
+    for (const Document& document : documents) pusher->Add(document.text);
+    return pusher;
   }
 
-  // A new host collects: pushes what is left and queries every sent job.
-  // Returns the hand-backs per message.
-  std::map<int, std::multiset<std::pair<int, std::string>>> Collect(
-      const std::map<int, std::string>& sent) {
+  // A new host collects: takes the planned documents and queries every sent
+  // job. Every job whose send returned is handed back once delivered and
+  // once with its answer: nothing lost, nothing twice.
+  void ExpectEveryJobBackOnce(const std::map<int, std::string>& sent) {
     HostProcess host(Args("collect"));
     std::string input;
-    for (const auto& entry : sent) input += std::to_string(entry.first) + " " + entry.second + "\n";
+    for (const auto& [index, receipt] : sent) input += std::to_string(index) + " " + receipt + "\n";
     host.Write(input + "end\n");
     EXPECT_TRUE(host.Expect("ready"));
-    Push([](size_t) { return false; });
-    std::map<int, std::multiset<std::pair<int, std::string>>> backs;
+    StartPushing()->Stop(false);
+    std::map<int, Backs> backs;
     std::string line;
     while (host.ReadLine(&line, 90000) && line != "finished") {
       std::istringstream words(line);
@@ -238,40 +183,15 @@ class RestartSoakTest : public ::testing::Test {
     EXPECT_EQ(line, "finished");
     host.CloseInput();
     EXPECT_EQ(host.Wait(), 0);
-    return backs;
-  }
-
-  // Every job whose send returned is handed back once delivered and once
-  // with its answer: nothing lost, nothing twice.
-  void ExpectEveryJobBackOnce(
-      const std::map<int, std::string>& sent,
-      const std::map<int, std::multiset<std::pair<int, std::string>>>& backs) {
     size_t complete = 0;
-    for (const auto& entry : sent) {
-      const Answer& answer = AnswerFor(entry.first);
-      const std::multiset<std::pair<int, std::string>> expected{{Reports::DELIVERED, ""},
-                                                                {answer.status, answer.text}};
-      auto found = backs.find(entry.first);
-      const bool same = found != backs.end() && found->second == expected;
-      complete += same ? 1 : 0;
-      std::string got;
-      if (found != backs.end()) {
-        for (const auto& back : found->second)
-          got += " " + std::to_string(back.first) + ":" + back.second;
-      }
-      EXPECT_TRUE(same) << "job r" << entry.first << " (receipt " << entry.second
-                        << ") handed back:" << got;
+    for (const auto& [index, receipt] : sent) {
+      EXPECT_EQ(backs[index], ExpectedBacks(index)) << "job r" << index << ", receipt " << receipt;
+      complete += backs[index] == ExpectedBacks(index) ? 1 : 0;
     }
     EXPECT_EQ(backs.size(), sent.size());
     std::cout << "[ soak ] " << sent.size() << " jobs sent, " << complete
               << " handed back complete after the restart" << std::endl;
   }
-
-  struct Document {
-    int index;
-    std::string text;
-    bool answer;
-  };
 
   TempFolder folder;
   std::string store = folder.File("state.db");
@@ -285,7 +205,7 @@ TEST_F(RestartSoakTest, KilledAfterSendingEveryJobComesBack) {
   ASSERT_EQ(sent.size(), static_cast<size_t>(kMessages));
   std::mt19937 rng(1);
   Plan(sent, rng);
-  ExpectEveryJobBackOnce(sent, Collect(sent));
+  ExpectEveryJobBackOnce(sent);
 }
 
 // Killed at a random moment while sending, and the next host killed at a
@@ -305,14 +225,11 @@ TEST_F(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
     ASSERT_FALSE(sent.empty());
     Plan(sent, rng);
     {
-      HostProcess host(Args("listen"));
+      HostProcess host(Args("collect"));  // of no job: it only takes answers
+      host.Write("end\n");
       ASSERT_TRUE(host.Expect("ready"));
-      const size_t killAt = rng() % documents.size();
-      std::atomic<bool> killed{false};
-      Push([&](size_t pushed) {
-        if (pushed >= killAt && !killed.exchange(true)) host.Kill();
-        return killed.load();
-      });
+      auto pusher = StartPushing();
+      pusher->AwaitPushed(rng() % documents.size(), 120);
       host.Kill();
     }
     // The last host gets the notices again and the answers not yet echoed.
@@ -325,7 +242,7 @@ TEST_F(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
     std::cout << "[ soak ] the host taking answers was killed; " << left.size() << " of "
               << documents.size() << " documents go to the next one" << std::endl;
     documents.swap(left);
-    ExpectEveryJobBackOnce(sent, Collect(sent));
+    ExpectEveryJobBackOnce(sent);
   }
 }
 

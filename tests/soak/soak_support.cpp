@@ -5,15 +5,9 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
 #include <fstream>
-#include <random>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // Waits for data or the peer's close until the deadline.
 bool WaitReadable(int fd, Clock::time_point deadline) {
@@ -29,10 +23,6 @@ void DrainUntilClosed(int fd, Clock::time_point deadline) {
   }
 }
 
-void SendAll(int fd, const std::string& text) {
-  send(fd, text.data(), text.size(), MSG_NOSIGNAL);
-}
-
 // The text between `open` and the next `close` after it; "" without `open`.
 std::string Between(const std::string& text, const std::string& open, const std::string& close) {
   const size_t start = text.find(open);
@@ -42,6 +32,64 @@ std::string Between(const std::string& text, const std::string& open, const std:
 }
 
 }  // namespace
+
+const Reaction& ReactionTo(int index) {
+  static const Reaction reactions[] = {
+      {"N:Yes", false, Reports::REPLIED, "Yes"},
+      {"F:Stop", false, Reports::REPLIED_SPECIAL_A, "Stop"},
+      {"F:Escalate", false, Reports::REPLIED_SPECIAL_B, "Escalate"},
+      {"On my way", true, Reports::REPLIED_WITH, "On my way"},
+  };
+  return reactions[index % 4];
+}
+
+Backs ExpectedBacks(int index) {
+  return {{Reports::DELIVERED, ""}, {ReactionTo(index).status, ReactionTo(index).text}};
+}
+
+void Pusher::Add(std::string document) {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  m_documents.push_back(std::move(document));
+  m_changed.notify_all();
+}
+
+bool Pusher::Take(std::string& document, Clock::time_point until) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_changed.wait_until(lock, until, [&] { return m_closing || !m_documents.empty(); });
+  if (m_documents.empty()) return false;
+  document = std::move(m_documents.front());
+  m_documents.pop_front();
+  return true;
+}
+
+void Pusher::Done(bool written) {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  ++m_pushed;
+  m_failures += written ? 0 : 1;
+  m_changed.notify_all();
+}
+
+size_t Pusher::AwaitPushed(size_t count, int seconds) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_changed.wait_for(lock, std::chrono::seconds(seconds), [&] { return m_pushed >= count; });
+  return m_pushed;
+}
+
+size_t Pusher::Failures() {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  return m_failures;
+}
+
+void Pusher::Stop(bool drop) {
+  {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_closing = true;
+    if (drop) m_documents.clear();
+  }
+  m_changed.notify_all();
+  for (std::thread& thread : m_threads) thread.join();
+  m_threads.clear();
+}
 
 bool LoopbackOapServer::Start(int port) {
   Stop();
@@ -125,26 +173,20 @@ void LoopbackOapServer::ServeOne(int fd) {
   }
   std::string answer = ResponseDoc(id, 1, 200);
   thread_local std::minstd_rand draws(std::random_device{}());
-  const bool silent = static_cast<int>(draws() % 100) < m_silentShare;
-  switch (silent ? Mode::kSilent : m_mode.load()) {
-    case Mode::kAccept:
-      SendAll(fd, answer);
-      break;
-    case Mode::kSilent:
-      DrainUntilClosed(fd, deadline);
-      break;
-    case Mode::kSplit:
-      SendAll(fd, answer.substr(0, 60));
-      DrainUntilClosed(fd, deadline);
-      SendAll(fd, answer.substr(60));
-      break;
-    case Mode::kGarbage:
-      SendAll(fd, answer.substr(0, 80) + "\x01\x02<<&&>>");
-      break;
-    case Mode::kOversized:
-      SendAll(fd, answer.insert(answer.find("</Status>"),
-                                "<Text>" + std::string(70 * 1024, 'x') + "</Text>"));
-      break;
+  const Mode mode = static_cast<int>(draws() % 100) < m_silentShare ? Mode::kSilent : m_mode.load();
+  if (mode == Mode::kSplit) {
+    WriteAll(fd, answer.substr(0, 60));
+    DrainUntilClosed(fd, deadline);
+    answer.erase(0, 60);
+  } else if (mode == Mode::kGarbage) {
+    answer = answer.substr(0, 80) + "\x01\x02<<&&>>";
+  } else if (mode == Mode::kOversized) {
+    answer.insert(answer.find("</Status>"), "<Text>" + std::string(70 * 1024, 'x') + "</Text>");
+  }
+  if (mode == Mode::kSilent) {
+    DrainUntilClosed(fd, deadline);  // nothing until the driver gives up
+  } else {
+    WriteAll(fd, answer);
   }
   shutdown(fd, SHUT_WR);
   DrainUntilClosed(fd, deadline);
@@ -164,7 +206,7 @@ void SoakDriverTest::TearDown() {
     const Clock::time_point start = Clock::now();
     EXPECT_TRUE(driver->Cleanup());
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
-    EXPECT_LE(ThreadsAfterWaiting(threadsBefore, 10000), threadsBefore);
+    EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= threadsBefore; }, 10));
   }
   server.Stop();
   DriverTest::TearDown();
@@ -175,8 +217,28 @@ void SoakDriverTest::Address(QmReferenceJob& job, const std::string& handset,
   DriverTest::Address(job, server.Port(), version);
   job.DeviceId = handset;
   job.IsInteractive = job.ExpectsResponse = interactive;
-  job.ResponseChoices.assign(interactive ? 1 : 0, QmResponseChoice());
-  if (interactive) job.ResponseChoices.front().Text = "Yes";
+  job.ResponseChoices.clear();
+  if (interactive)
+    job.ResponseChoices = {{0, "Yes", "", 0, 0}, {0, "Stop", "", 0, 2}, {0, "Escalate", "", 0, 3}};
+}
+
+void SoakDriverTest::ExpectOneYes(QmReferenceJob& job, bool answer) {
+  if (answer)
+    SendInbound(listenerPort,
+                AnswerDoc(Hex(job.GetTrackingReceipt()), job.OapVersion, false, "N:Yes"));
+  std::vector<QmReferenceJob::StatusChange> changes;
+  WaitUntil(
+      [&] {
+        Status status = Reports::SENT;
+        driver->Send2WayRespQuery(&job, status);
+        DrainQueue();
+        for (const auto& change : job.TakeStatusChanges()) changes.push_back(change);
+        return !changes.empty();
+      },
+      10);
+  ASSERT_EQ(changes.size(), 1u);
+  EXPECT_EQ(changes[0].status, Reports::REPLIED);
+  EXPECT_EQ(changes[0].text, "Yes");
 }
 
 TempFolder::TempFolder() {
@@ -186,15 +248,6 @@ TempFolder::TempFolder() {
 
 TempFolder::~TempFolder() {
   if (m_path != "/tmp") std::system(("rm -rf '" + m_path + "'").c_str());
-}
-
-size_t DescriptorCount() {
-  size_t count = 0;
-  if (DIR* open = opendir("/proc/self/fd")) {
-    while (dirent* entry = readdir(open)) count += entry->d_name[0] != '.' ? 1 : 0;
-    closedir(open);
-  }
-  return count - 1;  // the folder read itself
 }
 
 int ConnectLoopback(int port) {
@@ -232,23 +285,22 @@ bool RaiseDescriptorLimit(rlim_t count) {
   return setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }
 
-size_t ThreadCount() {
+// Entries of a /proc folder, without "." and "..".
+size_t EntriesIn(const char* folder) {
   size_t count = 0;
-  if (DIR* tasks = opendir("/proc/self/task")) {
-    while (dirent* entry = readdir(tasks)) count += entry->d_name[0] != '.' ? 1 : 0;
-    closedir(tasks);
+  if (DIR* open = opendir(folder)) {
+    while (dirent* entry = readdir(open)) count += entry->d_name[0] != '.' ? 1 : 0;
+    closedir(open);
   }
   return count;
 }
 
-size_t ThreadsAfterWaiting(size_t limit, int timeoutMs) {
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  size_t count = ThreadCount();
-  while (count > limit && Clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    count = ThreadCount();
-  }
-  return count;
+size_t ThreadCount() {
+  return EntriesIn("/proc/self/task");
+}
+
+size_t DescriptorCount() {
+  return EntriesIn("/proc/self/fd") - 1;  // the folder read itself
 }
 
 long ResidentKiB() {

@@ -2,16 +2,26 @@
 #define QM_TESTS_SOAK_SOAK_SUPPORT_H
 
 #include <sys/resource.h>
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
+#include <deque>
+#include <functional>
+#include <iostream>
 #include <map>
 #include <mutex>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "driver_fixture.h"  // also the fake server's documents and the recording logger
+
+using Clock = std::chrono::steady_clock;
+using Reports = QmMessengerReportsMngrInterface;
 
 // A handset's answer to the message with the hexadecimal id: option data
 // ("N:Yes") or typed text, in the document shape of the OAP version.
@@ -26,6 +36,21 @@ inline std::string AnswerDoc(const std::string& hexId, const std::string& versio
 inline std::string Hex(const std::string& decimal) {
   return Hex(std::strtoul(decimal.c_str(), nullptr, 10));
 }
+
+// What the handset answers to message i (by i modulo 4) of the load and
+// restart soaks, which offer "Yes" (kind 0), "Stop" (2) and "Escalate" (3):
+// the status and text the host must then see.
+struct Reaction {
+  std::string value;
+  bool typed;
+  Reports::ReportsStatus status;
+  std::string text;
+};
+const Reaction& ReactionTo(int index);
+// Hand-backs of a job as (status, text), in any order.
+using Backs = std::multiset<std::pair<int, std::string>>;
+// What message i is handed back as: delivered, then answered.
+Backs ExpectedBacks(int index);
 
 // Counts for the soak runs: smaller under the sanitizers, which run every
 // test many times slower.
@@ -43,6 +68,17 @@ inline unsigned SoakSeed() {
                           : static_cast<unsigned>(std::random_device()());
 }
 
+// Polls `condition` every few milliseconds for up to `seconds`, for states
+// nothing signals; its last value.
+template <typename Condition>
+bool WaitUntil(Condition condition, int seconds) {
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(seconds);
+  while (!condition() && Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return condition();
+}
+
 // A loopback connection to `port`, -1 when it cannot be made.
 int ConnectLoopback(int port);
 // Writes all of `text`; false when the connection failed.
@@ -53,24 +89,55 @@ bool PushShort(int port, const std::string& document);
 // Lets this process open at least `count` descriptors; false when the hard
 // limit is lower.
 bool RaiseDescriptorLimit(rlim_t count);
-
-// Threads of this process; the second waits (bounded) until they are at most
-// `limit`, since ended threads leave on their own.
+// Threads and open descriptors of this process, and its resident set in KiB.
 size_t ThreadCount();
-// Open descriptors of this process.
 size_t DescriptorCount();
-size_t ThreadsAfterWaiting(size_t limit, int timeoutMs);
-// Resident set size of this process in KiB.
 long ResidentKiB();
+
+// The OAP server's pushes to the driver's listener, from a few threads
+// while the test goes on. Each thread runs `loop`, which takes documents
+// with Take and reports each one written (or not) with Done. Thread-safe.
+class Pusher {
+ public:
+  using Loop = std::function<void(Pusher&)>;
+  Pusher(int threads, const Loop& loop) {
+    for (int t = 0; t < threads; ++t) m_threads.emplace_back(loop, std::ref(*this));
+  }
+  ~Pusher() { Stop(true); }
+  // A loop that writes each document with `push`.
+  static Loop Each(const std::function<bool(const std::string&)>& push) {
+    return [push](Pusher& pusher) {
+      for (std::string document; pusher.Take(document);) pusher.Done(push(document));
+    };
+  }
+  void Add(std::string document);
+  // The next document; false when none came by `until`, or none is left
+  // after Stop.
+  bool Take(std::string& document, Clock::time_point until = Clock::time_point::max());
+  void Done(bool written);
+  // Waits (at most `seconds`) until `count` documents were written; the
+  // count written.
+  size_t AwaitPushed(size_t count, int seconds);
+  size_t Failures();
+  // Ends the threads once the queue is empty, or at once, dropping it.
+  void Stop(bool drop);
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::deque<std::string> m_documents;
+  size_t m_pushed = 0, m_failures = 0;
+  bool m_closing = false;
+  std::vector<std::thread> m_threads;
+};
 
 // The OAP server side of the soak and fault tests, on 127.0.0.1. Unlike the
 // fake server of the driver tests it keeps no requests and no thread per
 // connection, so that ten thousand messages cost it nothing: a fixed number
-// of threads (one unless told otherwise) serve the connections, each one
-// after another: read a request up to its closing tag, count the message it
-// is about and answer the way the mode says. Every connection ends
-// well-mannered: half-close, then wait (bounded) until the driver has closed
-// its end.
+// of threads serve the connections, each one after another: read a request
+// up to its closing tag, count the message it is about and answer the way
+// the mode says. Every connection ends well-mannered: half-close, then wait
+// (bounded) until the driver has closed its end.
 class LoopbackOapServer {
  public:
   enum class Mode {
@@ -92,11 +159,10 @@ class LoopbackOapServer {
   // In kAccept mode, the share of requests (in percent, drawn at random)
   // that get no answer, as in kSilent.
   void SetSilentShare(int percent) { m_silentShare = percent; }
-  // Whether requests are counted per message (the counts grow with every
-  // message; a memory soak turns them off).
+  // Whether requests are counted per message (a memory soak turns it off).
   void SetCounting(bool counting) { m_counting = counting; }
-  // Messages seen, and requests that were about a message seen before (the
-  // updates that echo an answer on the handset).
+  // Messages seen, and requests about a message seen before (the updates
+  // that echo an answer on the handset).
   size_t Messages();
   size_t Repeats();
   // Requests about the message with this hexadecimal id (its own and the
@@ -125,18 +191,23 @@ class LoopbackOapServer {
 
 // The driver test fixture set up on a free listener port, with a loopback
 // server. Every test ends with a Cleanup that must return promptly and leave
-// no thread behind (counted while the server still runs: its thread is one,
+// no thread behind (counted while the server still runs: its threads count,
 // and a sanitizer's own thread starts with the first thread of the process).
 class SoakDriverTest : public DriverTest {
  protected:
+  explicit SoakDriverTest(int serverThreads = 1) : server(serverThreads) {}
   void SetUp() override;
   void TearDown() override;
-  // Addresses the job to the server's handset `handset`, with one choice
-  // "Yes" of kind 0 (interactive) or none (plain).
+  // Addresses the job to the server's handset `handset`, interactive with
+  // the choices "Yes" (kind 0), "Stop" (2) and "Escalate" (3), or plain.
   void Address(QmReferenceJob& job, const std::string& handset, const std::string& version,
                bool interactive);
+  // The handset answers "Yes" to the sent job on a connection of its own
+  // (unless that was done already); exactly that answer is handed back on
+  // the host's queries.
+  void ExpectOneYes(QmReferenceJob& job, bool answer = true);
 
-  size_t threadsBefore = 0;  // with the server's thread, before Setup
+  size_t threadsBefore = 0;  // with the server's threads, before Setup
   LoopbackOapServer server;
   bool withLogger = true;
   // Given to Configure before Setup.
