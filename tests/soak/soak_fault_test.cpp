@@ -161,13 +161,18 @@ TEST_F(SoakFaultTest, IdleConnectionsNeverShutTheListener) {
     for (int i = 0; i < count; ++i) idle.push_back(ConnectLoopback(listenerPort));
   });
   std::vector<std::thread> handsets;
+  std::atomic<int> resent{0};
   for (int t = 0; t < 4; ++t) {
     handsets.emplace_back([&, t] {
-      for (int i = t; i < count; i += 4) EXPECT_TRUE(PushShort(listenerPort, YesFor(jobs[i])));
+      for (int i = t; i < count; i += 4) {
+        EXPECT_TRUE(PushTaken(listenerPort, YesFor(jobs[i]), resent));
+      }
     });
   }
   holder.join();
   for (std::thread& handset : handsets) handset.join();
+  std::cout << "[ soak ] " << count << " answers beside " << count << " idle connections, "
+            << resent << " sent again after their connection was closed unread" << std::endl;
   for (QmReferenceJob& job : jobs) ExpectOneYes(job, false);
   EXPECT_GT(logger.Count(Level::LEVEL_WARN,
                          "Connection with client [IP address '127.0.0.1'] closed to make room"),

@@ -86,6 +86,13 @@ bool WriteAll(int fd, const std::string& text);
 // An OAP server's short connection: connect, write the document, close,
 // without waiting for the driver.
 bool PushShort(int port, const std::string& document);
+// An OAP server that makes sure the driver took the document: connect, write,
+// half-close, wait (bounded) for the driver's close. A connection the driver
+// closed before it read anything (to make room, while this sender stalled
+// past the grace time) is found closed before the write or reset after it;
+// the document then goes again on a new connection, as a server would send
+// it. False when no connection took it; `resent` counts the second tries.
+bool PushTaken(int port, const std::string& document, std::atomic<int>& resent);
 // Lets this process open at least `count` descriptors; false when the hard
 // limit is lower.
 bool RaiseDescriptorLimit(rlim_t count);
