@@ -257,6 +257,13 @@ bool QmioSocket::SetEventHandler(QmioSocketEventHandler* handler) {
 }
 
 bool QmioSocket::ResolveHost(const std::string& host, uint32_t& address) {
+  // A dotted address needs no resolver (whose configuration glibc reloads
+  // under a lock of its own, and which may be slow).
+  in_addr dotted{};
+  if (inet_pton(AF_INET, host.c_str(), &dotted) == 1) {
+    address = dotted.s_addr;
+    return true;
+  }
   hostent entry;
   hostent* found = nullptr;
   int hostError = 0;
