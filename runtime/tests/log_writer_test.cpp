@@ -1,4 +1,5 @@
 // Log writers: the rotating file, its lock, the SQLite database and its processor.
+#include <dirent.h>
 #include <sqlite3.h>
 
 #include <future>
@@ -171,9 +172,18 @@ TEST(LogFileWriter, RotationKeepsNumFilesArchivesNewestFirst) {
 TEST(LogLockFile, HeldLockFailsAfterItsAttempts) {
   LogTempDir dir;
   auto lockAgain = [&] { LockFile second(dir.file("x.lock"), 3, 1); };
+  auto descriptors = [] {
+    size_t count = 0;
+    DIR* open = opendir("/proc/self/fd");
+    while (readdir(open) != nullptr) ++count;
+    closedir(open);
+    return count;
+  };
   {
     LockFile held(dir.file("x.lock"));
+    const size_t before = descriptors();
     EXPECT_EQ("LockFile Creation Failed @ LockFile", Thrown<QmconException>(lockAgain));
+    EXPECT_EQ(descriptors(), before);  // each refused attempt closed its descriptor
   }
   EXPECT_EQ("<nothing thrown>", Thrown<QmconException>(lockAgain));  // released with its holder
   // Also when the lock file got descriptor 0, as in a host without stdin.

@@ -86,6 +86,7 @@ TEST(XmlWriter, GoldenSerialisationsAndEscaping) {
   for (const char* text : {"&#x27;", "&#X27;", "&;", "&amp", "&#12", "&a-b;", "& b;", "&", "x&a;",
                            "&\xc3\xa9;", static_cast<const char*>(nullptr)})
     EXPECT_FALSE(XmlReaderWriter::isEncodedSequence(text)) << (text ? text : "null");
+  EXPECT_EQ(XmlReaderWriter::encodeSpecialChar(nullptr), "");
 }
 
 // The document <r a="v"><c>v</c></r> declared in `encoding`, as read (without
