@@ -131,6 +131,16 @@ TEST(LogFileWriter, FaultsAreReportedOncePerText) {
   EXPECT_FALSE(gone("p", Writer::LEVEL_INFO, "x", 1, "f", 0));
   EXPECT_EQ(1u, capture.count("QmsysEventLogFileWriter::DoWork",
                               "LockFile Creation Failed] SysMsg[No such file or directory"));
+
+  // The archive's name is taken by a folder that is not empty: the rename
+  // is told as failed.
+  const std::string stuck = dir.file("stuck.log");
+  std::filesystem::create_directories(stuck + ".1/inside");
+  QmsysEventLogFileWriter blocked;
+  Configure(blocked, stuck, "1024", "1", "0");
+  for (int i = 0; i < 3; ++i) blocked("p", Writer::LEVEL_INFO, std::string(600, 'x'), 1, "f", 0);
+  EXPECT_TRUE(capture.contains("QmsysEventLog::Archive", "Can not rename log file from '" + stuck +
+                                                             "' to '" + stuck + ".1'"));
 }
 
 // Lines without their time stamp ("Archiving <path>" for rotation notes).
