@@ -85,7 +85,9 @@ TEST_F(IniTest, CreatesRemovesAndResets) {
   EXPECT_THROW(ini["[a]"][""], std::invalid_argument);
   std::string& kept = ini["[c]"]["z"];
   EXPECT_TRUE(ini.removeKey("[b]", "W") && !ini.removeKey("[b]", "w"));
+  IniReaderWriter::Node& headB = ini["[b]"];
   EXPECT_TRUE(ini.removeHead("[b]") && !ini.removeHead("[none]"));
+  EXPECT_THROW(headB["y"], std::logic_error);  // a removed head holds no keys
   EXPECT_EQ(ini.getKeyValue("[a]", "y"), "2");  // without its head, y joins the section above
   EXPECT_TRUE(ini.removeSection("[a]") && !ini.removeSection("[a]"));
   EXPECT_EQ(kept, "3");  // references survive removal of other nodes
