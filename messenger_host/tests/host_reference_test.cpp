@@ -4,9 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <ctime>
 #include <thread>
+#include <vector>
 
 #include "QmDriverLoader.h"
 #include "QmProtocolDriverInterface.h"
@@ -119,6 +121,26 @@ TEST(DriverBase, HandsJobsBackAndReportsInOrder) {
   for (const auto& e : reports.GetEntries())
     entries += std::to_string(e.status) + (e.job == &job ? " job " : " other ") + e.note + "|";
   EXPECT_EQ(entries, "6 job d|0 job |5 other late|");
+}
+
+// Listener workers and host threads hand jobs back at the same time: the
+// queue keeps every one.
+TEST(DriverBase, HandBacksFromManyThreadsAreAllQueued) {
+  BareDriver driver;
+  QmMessageQueue queue;
+  driver.MessageQueue = &queue;
+  const int threads = 4, each = 20000;
+  std::vector<QmReferenceJob> jobs(threads);
+  std::vector<std::thread> workers;
+  for (QmReferenceJob& job : jobs) {
+    workers.emplace_back([&driver, &job] {
+      for (int i = 0; i < each; ++i) driver.PushBackMsgFileForDeletion(&job);
+    });
+  }
+  for (std::thread& worker : workers) worker.join();
+  for (QmReferenceJob& job : jobs) {
+    EXPECT_EQ(std::count(queue.Jobs.begin(), queue.Jobs.end(), &job), each);
+  }
 }
 
 }  // namespace
