@@ -2,11 +2,14 @@
 // in an SQLite file, what the file keeps over a reopen, the files it refuses,
 // and the sweeper that keeps a store within its bounds.
 #include <gtest/gtest.h>
+
 #include <sqlite3.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <thread>
+#include <vector>
 
 #include "MessageBody.h"
 #include "OAPMemoryMessageStore.h"
@@ -121,6 +124,25 @@ TEST_P(StoreTest, ExpiresByAgeAndByLimitOldestFirstInBatches) {
   for (uint32_t n = 1; n <= 6; ++n) EXPECT_EQ(store->Find(0x30000 + n, &found), n >= 4) << n;
   EXPECT_EQ(store->Expire(1000, 0, 10), 3u);
   EXPECT_EQ(store->Count(), 0u);
+}
+
+// Sends from host threads and answers from listener workers meet in the
+// store: every message added from several threads at once is kept whole.
+TEST_P(StoreTest, MessagesAddedFromSeveralThreadsAreAllKept) {
+  const uint32_t threads = 4, each = 250;
+  std::vector<std::thread> adders;
+  for (uint32_t t = 0; t < threads; ++t) {
+    adders.emplace_back([this, t] {
+      for (uint32_t i = 0; i < each; ++i)
+        EXPECT_TRUE(store->Add(NewMessage(100 + t * each + i, kSent)));
+    });
+  }
+  for (std::thread& adder : adders) adder.join();
+  EXPECT_EQ(store->Count(), threads * each);
+  Message found;
+  for (uint32_t n = 100; n < 100 + threads * each; ++n) {
+    EXPECT_TRUE(store->Find(n, &found) && found.tracking == n && found.state == kSent) << n;
+  }
 }
 
 class SQLiteStoreTest : public StoreTest {};
