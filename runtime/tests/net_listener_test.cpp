@@ -60,6 +60,7 @@ class ListenerTest : public ::testing::Test {
  protected:
   void Start(int limit, int threads) {
     listener.reset(new TestListener(limit, threads, &traffic));
+    EXPECT_EQ(listener->GetListeningPort(), -1);  // no socket yet
     ASSERT_TRUE(listener->Initialize(&log, ""));
     ASSERT_TRUE(listener->Listen(0, "127.0.0.1"));
     port = listener->GetListeningPort();
