@@ -98,10 +98,11 @@ TEST_F(SendTest, RequestsCarryWhatTheJobAsksFor) {
     SCOPED_TRACE(request);
     EXPECT_NE(request.find(c.present), std::string::npos);
     EXPECT_TRUE(c.absent.empty() || request.find(c.absent) == std::string::npos);
-    EXPECT_EQ(job.GetTrackingReceipt(),
-              c.expectsResponse
-                  ? std::to_string(std::strtoul(RequestId(request).c_str(), nullptr, 16))
-                  : "");
+    const std::string tracking =
+        std::to_string(std::strtoul(RequestId(request).c_str(), nullptr, 16));
+    EXPECT_EQ(job.GetTrackingReceipt(), c.expectsResponse ? tracking : "");
+    EXPECT_TRUE(
+        logger.Has(kTrace, "Leaving OAPDeviceController::SendAMessage() with " + tracking + "."));
   }
   EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::SendAMessage() with TRUE.", true),
             sizeof cases / sizeof cases[0]);
