@@ -228,6 +228,7 @@ TEST_F(LogFrontEndTest, OperationsKeepTheirPlacesInTheVirtualTableAndLevelsFilte
       logger, 19, Writer::LEVEL_DEBUG, "printed", 1, "f")));
   EXPECT_TRUE(logger.WriteInfo("Tag", "n=%d", 5));  // the older printf-style entry points
   EXPECT_TRUE(logger.Print("P", "m=%d", 6));
+  EXPECT_TRUE(logger.WriteTrace(Logger::TRACE_DEBUG, "d=%d", 7));
   EXPECT_TRUE(logger.WriteError(Logger::SEVERITY_CRITICAL, "bad %s", "thing"));
   errno = ENOENT;
   EXPECT_TRUE(logger.WriteSystemError("Sys", "open %s", "x"));
@@ -241,7 +242,7 @@ TEST_F(LogFrontEndTest, OperationsKeepTheirPlacesInTheVirtualTableAndLevelsFilte
       {R"(agent \[TRACE\] w0)", R"(agent \[DEBUG\] w1)", R"(agent \[INFO\] w2)",
        R"(agent \[WARN\] w3)", R"(agent \[ERROR\] w4)", R"(agent \[CRITICAL\] w5)",
        R"(agent \[FATAL\] w6)", R"(agent \[DEBUG\] printed)", R"(agent \[INFO\] Tag n=5)",
-       R"(agent \[INFO\] P m=6)", R"(agent \[CRITICAL\] bad thing)",
+       R"(agent \[INFO\] P m=6)", R"(agent \[DEBUG\] d=7)", R"(agent \[CRITICAL\] bad thing)",
        R"(agent \[ERROR\] Sys open x \[System Library Error\] )" + std::string(strerror(ENOENT)),
        R"(agent \[INFO\] \[TID:)" + tid + R"(\] prefixed)"});
 }
