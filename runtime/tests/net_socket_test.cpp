@@ -1,4 +1,5 @@
 // Sockets and the socket pool, on loopback.
+#include <fcntl.h>
 #include <signal.h>
 
 #include <atomic>
@@ -157,6 +158,15 @@ TEST_F(SocketPairTest, ShutdownReleasesABlockedAccept) {
   EXPECT_TRUE(server.Shutdown());
   waiter.join();
   EXPECT_EQ(nullptr, result);
+  // Also a listening socket that got descriptor 0, as in a host without stdin.
+  const int stdinCopy = dup(0);
+  close(0);
+  QmioServerSocket first;
+  first.Listen("127.0.0.1", 0, true);
+  EXPECT_TRUE(first.Shutdown());
+  EXPECT_EQ(fcntl(0, F_GETFD), -1);  // closed
+  dup2(stdinCopy, 0);
+  close(stdinCopy);
 }
 
 TEST(SocketTest, ConnectAndListenFailures) {
