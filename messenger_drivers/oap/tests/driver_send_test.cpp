@@ -273,6 +273,8 @@ TEST_F(SendTest, ListenerDropsWhatItCannotUseAndKeepsTakingAnswers) {
   EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR,
                          "Failed to handle request for Msg Tracking #" + job.GetTrackingReceipt()));
 
+  // Not SendInbound: without a half-close the driver must close the
+  // connection itself, on the document that never ends.
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in listener = FakeOapServer::Loopback(listenerPort);
   ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&listener), sizeof listener), 0);
