@@ -54,7 +54,7 @@ struct Sim : ChildProcess {
 
 TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
   FakeOapServer driver;
-  Sim sim({"--listen", "127.0.0.1:0", "--auto", "5678=deliver,option:2", "--auto-delay-ms", "20"});
+  Sim sim({"--listen", "127.0.0.1:0", "--auto", "5678=deliver,option:1", "--auto-delay-ms", "20"});
   const int port = sim.Port();
   ASSERT_GT(port, 0);
   EXPECT_EQ(Exchange(port, WithPort(kInteractive40, driver.Port())),
@@ -63,8 +63,8 @@ TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
             "<Code>200</Code>\n</Status>\n</OAP-response>");
   EXPECT_EQ(sim.WaitFor("0x1a0001"),
             "[sim] 4.0 message 0x1a0001 to 5678: subject 'Lunch' text 'Caf\xc3\xa9?' options "
-            "[1:Yes->N:Yes, 2:No->F:No, 4:Close(closes)] custom 'Say'");
-  // The scripted handset reports delivery, then answers with option 2.
+            "[1:No->F:No, 3:Close(closes)] custom 'Say'");
+  // The scripted handset reports delivery, then answers with option 1.
   ASSERT_TRUE(driver.WaitForRequests(2, ChildProcess::kWaitMs));
   EXPECT_THAT(driver.Requests(), Contains(HasSubstr("<Type>3</Type>\n<Code>200</Code>")));
   EXPECT_THAT(driver.Requests(), Contains(HasSubstr("<Data_response>F:No</Data_response>")));
@@ -127,11 +127,9 @@ TEST(OapSimProcessTest, ConfiguredStatusSilenceAndStopping) {
   EXPECT_EQ(failing.Finish(), 0);
   EXPECT_NE(failing.out.find("stopping on signal"), std::string::npos) << failing.out;
   EXPECT_EQ(Sim({"--exit-after-ms", "100"}).Finish(), 0);
-  for (const char* remote : {"10.1.2.3:0", "0.0.0.0:0"}) {
-    Sim refused({"--listen", remote});
-    EXPECT_EQ(refused.Finish(), 1) << remote;
-    EXPECT_NE(refused.err.find("give --allow-remote"), std::string::npos) << refused.err;
-  }
+  Sim refused({"--listen", "0.0.0.0:0"});
+  EXPECT_EQ(refused.Finish(), 1);
+  EXPECT_NE(refused.err.find("give --allow-remote"), std::string::npos) << refused.err;
 }
 
 }  // namespace

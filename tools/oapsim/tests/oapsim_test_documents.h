@@ -23,20 +23,17 @@ inline const std::string kInteractive30 =
 // data, custom and close options.
 inline const std::string kInteractive40 =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"1a0001\">\n"
-    "<Header>\n<Port>7002</Port>\n<To>5678</To>\n<FromEx>\n<Number>42</Number>\n</FromEx>\n"
-    "<DeliveryStatus/>\n</Header>\n"
+    "<Header>\n<Port>7002</Port>\n<To>5678</To>\n<DeliveryStatus/>\n</Header>\n"
     "<Body service=\"OA-XML\">\n<service version=\"1.0\">\n<Id>1a0001</Id>\n"
     "<Interactive_Message>\n<Message>\n<Subject>Lunch</Subject>\n<Body>Caf\xc3\xa9?</Body>\n"
     "<Indication>\n<Beep>1</Beep>\n</Indication>\n<TTL>60</TTL>\n<Priority>6</Priority>\n"
     "</Message>\n<Sticky_mode>mode1</Sticky_mode>\n"
-    "<Option>\n<ID>1</ID>\n<Text>Yes</Text>\n<Function_key_ID>A</Function_key_ID>\n"
-    "<On_selection>\n<Data_response>N:Yes</Data_response>\n</On_selection>\n</Option>\n"
-    "<Option>\n<ID>2</ID>\n<Text>No</Text>\n<Function_key_ID>A</Function_key_ID>\n"
+    "<Option>\n<ID>1</ID>\n<Text>No</Text>\n<Function_key_ID>A</Function_key_ID>\n"
     "<On_selection>\n<Data_response>F:No</Data_response>\n</On_selection>\n</Option>\n"
-    "<Option>\n<ID>3</ID>\n<Text>Custom</Text>\n<Function_key_ID>A</Function_key_ID>\n"
+    "<Option>\n<ID>2</ID>\n<Text>Custom</Text>\n<Function_key_ID>A</Function_key_ID>\n"
     "<On_selection>\n<User_response>\n<Text_label>Say</Text_label>\n</User_response>\n"
     "</On_selection>\n</Option>\n"
-    "<Option>\n<ID>4</ID>\n<Text>Close</Text>\n<Function_key_ID>C</Function_key_ID>\n"
+    "<Option>\n<ID>3</ID>\n<Text>Close</Text>\n<Function_key_ID>C</Function_key_ID>\n"
     "<On_selection>\n<Close_message/>\n</On_selection>\n</Option>\n"
     "</Interactive_Message>\n</service>\n</Body>\n</OAP-request>";
 

@@ -1,10 +1,9 @@
-// The simulator's parts in process: its check of received OAP-requests, the
-// documents it writes back, what its handsets keep and show, its command line
-// and how tracking numbers are read.
+// The simulator's parts in process, for what the program's run does not pass
+// through: its check of received OAP-requests, the documents it writes back,
+// what its handsets keep, its command line and message ids.
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -25,23 +24,10 @@ OapSimDocument::Request Accepted(const std::string& text) {
   return request;
 }
 
-// What a request is about, on one line: the message it concerns (the 4.0
-// envelope Id, else the root id), where the driver listens, its flags, the
-// option count with the last option's key, and the warnings.
-std::string Summary(const OapSimDocument::Request& r) {
-  std::string text = r.version + " #" + OapSimDocument::HexId(r.tracking) + " " + r.handset +
-                     " from '" + r.fromNumber + "' " + r.listenerIp + ":" +
-                     std::to_string(r.listenerPort) + (r.interactive ? " ask" : "") +
-                     (r.update ? " update" : "") + (r.hasEnvelopeId ? " envelope" : "") +
-                     (r.wipeOptions ? " wipe" : "") + (r.deliveryStatus ? " delivery" : "") + " o" +
-                     std::to_string(r.options.size());
-  if (!r.options.empty()) text += r.options.back().key;
-  for (const std::string& warning : r.warnings) text += "; " + warning.substr(0, 20);
-  return text;
-}
-
+// Requests the program's run does not send, each summed up on one line: the
+// message it concerns, whether it asks, updates or wipes, its option count and
+// the start of each warning.
 TEST(OapSimDocumentTest, AcceptedRequestsAreReadWhole) {
-  // A plain message with the encoding named in lower case.
   std::string plain30 =
       kInteractive30.substr(0, kInteractive30.find("<Option")) + "</Body></OAP-request>";
   plain30 = Replace(Replace(plain30, "interactiveMessage", "message"), "ISO-8859-1", "iso-8859-1");
@@ -49,42 +35,41 @@ TEST(OapSimDocumentTest, AcceptedRequestsAreReadWhole) {
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"20000\">\n"
       "<Header>\n<Port>7002</Port>\n<To>5678</To>\n</Header>\n<Body service=\"OA-XML\">\n"
       "<service version=\"1.0\">\n<Message>\n<Body>Hi</Body>\n<Indication>\n</Indication>\n"
-      "<Priority>6</Priority>\n</Message>\n</service>\n</Body>\n</OAP-request>";
+      "</Message>\n</service>\n</Body>\n</OAP-request>";
   const std::vector<std::pair<std::string, std::string>> cases{
-      {kInteractive30, "3.0 #1a 1234 from '' 127.0.0.1:7001 ask delivery o2C"},
-      {kInteractive40, "4.0 #1a0001 5678 from '42' :7002 ask envelope delivery o4C"},
-      {plain30, "3.0 #1a 1234 from '' 127.0.0.1:7001 delivery o0"},
-      {plain40, "4.0 #20000 5678 from '' :7002 o0"},
+      {plain30, "1a 1234 o0"},
+      {plain40, "20000 5678 o0"},
       {Replace(kInteractive30, "<AvailabilityStatus/><DeliveryStatus/><TTL>300</TTL>",
                "<Update>OnlyExisting</Update>"),
-       "3.0 #1a 1234 from '' 127.0.0.1:7001 ask update o2C"},
-      {kWipeUpdate40, "4.0 #1a0001 5678 from '' :7002 ask update envelope wipe delivery o0"},
+       "1a 1234 ask update o2"},
       // An envelope Id differing from the request id, UTF-8 text in a Latin-1 document.
       {Replace(kInteractive40, "<Id>1a0001</Id>", "<Id>7</Id>"),
-       "4.0 #7 5678 from '42' :7002 ask envelope delivery o4C; envelope Id 7 differ"},
-      {Replace(kInteractive30, "\xe9", "\xc3\xa9"),
-       "3.0 #1a 1234 from '' 127.0.0.1:7001 ask delivery o2C; ISO-8859-1 document "},
+       "7 5678 ask o3; envelope Id 7 differ"},
+      {Replace(kInteractive30, "\xe9", "\xc3\xa9"), "1a 1234 ask o2; ISO-8859-1 document "},
   };
-  for (const auto& c : cases) EXPECT_EQ(Summary(Accepted(c.first)), c.second);
+  for (const auto& c : cases) {
+    const OapSimDocument::Request r = Accepted(c.first);
+    std::string summary = OapSimDocument::HexId(r.tracking) + " " + r.handset +
+                          (r.interactive ? " ask" : "") + (r.update ? " update" : "") +
+                          (r.wipeOptions ? " wipe" : "") + " o" + std::to_string(r.options.size());
+    for (const std::string& warning : r.warnings) summary += "; " + warning.substr(0, 20);
+    EXPECT_EQ(summary, c.second);
+  }
 }
 
+// Malformed XML and an unknown version are refused in the program's run.
 TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
   std::string deep = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
   for (int i = 0; i < 80; ++i) deep += "<a>";
   const auto In30 = [](auto from, auto to) { return Replace(kInteractive30, from, to); };
   const auto In40 = [](auto from, auto to) { return Replace(kInteractive40, from, to); };
   const auto Wipe40 = [](auto from, auto to) { return Replace(kWipeUpdate40, from, to); };
-  const size_t first = kInteractive40.find("<Option>");
-  const std::string option =
-      kInteractive40.substr(first, kInteractive40.find("<Option>", first + 1) - first);
   const std::vector<std::pair<std::string, const char*>> cases{
-      {kInteractive40.substr(0, 200), "malformed XML"},
       {deep, "nested more than"},
       {kInteractive40.substr(kInteractive40.find('\n') + 1), "no XML declaration"},
       {Replace(In30("ISO-8859-1", "UTF-8"), "\xe9", "e"), "expected ISO-8859-1"},
       {Replace(Wipe40("<OAP-request ", "<oap-request "), "</OAP-request>", "</oap-request>"),
        "not OAP-request"},
-      {Wipe40("version=\"4.0\"", "version=\"5.0\""), "unsupported OAP version '5.0'"},
       {In30("id=\"1a\"", "id=\"1A\""), "not lower-case hexadecimal"},
       {In30("id=\"1a\"", "id=\"001a\""), "leading zeros"},
       {In30("id=\"1a\"", "id=\"100000000\""), "32 bits"},
@@ -92,7 +77,6 @@ TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
       {In30("<Port>7001</Port>", "<Port>0</Port>"), "Header Port"},
       {In30("interactiveMessage", "OA-XML"), "expected message or interactiveMessage"},
       {In30("interactiveMessage", "message"), "must have service interactiveMessage"},
-      {In30("<BodyText>Caf\xe9 open?</BodyText>", ""), "has no BodyText"},
       {In30("<Option id=\"2\">", "<Option id=\"3\">"), "option 2 has id '3'"},
       {In30("</DataResp>", "</DataResp><UserResponse>x</UserResponse>"),
        "exactly one of DataResp and UserResponse"},
@@ -101,7 +85,8 @@ TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
       {In40("</Interactive_Message>", "</Interactive_Message><Message/>"),
        "exactly one of Message and Interactive_Message"},
       {In40("<Sticky_mode>mode1</Sticky_mode>", "<Option/>"), "empty Option outside an update"},
-      {Wipe40("<Option/>", "<Option/>" + option), "wipes the options but also lists some"},
+      {In40("</Interactive_Message>", "<Update/><Option/></Interactive_Message>"),
+       "wipes the options but also lists some"},
       {In40("<Function_key_ID>C<", "<Function_key_ID>c<"), "function key 'c'"},
       {In40("<Close_message/>", "<Close_message/><Data_response>x</Data_response>"),
        "exactly one of Data_response, User_response and Close_message"},
@@ -112,12 +97,10 @@ TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
     const auto verdict = OapSimDocument::Check(text, request);
     EXPECT_FALSE(verdict.ok);
     EXPECT_NE(verdict.error.find(error), std::string::npos) << verdict.error;
-    EXPECT_EQ(verdict.code, strstr(error, "version '5.0'") ? OapSimDocument::kVersionMismatch
-                                                           : OapSimDocument::kNotUnderstood);
+    EXPECT_EQ(verdict.code, OapSimDocument::kNotUnderstood);
   }
 }
 
-// The 4.0 server answer and the 3.0 typed answer are pinned by the program's tests.
 TEST(OapSimReplyTest, RepliesFollowTheVersionsShape) {
   EXPECT_EQ(OapSimReply::Response("3.0", "1a", 1, 403, "Message not understood"),
             "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
@@ -133,12 +116,10 @@ TEST(OapSimReplyTest, RepliesFollowTheVersionsShape) {
   EXPECT_EQ(OapSimReply::ToLatin1("a\xe2\x82\xac\xc3\xbc"), "a?\xfc");
 }
 
-// 4.0 updates with the wipe marker are described by the program's tests.
-TEST(OapSimHandsetsTest, KeepsDescribesAndUpdatesMessagesReusedNumbersStartAfresh) {
+TEST(OapSimHandsetsTest, KeepsAndUpdatesMessagesReusedNumbersStartAfresh) {
   OapSimHandsets handsets;
-  EXPECT_EQ(handsets.Store(Accepted(kInteractive30), "127.0.0.2"), OapSimHandsets::Added);
+  EXPECT_EQ(handsets.Store(Accepted(kInteractive30), "127.0.0.1"), OapSimHandsets::Added);
   const OapSimHandsets::Message& shown = *handsets.Find(0x1a);
-  EXPECT_EQ(shown.driverHost + ":" + std::to_string(shown.driverPort), "127.0.0.2:7001");
   EXPECT_EQ(OapSimHandsets::Describe(shown),
             "3.0 message 0x1a to 1234: subject 'Hi <there>' text 'Caf\xc3\xa9 open?' "
             "options [1:Yes->N:Yes call 555] custom 'Other'");
@@ -151,47 +132,25 @@ TEST(OapSimHandsetsTest, KeepsDescribesAndUpdatesMessagesReusedNumbersStartAfres
   bare.text = "Bye";
   EXPECT_EQ(handsets.Store(bare, "127.0.0.1"), OapSimHandsets::Updated);
   EXPECT_TRUE(shown.wiped && shown.text == "Bye" && shown.updates == 1 && shown.delivered);
-  bare.handset = "9999";
-  EXPECT_EQ(handsets.Store(bare, "127.0.0.1"), OapSimHandsets::UnknownUpdate);
   handsets.AddAnswer(0x1a, "N:Yes");
   EXPECT_EQ(handsets.Store(Accepted(kInteractive30), "127.0.0.1"), OapSimHandsets::Reused);
   const OapSimHandsets::Message* fresh = handsets.Find(0x1a);
   EXPECT_TRUE(!fresh->delivered && !fresh->wiped && fresh->answers.empty());
-  EXPECT_EQ(handsets.All().size(), 1u);
 }
 
-TEST(OapSimOptionsTest, ReadsScriptsAndRefusesBadArguments) {
-  OapSimOptions options;
-  std::string error;
-  ASSERT_TRUE(options.Parse({"--listen=127.0.0.2:7", "--allow-remote", "--status", "5:400",
-                             "--auto", "1234=deliver,text:see you"},
-                            error))
-      << error;
-  EXPECT_TRUE(options.listenHost == "127.0.0.2" && options.listenPort == 7 && options.allowRemote &&
-              options.statusType == 5 && options.statusCode == 400);
-  const auto& script = options.autoScripts["1234"];
-  ASSERT_EQ(script.size(), 2u);
-  EXPECT_TRUE(script[1].kind == OapSimOptions::Action::Text && script[1].words == "see you");
-  for (const char* line :
-       {"--listen 127.0.0.1", "--listen 127.0.0.1:70000", "--status 200", "--auto 1234=jump",
-        "--auto =deliver", "--auto 1234=option:0", "--auto-delay-ms -1", "--exit-after-ms",
-        "--frobnicate 1", "--silent=yes", "deliver"}) {
+// The command line parser's own refusals are pinned by the viewer's tests;
+// ids in commands by the program's run, their range here.
+TEST(OapSimOptionsTest, RefusesBadValuesAndMessageIdsOutOfRange) {
+  for (const char* line : {"--listen 127.0.0.1", "--status 200", "--auto 1234=jump"}) {
     std::istringstream words(line);
     OapSimOptions refused;
-    error.clear();
+    std::string error;
     EXPECT_FALSE(refused.Parse({std::istream_iterator<std::string>(words), {}}, error)) << line;
-    EXPECT_FALSE(error.empty()) << line;
+    EXPECT_NE(error.find("bad value"), std::string::npos) << error;
   }
-}
-
-// Shown as the wire writes them with a prefix that keeps them apart from
-// decimal receipts; read back in either form (the program's tests read both).
-TEST(OapSimOptionsTest, TrackingIdsShownInHexAndReadInEitherBase) {
-  EXPECT_EQ(QmToolTrackingId::FormatReceipt("1703936"), "0x1a0000");
-  EXPECT_EQ(QmToolTrackingId::FormatReceipt(""), "");
   uint32_t id = 0;
   EXPECT_TRUE(QmToolTrackingId::Parse("4294967295", id) && id == ~0u);
-  for (const char* bad : {"1a0000", "0x", "", "-1", "4294967296", "0x100000000", "12 ", "+5"}) {
+  for (const char* bad : {"0x", "4294967296", "0x100000000", "+5"}) {
     EXPECT_FALSE(QmToolTrackingId::Parse(bad, id)) << bad;
   }
 }
