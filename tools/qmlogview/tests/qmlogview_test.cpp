@@ -167,18 +167,16 @@ TEST_F(LogViewTest, PagesSeveralModulesAsOneList) {
   auto mixed = [](int i) -> std::vector<std::string> {
     return {"22:13:2" + std::to_string(i), i % 2 ? "odd" : "even", "WARN", "m" + std::to_string(i)};
   };
-  const std::vector<std::string> both{"--module", "odd", "--module", "even", "--page-size", "3"};
-  const auto With = [&both](std::vector<std::string> more) {
-    more.insert(more.begin(), both.begin(), both.end());
-    return more;
-  };
   Expect({
-      {With({"--page", "2"}), Table(6, {mixed(3), mixed(2), mixed(1)}, "Page 2 of 3\n")},
+      {{"--module", "odd", "--module", "even", "--page-size", "3", "--page", "2"},
+       Table(6, {mixed(3), mixed(2), mixed(1)}, "Page 2 of 3\n")},
       {{"--module", "burst", "--page-size", "3", "--page", "2"},
        Table(6, {burst(3), burst(2), burst(1)}, "Page 2 of 3\n")},
       {{"--module", "burst", "--sort", "module", "--page-size", "2"},
        Table(6, {burst(0), burst(1)}, "Page 1 of 4\n")},
-      {With({"--page-size=100000", "--page=1000000000"}), "", 1,
+      {{"--module", "burst", "--page-size=100000", "--page=1000000000"},
+       "",
+       1,
        "page 1000000000 is past the last page (1)"},
   });
 }
@@ -214,7 +212,6 @@ TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
       "viewtest", QmsysEventLogInterface::SINGLE_THREADED, config, "viewproc.bin");
   ASSERT_NE(logger, nullptr);
   ASSERT_TRUE(logger->Start());
-  EXPECT_TRUE(logger->WriteWarn("through the logger", __LINE__, __FILE__));
   EXPECT_TRUE(logger->WriteTrace("fine detail", __LINE__, __FILE__));
   logger->Stop();
   QmsysEventLogInterface::ReleaseAll();
