@@ -67,9 +67,17 @@ TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
   // The scripted handset reports delivery, then answers with option 1.
   ASSERT_TRUE(driver.WaitForRequests(2, ChildProcess::kWaitMs));
   EXPECT_THAT(driver.Requests(), Contains(HasSubstr("<Type>3</Type>\n<Code>200</Code>")));
-  EXPECT_THAT(driver.Requests(), Contains(HasSubstr("<Data_response>F:No</Data_response>")));
+  EXPECT_THAT(driver.Requests(),
+              Contains(std::string("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                                   "<OAP-request version=\"4.0\" id=\"1a0001\">\n"
+                                   "<Body service=\"OA-XML\">\n<service version=\"1.0\">\n"
+                                   "<Id>1a0001</Id>\n<Interactive_Message_Response>\n"
+                                   "<Data_response>F:No</Data_response>\n"
+                                   "</Interactive_Message_Response>\n</service>\n</Body>\n"
+                                   "</OAP-request>")));
 
-  EXPECT_THAT(Exchange(port, kInteractive40.substr(0, 150), true), HasSubstr("<Code>403</Code>"));
+  EXPECT_THAT(Exchange(port, kInteractive40.substr(0, 150), true),
+              HasSubstr("<Code>403</Code>\n<Text>Message not understood</Text>"));
   EXPECT_NE(sim.WaitFor("[sim] rejected request: malformed XML"), "") << sim.out;
   EXPECT_THAT(Exchange(port, Replace(kWipeUpdate40, "version=\"4.0\"", "version=\"2.0\"")),
               HasSubstr("<Code>408</Code>"));
@@ -84,23 +92,49 @@ TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
             "");
   sim.Send("answer 0x1a0001 1\n");
   EXPECT_NE(sim.WaitFor("the options of 0x1a0001 were wiped"), "");
+  // A plain message whose envelope Id is not its request id.
+  const std::string plain40 =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"20000\">\n"
+      "<Header>\n<Port>7002</Port>\n<To>9</To>\n</Header>\n<Body service=\"OA-XML\">\n"
+      "<service version=\"1.0\">\n<Id>7</Id>\n<Message>\n<Body>Hi</Body>\n<Indication/>\n"
+      "</Message>\n</service>\n</Body>\n</OAP-request>";
+  ASSERT_THAT(Exchange(port, plain40), HasSubstr("<Code>200</Code>"));
+  EXPECT_NE(sim.WaitFor("warning: envelope Id 7 differs from request id 20000"), "");
+  EXPECT_EQ(sim.WaitFor("0x7"), "[sim] 4.0 message 0x7 to 9: text 'Hi'");
 
-  ASSERT_THAT(Exchange(port, WithPort(kInteractive30, driver.Port())),
-              HasSubstr("<Status service=\"message\">\n<Type>1</Type>\n<Code>200</Code>"));
-  // A typed answer in a 3.0 document: Latin-1, escaped.
-  sim.Send("text 0x1A Caf\xc3\xa9 & <b>\n");
+  // UTF-8 in a 3.0 document is taken but called out.
+  EXPECT_EQ(Exchange(port, WithPort(Replace(kInteractive30, "\xe9", "\xc3\xa9"), driver.Port())),
+            "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
+            "<OAP-response version=\"3.0\" id=\"1a\">\n<Status service=\"message\">\n"
+            "<Type>1</Type>\n<Code>200</Code>\n</Status>\n</OAP-response>");
+  EXPECT_NE(sim.WaitFor("warning: ISO-8859-1 document holds what looks like UTF-8"), "");
+  EXPECT_EQ(sim.WaitFor("0x1a to"),
+            "[sim] 3.0 message 0x1a to 1234: subject 'Hi <there>' text 'Caf\xc3\x83\xc2\xa9 open?' "
+            "options [1:Yes->N:Yes call 555] custom 'Other'");
+  // A typed answer in a 3.0 document: Latin-1, escaped, '?' for what Latin-1 lacks.
+  sim.Send("text 0x1A Caf\xc3\xa9 & <b> \xe2\x82\xac\n");
   ASSERT_TRUE(driver.WaitForRequests(3, ChildProcess::kWaitMs));
   EXPECT_EQ(driver.Requests()[2],
             "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
             "<OAP-response version=\"3.0\" id=\"1a\">\n<Status service=\"message\">\n"
             "<Type>5</Type>\n<Code>200</Code>\n<TypeSpecific>\n<From>1234</From>\n"
-            "<UserResponse>Caf\xe9 &amp; &lt;b&gt;</UserResponse>\n</TypeSpecific>\n</Status>\n"
+            "<UserResponse>Caf\xe9 &amp; &lt;b&gt; ?</UserResponse>\n</TypeSpecific>\n</Status>\n"
             "</OAP-response>");
-  sim.Send("answer 26 7\nfly 0x1a\nanswer 1a 1\nlist\n");
-  for (const char* line : {"0x1a has no option 7", "unknown command 'fly'",
-                           "answer: expected a message id", "(answered 'Caf\xc3\xa9 & <b>')"}) {
+  sim.Send("answer 26 7\nfly 0x1a\nanswer 1a 1\n");
+  for (const char* line :
+       {"0x1a has no option 7", "unknown command 'fly'", "answer: expected a message id"}) {
     EXPECT_NE(sim.WaitFor(line), "") << line;
   }
+  // A 3.0 update carries no wipe marker: one without options wipes them.
+  std::string update30 = kInteractive30.substr(0, kInteractive30.find("<Option")) + "</Body>";
+  update30 = Replace(update30, "<TTL>300</TTL>", "<Update>OnlyExisting</Update>");
+  ASSERT_THAT(Exchange(port, update30 + "</OAP-request>"), HasSubstr("<Code>200</Code>"));
+  sim.Send("list\n");
+  EXPECT_NE(sim.WaitFor("(options wiped) (updated 1x) (answered 'Caf\xc3\xa9 & <b> \xe2\x82\xac')"),
+            "");
+  // The driver may start again from the same tracking numbers.
+  ASSERT_THAT(Exchange(port, kInteractive30), HasSubstr("<Code>200</Code>"));
+  EXPECT_NE(sim.WaitFor("tracking number 0x1a reused for a new message"), "");
   sim.Send("quit\n");
   EXPECT_EQ(sim.Finish(), 0);
 }

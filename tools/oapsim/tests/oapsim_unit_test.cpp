@@ -1,6 +1,5 @@
-// The simulator's parts in process, for what the program's run does not pass
-// through: its check of received OAP-requests, the documents it writes back,
-// what its handsets keep, its command line and message ids.
+// What the simulator refuses: received OAP-requests, values on its command
+// line and message ids out of range. Its program's run covers the rest.
 
 #include <gtest/gtest.h>
 
@@ -9,53 +8,11 @@
 #include <string>
 
 #include "OapSimDocument.h"
-#include "OapSimHandsets.h"
 #include "OapSimOptions.h"
-#include "OapSimReply.h"
 #include "QmToolTrackingId.h"
 #include "oapsim_test_documents.h"
 
 namespace {
-
-OapSimDocument::Request Accepted(const std::string& text) {
-  OapSimDocument::Request request;
-  const auto verdict = OapSimDocument::Check(text, request);
-  EXPECT_TRUE(verdict.ok) << verdict.error;
-  return request;
-}
-
-// Requests the program's run does not send, each summed up on one line: the
-// message it concerns, whether it asks, updates or wipes, its option count and
-// the start of each warning.
-TEST(OapSimDocumentTest, AcceptedRequestsAreReadWhole) {
-  std::string plain30 =
-      kInteractive30.substr(0, kInteractive30.find("<Option")) + "</Body></OAP-request>";
-  plain30 = Replace(Replace(plain30, "interactiveMessage", "message"), "ISO-8859-1", "iso-8859-1");
-  const std::string plain40 =
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"20000\">\n"
-      "<Header>\n<Port>7002</Port>\n<To>5678</To>\n</Header>\n<Body service=\"OA-XML\">\n"
-      "<service version=\"1.0\">\n<Message>\n<Body>Hi</Body>\n<Indication>\n</Indication>\n"
-      "</Message>\n</service>\n</Body>\n</OAP-request>";
-  const std::vector<std::pair<std::string, std::string>> cases{
-      {plain30, "1a 1234 o0"},
-      {plain40, "20000 5678 o0"},
-      {Replace(kInteractive30, "<AvailabilityStatus/><DeliveryStatus/><TTL>300</TTL>",
-               "<Update>OnlyExisting</Update>"),
-       "1a 1234 ask update o2"},
-      // An envelope Id differing from the request id, UTF-8 text in a Latin-1 document.
-      {Replace(kInteractive40, "<Id>1a0001</Id>", "<Id>7</Id>"),
-       "7 5678 ask o3; envelope Id 7 differ"},
-      {Replace(kInteractive30, "\xe9", "\xc3\xa9"), "1a 1234 ask o2; ISO-8859-1 document "},
-  };
-  for (const auto& c : cases) {
-    const OapSimDocument::Request r = Accepted(c.first);
-    std::string summary = OapSimDocument::HexId(r.tracking) + " " + r.handset +
-                          (r.interactive ? " ask" : "") + (r.update ? " update" : "") +
-                          (r.wipeOptions ? " wipe" : "") + " o" + std::to_string(r.options.size());
-    for (const std::string& warning : r.warnings) summary += "; " + warning.substr(0, 20);
-    EXPECT_EQ(summary, c.second);
-  }
-}
 
 // Malformed XML and an unknown version are refused in the program's run.
 TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
@@ -99,43 +56,6 @@ TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
     EXPECT_NE(verdict.error.find(error), std::string::npos) << verdict.error;
     EXPECT_EQ(verdict.code, OapSimDocument::kNotUnderstood);
   }
-}
-
-TEST(OapSimReplyTest, RepliesFollowTheVersionsShape) {
-  EXPECT_EQ(OapSimReply::Response("3.0", "1a", 1, 403, "Message not understood"),
-            "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
-            "<OAP-response version=\"3.0\" id=\"1a\">\n<Status service=\"message\">\n"
-            "<Type>1</Type>\n<Code>403</Code>\n<Text>Message not understood</Text>\n"
-            "</Status>\n</OAP-response>");
-  EXPECT_EQ(OapSimReply::Answer("4.0", "1a0001", "5678", "F:No", false),
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-            "<OAP-request version=\"4.0\" id=\"1a0001\">\n<Body service=\"OA-XML\">\n"
-            "<service version=\"1.0\">\n<Id>1a0001</Id>\n<Interactive_Message_Response>\n"
-            "<Data_response>F:No</Data_response>\n</Interactive_Message_Response>\n</service>\n"
-            "</Body>\n</OAP-request>");
-  EXPECT_EQ(OapSimReply::ToLatin1("a\xe2\x82\xac\xc3\xbc"), "a?\xfc");
-}
-
-TEST(OapSimHandsetsTest, KeepsAndUpdatesMessagesReusedNumbersStartAfresh) {
-  OapSimHandsets handsets;
-  EXPECT_EQ(handsets.Store(Accepted(kInteractive30), "127.0.0.1"), OapSimHandsets::Added);
-  const OapSimHandsets::Message& shown = *handsets.Find(0x1a);
-  EXPECT_EQ(OapSimHandsets::Describe(shown),
-            "3.0 message 0x1a to 1234: subject 'Hi <there>' text 'Caf\xc3\xa9 open?' "
-            "options [1:Yes->N:Yes call 555] custom 'Other'");
-  EXPECT_EQ(OapSimHandsets::Quote("a\r\nb\tc\x01\rd"), "'a\\nb\\tc?\\rd'");
-  handsets.MarkDelivered(0x1a);
-  // The 3.0 shape has no wipe marker: an update without options wipes them.
-  OapSimDocument::Request bare = Accepted(kInteractive30);
-  bare.update = true;
-  bare.options.clear();
-  bare.text = "Bye";
-  EXPECT_EQ(handsets.Store(bare, "127.0.0.1"), OapSimHandsets::Updated);
-  EXPECT_TRUE(shown.wiped && shown.text == "Bye" && shown.updates == 1 && shown.delivered);
-  handsets.AddAnswer(0x1a, "N:Yes");
-  EXPECT_EQ(handsets.Store(Accepted(kInteractive30), "127.0.0.1"), OapSimHandsets::Reused);
-  const OapSimHandsets::Message* fresh = handsets.Find(0x1a);
-  EXPECT_TRUE(!fresh->delivered && !fresh->wiped && fresh->answers.empty());
 }
 
 // The command line parser's own refusals are pinned by the viewer's tests;
