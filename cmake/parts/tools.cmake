@@ -28,8 +28,7 @@ target_compile_options(oapsim PRIVATE ${QM_WARNINGS})
 target_link_libraries(oapsim PRIVATE qm_oapsim EXPAT::EXPAT)
 
 qm_add_test(oapsim_tests
-  SOURCES tools/oapsim/tests/oapsim_unit_test.cpp
-          tools/oapsim/tests/oapsim_process_test.cpp
+  SOURCES tools/oapsim/tests/oapsim_test.cpp
   LIBS qm_oapsim)
 if(TARGET oapsim_tests)
   add_dependencies(oapsim_tests oapsim)

@@ -1,18 +1,75 @@
-// The simulator program itself over 127.0.0.1: answers, scripted handsets,
-// commands on standard input and stopping. The driver's listener is played by
-// the driver tests' fake server, which records each document sent to it.
+// The simulator: what it refuses on its command line and in received
+// OAP-requests, and the program itself over 127.0.0.1 (answers, scripted
+// handsets, commands on standard input and stopping). The driver's listener
+// is played by the driver tests' fake server, which records each document
+// sent to it.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <sstream>
+#include <string>
+
 #include "../../../messenger_drivers/oap/tests/FakeOapServer.h"
+#include "OapSimDocument.h"
+#include "OapSimOptions.h"
+#include "QmToolTrackingId.h"
 #include "child_process.h"
-#include "oapsim_test_documents.h"
 
 namespace {
 
 using ::testing::Contains;
 using ::testing::HasSubstr;
+
+// Requests as the driver writes them. 3.0 interactive message #1a to handset
+// 1234, driver listener port 7001.
+const std::string kInteractive30 =
+    "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<OAP-request version=\"3.0\" id=\"1a\">\n"
+    "<Header>\n<IP>127.0.0.1</IP>\n<Port>7001</Port>\n</Header>\n"
+    "<Body service=\"interactiveMessage\"><To>1234</To>\n"
+    "<SubjectText>Hi &lt;there&gt;</SubjectText>\n<BodyText>Caf\xe9 open?</BodyText>\n"
+    "<Priority>6</Priority>\n<AvailabilityStatus/><DeliveryStatus/><TTL>300</TTL>\n"
+    "<Option id=\"1\">\n<Text>Yes</Text>\n<OnSelection>\n<CallNo method=\"\">555</CallNo>\n"
+    "<DataResp>N:Yes</DataResp>\n</OnSelection>\n<FuncKeyId>A</FuncKeyId>\n</Option>\n"
+    "<Option id=\"2\">\n<Text>Custom</Text>\n<OnSelection>\n<UserResponse>Other</UserResponse>\n"
+    "</OnSelection>\n<FuncKeyId>C</FuncKeyId>\n</Option>\n</Body></OAP-request>";
+
+// 4.0 interactive message #1a0001 to handset 5678, listener port 7002, with
+// data, custom and close options.
+const std::string kInteractive40 =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"1a0001\">\n"
+    "<Header>\n<Port>7002</Port>\n<To>5678</To>\n<DeliveryStatus/>\n</Header>\n"
+    "<Body service=\"OA-XML\">\n<service version=\"1.0\">\n<Id>1a0001</Id>\n"
+    "<Interactive_Message>\n<Message>\n<Subject>Lunch</Subject>\n<Body>Caf\xc3\xa9?</Body>\n"
+    "<Indication>\n<Beep>1</Beep>\n</Indication>\n<TTL>60</TTL>\n<Priority>6</Priority>\n"
+    "</Message>\n<Sticky_mode>mode1</Sticky_mode>\n"
+    "<Option>\n<ID>1</ID>\n<Text>No</Text>\n<Function_key_ID>A</Function_key_ID>\n"
+    "<On_selection>\n<Data_response>F:No</Data_response>\n</On_selection>\n</Option>\n"
+    "<Option>\n<ID>2</ID>\n<Text>Custom</Text>\n<Function_key_ID>A</Function_key_ID>\n"
+    "<On_selection>\n<User_response>\n<Text_label>Say</Text_label>\n</User_response>\n"
+    "</On_selection>\n</Option>\n"
+    "<Option>\n<ID>3</ID>\n<Text>Close</Text>\n<Function_key_ID>C</Function_key_ID>\n"
+    "<On_selection>\n<Close_message/>\n</On_selection>\n</Option>\n"
+    "</Interactive_Message>\n</service>\n</Body>\n</OAP-request>";
+
+// 4.0 update (request #1a0002) wiping the options of #1a0001.
+const std::string kWipeUpdate40 =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"1a0002\">\n"
+    "<Header>\n<Port>7002</Port>\n<To>5678</To>\n<DeliveryStatus/>\n</Header>\n"
+    "<Body service=\"OA-XML\">\n<service version=\"1.0\">\n<Id>1a0001</Id>\n"
+    "<Interactive_Message>\n<Message>\n<Body>Lunch?\n\nYou replied:\n-->>No</Body>\n"
+    "<Indication>\n<Intensity>None</Intensity>\n</Indication> \n</Message>\n"
+    "<Update>\n</Update>\n<Option/>\n</Interactive_Message>\n</service>\n</Body>\n</OAP-request>";
+
+// Every occurrence replaced; the text must occur at least once.
+std::string Replace(std::string text, const std::string& from, const std::string& to) {
+  EXPECT_NE(text.find(from), std::string::npos) << from;
+  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
 
 // Sends one request and returns the whole answer. The request goes in two
 // pieces, the second once nothing came back to the first for 0.1 s: a
@@ -51,6 +108,67 @@ struct Sim : ChildProcess {
     return line.empty() ? -1 : std::stoi(line.substr(line.rfind(':') + 1));
   }
 };
+
+// Malformed XML and an unknown version are refused in the program's run.
+TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
+  std::string deep = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
+  for (int i = 0; i < 80; ++i) deep += "<a>";
+  const auto In30 = [](auto from, auto to) { return Replace(kInteractive30, from, to); };
+  const auto In40 = [](auto from, auto to) { return Replace(kInteractive40, from, to); };
+  const auto Wipe40 = [](auto from, auto to) { return Replace(kWipeUpdate40, from, to); };
+  const std::vector<std::pair<std::string, const char*>> cases{
+      {deep, "nested more than"},
+      {kInteractive40.substr(kInteractive40.find('\n') + 1), "no XML declaration"},
+      {Replace(In30("ISO-8859-1", "UTF-8"), "\xe9", "e"), "expected ISO-8859-1"},
+      {Replace(Wipe40("<OAP-request ", "<oap-request "), "</OAP-request>", "</oap-request>"),
+       "not OAP-request"},
+      {In30("id=\"1a\"", "id=\"1A\""), "not lower-case hexadecimal"},
+      {In30("id=\"1a\"", "id=\"001a\""), "leading zeros"},
+      {In30("id=\"1a\"", "id=\"100000000\""), "32 bits"},
+      {In30("<IP>127.0.0.1</IP>", ""), "has no IP"},
+      {In30("<Port>7001</Port>", "<Port>0</Port>"), "Header Port"},
+      {In30("interactiveMessage", "OA-XML"), "expected message or interactiveMessage"},
+      {In30("interactiveMessage", "message"), "must have service interactiveMessage"},
+      {In30("<Option id=\"2\">", "<Option id=\"3\">"), "option 2 has id '3'"},
+      {In30("</DataResp>", "</DataResp><UserResponse>x</UserResponse>"),
+       "exactly one of DataResp and UserResponse"},
+      {In30("<Priority>6</Priority>", "<Update>Always</Update>"), "expected OnlyExisting"},
+      {Wipe40("<Id>1a0001</Id>", ""), "update without envelope Id"},
+      {In40("</Interactive_Message>", "</Interactive_Message><Message/>"),
+       "exactly one of Message and Interactive_Message"},
+      {In40("<Sticky_mode>mode1</Sticky_mode>", "<Option/>"), "empty Option outside an update"},
+      {In40("</Interactive_Message>", "<Update/><Option/></Interactive_Message>"),
+       "wipes the options but also lists some"},
+      {In40("<Function_key_ID>C<", "<Function_key_ID>c<"), "function key 'c'"},
+      {In40("<Close_message/>", "<Close_message/><Data_response>x</Data_response>"),
+       "exactly one of Data_response, User_response and Close_message"},
+  };
+  for (const auto& [text, error] : cases) {
+    SCOPED_TRACE(error);
+    OapSimDocument::Request request;
+    const auto verdict = OapSimDocument::Check(text, request);
+    EXPECT_FALSE(verdict.ok);
+    EXPECT_NE(verdict.error.find(error), std::string::npos) << verdict.error;
+    EXPECT_EQ(verdict.code, OapSimDocument::kNotUnderstood);
+  }
+}
+
+// The command line parser's own refusals are pinned by the viewer's tests;
+// ids in commands by the program's run, their range here.
+TEST(OapSimOptionsTest, RefusesBadValuesAndMessageIdsOutOfRange) {
+  for (const char* line : {"--listen 127.0.0.1", "--status 200", "--auto 1234=jump"}) {
+    std::istringstream words(line);
+    OapSimOptions refused;
+    std::string error;
+    EXPECT_FALSE(refused.Parse({std::istream_iterator<std::string>(words), {}}, error)) << line;
+    EXPECT_NE(error.find("bad value"), std::string::npos) << error;
+  }
+  uint32_t id = 0;
+  EXPECT_TRUE(QmToolTrackingId::Parse("4294967295", id) && id == ~0u);
+  for (const char* bad : {"0x", "4294967296", "0x100000000", "+5"}) {
+    EXPECT_FALSE(QmToolTrackingId::Parse(bad, id)) << bad;
+  }
+}
 
 TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
   FakeOapServer driver;
