@@ -259,9 +259,9 @@ TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
 
 TEST(OapSimProcessTest, ConfiguredStatusSilenceAndStopping) {
   Sim failing({"--status", "1:407"});
-  const std::string failed = Exchange(failing.Port(), kInteractive30);
-  EXPECT_THAT(failed, HasSubstr("id=\"1a\""));
-  EXPECT_THAT(failed, HasSubstr("<Code>407</Code>"));
+  EXPECT_THAT(
+      Exchange(failing.Port(), kInteractive30),
+      HasSubstr("id=\"1a\">\n<Status service=\"message\">\n<Type>1</Type>\n<Code>407</Code>"));
   // Silent: the request is read, and the connection stays open without a
   // byte until the client gives up.
   Sim silent({"--silent"});
