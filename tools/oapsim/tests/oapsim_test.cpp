@@ -221,10 +221,8 @@ TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
   EXPECT_EQ(sim.WaitFor("0x7"), "[sim] 4.0 message 0x7 to 9: text 'Hi'");
 
   // UTF-8 in a 3.0 document is taken but called out.
-  EXPECT_EQ(Exchange(port, WithPort(Replace(kInteractive30, "\xe9", "\xc3\xa9"), driver.Port())),
-            "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
-            "<OAP-response version=\"3.0\" id=\"1a\">\n<Status service=\"message\">\n"
-            "<Type>1</Type>\n<Code>200</Code>\n</Status>\n</OAP-response>");
+  EXPECT_THAT(Exchange(port, WithPort(Replace(kInteractive30, "\xe9", "\xc3\xa9"), driver.Port())),
+              HasSubstr("<Code>200</Code>"));
   EXPECT_NE(sim.WaitFor("warning: ISO-8859-1 document holds what looks like UTF-8"), "");
   EXPECT_EQ(sim.WaitFor("0x1a to"),
             "[sim] 3.0 message 0x1a to 1234: subject 'Hi <there>' text 'Caf\xc3\x83\xc2\xa9 open?' "
@@ -259,9 +257,10 @@ TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
 
 TEST(OapSimProcessTest, ConfiguredStatusSilenceAndStopping) {
   Sim failing({"--status", "1:407"});
-  EXPECT_THAT(
-      Exchange(failing.Port(), kInteractive30),
-      HasSubstr("id=\"1a\">\n<Status service=\"message\">\n<Type>1</Type>\n<Code>407</Code>"));
+  EXPECT_EQ(Exchange(failing.Port(), kInteractive30),
+            "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
+            "<OAP-response version=\"3.0\" id=\"1a\">\n<Status service=\"message\">\n"
+            "<Type>1</Type>\n<Code>407</Code>\n</Status>\n</OAP-response>");
   // Silent: the request is read, and the connection stays open without a
   // byte until the client gives up.
   Sim silent({"--silent"});
