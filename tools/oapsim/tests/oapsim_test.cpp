@@ -1,20 +1,15 @@
-// The simulator: what it refuses on its command line and in received
-// OAP-requests, and the program itself over 127.0.0.1 (answers, scripted
-// handsets, commands on standard input and stopping). The driver's listener
-// is played by the driver tests' fake server, which records each document
-// sent to it.
+// The simulator: what it refuses in received OAP-requests, and the program
+// itself over 127.0.0.1 (answers, scripted handsets, commands on standard
+// input, its command line and stopping). The driver's listener is played by
+// the driver tests' fake server, which records each document sent to it.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <iterator>
-#include <sstream>
 #include <string>
 
 #include "../../../messenger_drivers/oap/tests/FakeOapServer.h"
 #include "OapSimDocument.h"
-#include "OapSimOptions.h"
-#include "QmToolTrackingId.h"
 #include "child_process.h"
 
 namespace {
@@ -153,23 +148,6 @@ TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
   }
 }
 
-// The command line parser's own refusals are pinned by the viewer's tests;
-// ids in commands by the program's run, their range here.
-TEST(OapSimOptionsTest, RefusesBadValuesAndMessageIdsOutOfRange) {
-  for (const char* line : {"--listen 127.0.0.1", "--status 200", "--auto 1234=jump"}) {
-    std::istringstream words(line);
-    OapSimOptions refused;
-    std::string error;
-    EXPECT_FALSE(refused.Parse({std::istream_iterator<std::string>(words), {}}, error)) << line;
-    EXPECT_NE(error.find("bad value"), std::string::npos) << error;
-  }
-  uint32_t id = 0;
-  EXPECT_TRUE(QmToolTrackingId::Parse("4294967295", id) && id == ~0u);
-  for (const char* bad : {"0x", "4294967296", "0x100000000", "+5"}) {
-    EXPECT_FALSE(QmToolTrackingId::Parse(bad, id)) << bad;
-  }
-}
-
 TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
   FakeOapServer driver;
   Sim sim({"--listen", "127.0.0.1:0", "--auto", "5678=deliver,option:1", "--auto-delay-ms", "20"});
@@ -255,7 +233,7 @@ TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
   EXPECT_EQ(sim.Finish(), 0);
 }
 
-TEST(OapSimProcessTest, ConfiguredStatusSilenceAndStopping) {
+TEST(OapSimProcessTest, ConfiguredStatusSilenceStoppingAndRefusedCommandLines) {
   Sim failing({"--status", "1:407"});
   EXPECT_EQ(Exchange(failing.Port(), kInteractive30),
             "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
@@ -281,6 +259,9 @@ TEST(OapSimProcessTest, ConfiguredStatusSilenceAndStopping) {
   Sim refused({"--listen", "0.0.0.0:0"});
   EXPECT_EQ(refused.Finish(), 1);
   EXPECT_NE(refused.err.find("give --allow-remote"), std::string::npos) << refused.err;
+  Sim bad({"--status", "200"});
+  EXPECT_EQ(bad.Finish(), 2);
+  EXPECT_NE(bad.err.find("bad value '200' for --status"), std::string::npos) << bad.err;
 }
 
 }  // namespace
