@@ -183,12 +183,12 @@ TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
   logger->Stop();
   QmsysEventLogInterface::ReleaseAll();
 
-  EXPECT_NE(View({"--config", config, "--json"})
-                .out.find("\"level_name\":\"TRACE\",\"message\":\"fine detail\""),
+  EXPECT_NE(View({"--config", config, "--logger", "db_logger", "--json"})
+                .out.find("\"module\":\"viewproc\",\"level\":1,\"level_name\":\"TRACE\","
+                          "\"message\":\"fine detail\""),
             std::string::npos);
   Expect(
-      {{{"--config", config, "--logger", "db_logger", "--list-modules"}, "viewproc\n"},
-       {{"--config", config, "--logger", "common"}, "", 1, "does not write to an SQLite database"},
+      {{{"--config", config, "--logger", "common"}, "", 1, "does not write to an SQLite database"},
        {{"--config", m_dir + "/nowhere"}, "", 1, "cannot read logging configuration"}});
 }
 
