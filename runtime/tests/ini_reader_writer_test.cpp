@@ -1,31 +1,24 @@
 // INI documents: reading, writing back, editing, locks and concurrent writers.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
-#include <cerrno>
 
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
+#include <cerrno>
 #include <stdexcept>
-#include <string>
 
 #include "IniReaderWriter.h"
 #include "QmIniReaderWriterEx.h"
+#include "log_test_util.h"
 
 namespace {
 
 class IniTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_NE(mkdtemp(&m_dir[0]), nullptr); }
-  void TearDown() override { std::system(("rm -rf '" + m_dir + "'").c_str()); }
-  void writeFile(const std::string& text) const { std::ofstream(path()) << text; }
+  void writeFile(const std::string& text) const { LogWriteFile(path(), text); }
   std::string readFile(const std::string& name = "test.ini") const {
-    return std::string(std::istreambuf_iterator<char>(std::ifstream(path(name)).rdbuf()), {});
+    return LogReadFile(path(name));
   }
-  std::string path(const std::string& name = "test.ini") const { return m_dir + "/" + name; }
-
-  std::string m_dir = "/tmp/ini_test_XXXXXX";
+  std::string path(const std::string& name = "test.ini") const { return m_dir.file(name); }
+  LogTempDir m_dir;
 };
 
 TEST_F(IniTest, ReadsCaseInsensitivelyAndKeepsOnlyMeaningfulLines) {
@@ -101,7 +94,7 @@ TEST_F(IniTest, CreatesRemovesAndResets) {
   IniReaderWriter missing(path("absent.ini"), true, true, false);
   EXPECT_FALSE(missing.isFileLoaded() || missing.read());
   missing.setKeyValue("[s]", "k", "v");
-  std::string badPath = m_dir + "/no/such/dir.ini", otherPath = path("other.ini");
+  std::string badPath = path("no/such/dir.ini"), otherPath = path("other.ini");
   EXPECT_TRUE(!missing.write(&badPath) && missing.write(&otherPath));
   EXPECT_EQ(readFile("other.ini"), "\n[s]\nk=v\n");
 }

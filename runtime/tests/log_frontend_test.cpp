@@ -40,14 +40,6 @@ class LogFrontEndTest : public ::testing::Test {
     return "[" + name + "]\nwriter=file\nlevel=" + level + "\nfilePath=" + m_root.file(file) +
            "\nbytesPerFiles=100000\nnumFiles=2\nperProcessFile=0\n";
   }
-  // The module's started logger, configured from `config`.
-  Logger* configured(const std::string& module, const std::string& config,
-                     Logger::LoggerType type = Logger::SINGLE_THREADED) const {
-    LogWriteFile(configFile(), config);
-    Logger* logger = Logger::CreateInstance(module, type, configDir(), "agent");
-    EXPECT_TRUE(logger != nullptr && logger->Start()) << module;
-    return logger;
-  }
   LogTempDir m_root;
 };
 
@@ -93,7 +85,6 @@ TEST_F(LogFrontEndTest, FreshConfigurationDirectoryGetsDefaultsAndALogFile) {
   EXPECT_TRUE(LogFileExists(m_root.file("work/logs/common_logs.txt")));
   ASSERT_TRUE(logger->Start());
   EXPECT_TRUE(logger->WriteInfo("hello", __LINE__, "test"));
-  EXPECT_FALSE(logger->WriteDebug("hidden", __LINE__, "test"));
   ExpectLines(logPath, {R"(agent \[INFO\] hello)"});
   // A damaged file is repaired with the same defaults.
   Logger::ReleaseAll();
@@ -104,29 +95,6 @@ TEST_F(LogFrontEndTest, FreshConfigurationDirectoryGetsDefaultsAndALogFile) {
   IniReaderWriter repaired(fresh + "/qmlogs.ini", true, false, false);
   EXPECT_TRUE(repaired.isHeadPresent("[main]"));
   ExpectLines(repaired.getKeyValue("[common]", "filePath"), {R"(agent \[INFO\] works)"});
-}
-
-TEST_F(LogFrontEndTest, ModuleUsesItsSectionFromMainOrElseCommon) {
-  // "[main]" lists modB only; a misspelt level means WARN.
-  const struct {
-    const char *module, *customLevel, *commonLevel;
-    int level;
-    const char *used, *unused;
-  } cases[] = {{"modB", "debug", "info", QmLogInterface::LEVEL_DEBUG, "custom.log", "common.log"},
-               {"modC", "debug", "error", QmLogInterface::LEVEL_ERROR, "common.log", "custom.log"},
-               {"modB", "verbose", "info", QmLogInterface::LEVEL_WARN, "custom.log", "common.log"}};
-  for (const auto& c : cases) {
-    Logger::ReleaseAll();
-    for (const char* f : {"custom.log", "common.log"}) LogWriteFile(m_root.file(f), "");
-    Logger* logger = configured(c.module, "[main]\nmodB=custom\n" +
-                                              fileSection("custom", c.customLevel, "custom.log") +
-                                              fileSection("common", c.commonLevel, "common.log"));
-    ASSERT_NE(nullptr, logger);
-    EXPECT_EQ(c.level, logger->GetLogLevel());
-    EXPECT_TRUE(logger->WriteFatal("at", 1, "f"));
-    ExpectLines(m_root.file(c.used), {R"(agent \[FATAL\] at)"});
-    EXPECT_EQ("", LogReadFile(m_root.file(c.unused)));
-  }
 }
 
 TEST_F(LogFrontEndTest, UnusableWritersAreReportedAndAModuleWithoutLoggerIsRepaired) {
@@ -248,8 +216,9 @@ TEST_F(LogFrontEndTest, OperationsKeepTheirPlacesInTheVirtualTableAndLevelsFilte
 }
 
 TEST_F(LogFrontEndTest, MultiThreadedWritesEveryLineOnceInOrderAndRestarts) {
-  Logger* logger = configured("mt", "[main]\nmt=own\n" + fileSection("own", "info", "mt.log"),
-                              Logger::MULTI_THREADED);
+  LogWriteFile(configFile(), "[main]\nmt=own\n" + fileSection("own", "info", "mt.log"));
+  Logger* logger = Logger::CreateInstance("mt", Logger::MULTI_THREADED, configDir(), "agent");
+  ASSERT_TRUE(logger != nullptr && logger->Start());
   const int kThreads = 4, kLines = 250;
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t)
