@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <optional>
 
 #include "soak_support.h"
@@ -12,10 +10,6 @@ const int kMessages = 10000 / kSoakScale;
 const int kWarmUp = kMessages / 10;
 const int kHostThreads = 4;
 const int kPushers = 4;
-// Documents a splitting pusher has on the way at once, and the pause between
-// their pieces.
-const size_t kSplitInFlight = 40;
-const auto kPiecePause = std::chrono::milliseconds(10);
 // Growth of the resident set per message after warm-up: the message state the
 // driver keeps (all of it here: the store's limit is far away; about 2 KiB
 // measured) and the host's own job records. Sanitizer builds keep freed memory in quarantine.
@@ -25,63 +19,15 @@ const long kAllowanceBytesPerMessage = 128 * 1024;
 const long kAllowanceBytesPerMessage = 4096;
 #endif
 
-// How the OAP server delivers notices and answers to the listener.
-enum class Push {
-  kShort,      // a connection per document: connect, write, close, no waiting
-  kLongLived,  // every document of a pusher on one connection
-  kSplit,      // a connection per document, written in three pieces 10 ms apart
-};
-
-// Keeps up to kSplitInFlight documents on the way, each on a connection of
-// its own, and writes their thirds as they fall due.
-void PushInPieces(Pusher& pusher, int port) {
-  struct Piecewise {
-    int fd;
-    std::string document;
-    int written;  // thirds so far
-    bool ok;
-    Clock::time_point due;
-  };
-  auto writeNext = [](Piecewise& doc) {
-    const size_t third = doc.document.size() / 3, from = third * doc.written;
-    const size_t length = ++doc.written == 3 ? std::string::npos : third;
-    doc.ok = doc.ok && doc.fd >= 0 && WriteAll(doc.fd, doc.document.substr(from, length));
-    doc.due = Clock::now() + kPiecePause;
-  };
-  std::deque<Piecewise> inFlight;  // in order of due time
-  for (;;) {
-    const Clock::time_point next =
-        inFlight.empty() ? Clock::time_point::max() : inFlight.front().due;
-    std::string document;
-    if (inFlight.size() < kSplitInFlight && pusher.Take(document, next)) {
-      inFlight.push_back({ConnectLoopback(port), std::move(document), 0, true, {}});
-      writeNext(inFlight.back());
-    } else if (inFlight.empty()) {
-      return;  // stopped, and nothing left
-    } else {
-      std::this_thread::sleep_until(next);
-    }
-    while (!inFlight.empty() && inFlight.front().due <= Clock::now()) {
-      Piecewise doc = std::move(inFlight.front());
-      inFlight.pop_front();
-      writeNext(doc);
-      if (doc.written < 3) {
-        inFlight.push_back(std::move(doc));
-      } else {
-        if (doc.fd >= 0) close(doc.fd);
-        pusher.Done(doc.ok);
-      }
-    }
-  }
-}
-
 struct Plan {
   QmReferenceJob job;
   std::vector<Change> changes;
   bool sent = false;
 };
 
-class SoakLoadTest : public SoakDriverTest, public ::testing::WithParamInterface<Push> {
+// The OAP server delivers notices and answers on a connection per document:
+// connect, write, close, no waiting.
+class SoakLoadTest : public SoakDriverTest {
  protected:
   void SetUp() override {
     withLogger = false;  // the resident set then measures the driver's own state
@@ -91,25 +37,8 @@ class SoakLoadTest : public SoakDriverTest, public ::testing::WithParamInterface
       plans[i].job.JobId = "soak-" + std::to_string(i);
     }
     const int port = listenerPort;
-    switch (GetParam()) {
-      case Push::kShort:
-        pusher.emplace(kPushers, Pusher::Each([port](const std::string& document) {
-                         return PushShort(port, document);
-                       }));
-        break;
-      case Push::kLongLived:
-        pusher.emplace(kPushers, [port](Pusher& self) {
-          const int fd = ConnectLoopback(port);
-          for (std::string document; self.Take(document);) {
-            self.Done(fd >= 0 && WriteAll(fd, document));
-          }
-          if (fd >= 0) close(fd);
-        });
-        break;
-      case Push::kSplit:
-        pusher.emplace(kPushers, [port](Pusher& self) { PushInPieces(self, port); });
-        break;
-    }
+    pusher.emplace(kPushers,
+                   [port](const std::string& document) { return PushShort(port, document); });
   }
 
   void TearDown() override {
@@ -166,7 +95,7 @@ class SoakLoadTest : public SoakDriverTest, public ::testing::WithParamInterface
   std::optional<Pusher> pusher;
 };
 
-TEST_P(SoakLoadTest, EveryAnswerHandedBackOnce) {
+TEST_F(SoakLoadTest, EveryAnswerHandedBackOnce) {
   const Clock::time_point started = Clock::now();
   Run(0, kWarmUp);
   const long warmKiB = ResidentKiB();
@@ -211,13 +140,5 @@ TEST_P(SoakLoadTest, EveryAnswerHandedBackOnce) {
   RecordProperty("BytesPerMessage", static_cast<int>(perMessage));
   EXPECT_LE(perMessage, kAllowanceBytesPerMessage);
 }
-
-std::string PushName(const ::testing::TestParamInfo<Push>& info) {
-  const char* names[] = {"ShortConnections", "LongLivedConnections", "DocumentsInPieces"};
-  return names[static_cast<int>(info.param)];
-}
-
-INSTANTIATE_TEST_SUITE_P(Inbound, SoakLoadTest,
-                         ::testing::Values(Push::kShort, Push::kLongLived, Push::kSplit), PushName);
 
 }  // namespace

@@ -152,9 +152,8 @@ class RestartSoakTest : public ::testing::Test {
   // Pushes the planned documents from a few threads.
   std::unique_ptr<Pusher> StartPushing() {
     const int port = listenerPort;
-    auto pusher = std::make_unique<Pusher>(kPushers, Pusher::Each([port](const std::string& text) {
-                                             return SendInbound(port, text);
-                                           }));
+    auto pusher = std::make_unique<Pusher>(
+        kPushers, [port](const std::string& text) { return SendInbound(port, text); });
     for (const Document& document : documents) pusher->Add(document.text);
     return pusher;
   }
@@ -199,14 +198,6 @@ class RestartSoakTest : public ::testing::Test {
   int listenerPort = UnusedPort();
   std::vector<Document> documents;
 };
-
-TEST_F(RestartSoakTest, KilledAfterSendingEveryJobComesBack) {
-  const std::map<int, std::string> sent = SendThenKill(kMessages);
-  ASSERT_EQ(sent.size(), static_cast<size_t>(kMessages));
-  std::mt19937 rng(1);
-  Plan(sent, rng);
-  ExpectEveryJobBackOnce(sent);
-}
 
 // Killed at a random moment while sending, and the next host killed at a
 // random moment while it takes the answers: every job whose send returned

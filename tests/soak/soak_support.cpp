@@ -47,25 +47,29 @@ Backs ExpectedBacks(int index) {
   return {{Reports::DELIVERED, ""}, {ReactionTo(index).status, ReactionTo(index).text}};
 }
 
+Pusher::Pusher(int threads, const Push& push) {
+  for (int t = 0; t < threads; ++t) {
+    m_threads.emplace_back([this, push] {
+      std::unique_lock<std::mutex> lock(m_mutex);
+      for (;;) {
+        m_changed.wait(lock, [&] { return m_closing || !m_documents.empty(); });
+        if (m_documents.empty()) return;
+        const std::string document = std::move(m_documents.front());
+        m_documents.pop_front();
+        lock.unlock();
+        const bool written = push(document);
+        lock.lock();
+        ++m_pushed;
+        m_failures += written ? 0 : 1;
+        m_changed.notify_all();
+      }
+    });
+  }
+}
+
 void Pusher::Add(std::string document) {
   std::lock_guard<std::mutex> guard(m_mutex);
   m_documents.push_back(std::move(document));
-  m_changed.notify_all();
-}
-
-bool Pusher::Take(std::string& document, Clock::time_point until) {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  m_changed.wait_until(lock, until, [&] { return m_closing || !m_documents.empty(); });
-  if (m_documents.empty()) return false;
-  document = std::move(m_documents.front());
-  m_documents.pop_front();
-  return true;
-}
-
-void Pusher::Done(bool written) {
-  std::lock_guard<std::mutex> guard(m_mutex);
-  ++m_pushed;
-  m_failures += written ? 0 : 1;
   m_changed.notify_all();
 }
 
@@ -174,15 +178,7 @@ void LoopbackOapServer::ServeOne(int fd) {
   std::string answer = ResponseDoc(id, 1, 200);
   thread_local std::minstd_rand draws(std::random_device{}());
   const Mode mode = static_cast<int>(draws() % 100) < m_silentShare ? Mode::kSilent : m_mode.load();
-  if (mode == Mode::kSplit) {
-    WriteAll(fd, answer.substr(0, 60));
-    DrainUntilClosed(fd, deadline);
-    answer.erase(0, 60);
-  } else if (mode == Mode::kGarbage) {
-    answer = answer.substr(0, 80) + "\x01\x02<<&&>>";
-  } else if (mode == Mode::kOversized) {
-    answer.insert(answer.find("</Status>"), "<Text>" + std::string(70 * 1024, 'x') + "</Text>");
-  }
+  if (mode == Mode::kGarbage) answer = answer.substr(0, 80) + "\x01\x02<<&&>>";
   if (mode == Mode::kSilent) {
     DrainUntilClosed(fd, deadline);  // nothing until the driver gives up
   } else {

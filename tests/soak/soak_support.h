@@ -102,26 +102,14 @@ size_t DescriptorCount();
 long ResidentKiB();
 
 // The OAP server's pushes to the driver's listener, from a few threads
-// while the test goes on. Each thread runs `loop`, which takes documents
-// with Take and reports each one written (or not) with Done. Thread-safe.
+// while the test goes on: each thread writes the documents added, one after
+// another, with `push`. Thread-safe.
 class Pusher {
  public:
-  using Loop = std::function<void(Pusher&)>;
-  Pusher(int threads, const Loop& loop) {
-    for (int t = 0; t < threads; ++t) m_threads.emplace_back(loop, std::ref(*this));
-  }
+  using Push = std::function<bool(const std::string&)>;
+  Pusher(int threads, const Push& push);
   ~Pusher() { Stop(true); }
-  // A loop that writes each document with `push`.
-  static Loop Each(const std::function<bool(const std::string&)>& push) {
-    return [push](Pusher& pusher) {
-      for (std::string document; pusher.Take(document);) pusher.Done(push(document));
-    };
-  }
   void Add(std::string document);
-  // The next document; false when none came by `until`, or none is left
-  // after Stop.
-  bool Take(std::string& document, Clock::time_point until = Clock::time_point::max());
-  void Done(bool written);
   // Waits (at most `seconds`) until `count` documents were written; the
   // count written.
   size_t AwaitPushed(size_t count, int seconds);
@@ -148,11 +136,9 @@ class Pusher {
 class LoopbackOapServer {
  public:
   enum class Mode {
-    kAccept,     // class 1, code 200 under the request's id
-    kSilent,     // nothing until the driver gives up
-    kSplit,      // the first bytes of an acceptance; the rest once the driver closed
-    kGarbage,    // the opening of a response, then noise
-    kOversized,  // a valid acceptance padded past 64 KiB
+    kAccept,   // class 1, code 200 under the request's id
+    kSilent,   // nothing until the driver gives up
+    kGarbage,  // the opening of a response, then noise
   };
 
   explicit LoopbackOapServer(int threads = 1) : m_threadCount(threads) { Start(0); }
