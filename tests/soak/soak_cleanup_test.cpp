@@ -16,18 +16,17 @@ const int kHostThreads = 8;
 const int kPushers = 2;
 const bool kSanitized = kSoakScale > 1;
 const int kDefaultRounds = kSanitized ? 20 : 200;
-// Sanitizer builds run several times slower; their bounds only catch hangs.
-const auto kCleanupBound = std::chrono::seconds(kSanitized ? 10 : 3);
-// The exchange's 2 s for an answer, and a margin for a loaded machine.
-const auto kSendBound = std::chrono::seconds(kSanitized ? 10 : 3);
+// Bounds of Cleanup and of a send (the exchange's 2 s for an answer and a
+// margin for a loaded machine). Sanitizer builds run several times slower;
+// their bounds only catch hangs.
+const auto kBound = std::chrono::seconds(kSanitized ? 10 : 3);
 // A send in flight at Cleanup has its socket shut down: it does not wait out
 // the exchange's 2 s.
 const auto kPastCleanupBound = std::chrono::seconds(kSanitized ? 10 : 1);
 
-int Rounds() {
-  const char* rounds = std::getenv("QM_SOAK_ROUNDS");
-  return rounds != nullptr ? std::atoi(rounds) : kDefaultRounds;
-}
+const int kRounds = std::getenv("QM_SOAK_ROUNDS") != nullptr
+                        ? std::atoi(std::getenv("QM_SOAK_ROUNDS"))
+                        : kDefaultRounds;
 
 // What the host threads saw.
 struct Outcome {
@@ -48,7 +47,7 @@ TEST_F(CleanupSoakTest, CleanupAtRandomMomentsWhileTheHostSendsAndAnswersArrive)
   const size_t descriptorsBefore = DescriptorCount();
   Clock::duration longestCleanup{};
   Outcome all;  // of every round so far
-  for (int round = 0; round < Rounds() && !HasFailure(); ++round) {
+  for (int round = 0; round < kRounds && !HasFailure(); ++round) {
     SCOPED_TRACE("round " + std::to_string(round) + ", seed " + std::to_string(seed));
     SetupOnFreePort();
     server.SetSilentShare(static_cast<int>(rng() % 50));
@@ -64,7 +63,7 @@ TEST_F(CleanupSoakTest, CleanupAtRandomMomentsWhileTheHostSendsAndAnswersArrive)
     for (int t = 0; t < kHostThreads; ++t) {
       threads.emplace_back([&, t] {
         QmReferenceJob job;
-        Address(job, "90" + std::to_string(t), t % 2 ? "4.0" : "3.0", true);
+        Address(job, "90" + std::to_string(t), t % 2 ? "4.0" : "3.0");
         while (!stop) {
           const bool afterCleanup = cleanedUp;
           job.SetErrorText("");
@@ -103,7 +102,7 @@ TEST_F(CleanupSoakTest, CleanupAtRandomMomentsWhileTheHostSendsAndAnswersArrive)
     EXPECT_TRUE(driver->Cleanup());
     const Clock::duration took = Clock::now() - start;
     longestCleanup = std::max(longestCleanup, took);
-    EXPECT_LT(took, kCleanupBound);
+    EXPECT_LT(took, kBound);
     cleanupEnd = Clock::now();
     cleanedUp = true;
     // Every host thread tries again after Cleanup before the round ends.
@@ -112,7 +111,7 @@ TEST_F(CleanupSoakTest, CleanupAtRandomMomentsWhileTheHostSendsAndAnswersArrive)
     pusher.Stop(true);
     for (std::thread& thread : threads) thread.join();
 
-    EXPECT_LT(all.longestSend, kSendBound);
+    EXPECT_LT(all.longestSend, kBound);
     EXPECT_LT(all.longestPastCleanup, kPastCleanupBound);
     EXPECT_GE(all.refusedAfterCleanup - refusedBefore, static_cast<size_t>(kHostThreads));
     EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= threadsBefore; }, 10));
@@ -121,7 +120,7 @@ TEST_F(CleanupSoakTest, CleanupAtRandomMomentsWhileTheHostSendsAndAnswersArrive)
   auto ms = [](Clock::duration d) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(d).count();
   };
-  std::cout << "[ soak ] " << Rounds() << " rounds of Cleanup under load: longest Cleanup "
+  std::cout << "[ soak ] " << kRounds << " rounds of Cleanup under load: longest Cleanup "
             << ms(longestCleanup) << " ms, longest send " << ms(all.longestSend)
             << " ms, longest send past Cleanup " << ms(all.longestPastCleanup) << " ms; "
             << all.sent << " sends accepted, " << all.failed << " failed ("

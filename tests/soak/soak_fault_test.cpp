@@ -7,15 +7,11 @@ namespace {
 using Level = QmLogInterface::LogLevel;
 using Mode = LoopbackOapServer::Mode;
 
-std::string YesFor(const QmReferenceJob& job) {
-  return AnswerDoc(Hex(job.GetTrackingReceipt()), job.OapVersion, false, "N:Yes");
-}
-
 class SoakFaultTest : public SoakDriverTest {
  protected:
   // An interactive message offering "Yes"; true when the server took it.
   bool Send(QmReferenceJob& job, Status& status) {
-    Address(job, "4711", "3.0", true);
+    Address(job, "4711", "3.0");
     status = Reports::NO_STATUS;
     return driver->SendAMessage(&job, status);
   }
@@ -32,30 +28,21 @@ class SoakFaultTest : public SoakDriverTest {
   std::deque<QmReferenceJob> jobs;
 };
 
-// The OAP server refuses the connection, stays silent or answers garbage:
-// the send fails with its error, and the driver goes on as before.
+// The OAP server stays silent (the driver gives up after its read time) or
+// answers garbage: the send fails with "Dispatch Failure", and the driver
+// goes on as before. (A refused connection is the send tests'.)
 TEST_F(SoakFaultTest, ServerFaultsFailTheSendAndTheDriverRecovers) {
-  const struct {
-    Mode mode;
-    bool listening;
-    const char* error;
-  } faults[] = {{Mode::kAccept, false, "Socket Connecting Failed"},
-                {Mode::kSilent, true, "Dispatch Failure"},
-                {Mode::kGarbage, true, "Dispatch Failure"}};
-  const int port = server.Port();
   QmReferenceJob& before = Sent();
-  for (const auto& fault : faults) {
-    if (!fault.listening) server.Stop();
-    server.SetMode(fault.mode);
+  for (const Mode fault : {Mode::kSilent, Mode::kGarbage}) {
+    server.SetMode(fault);
     QmReferenceJob job;
     Status status;
     EXPECT_FALSE(Send(job, status));
-    EXPECT_EQ(status, Reports::SENDING) << static_cast<int>(fault.mode);
-    EXPECT_EQ(job.GetErrorText(), fault.error) << static_cast<int>(fault.mode);
+    EXPECT_EQ(status, Reports::SENDING) << static_cast<int>(fault);
+    EXPECT_EQ(job.GetErrorText(), "Dispatch Failure") << static_cast<int>(fault);
     EXPECT_EQ(job.GetTrackingReceipt(), "");
-    server.SetMode(Mode::kAccept);
-    ASSERT_TRUE(server.Start(port));
   }
+  server.SetMode(Mode::kAccept);
   // A message sent before the faults still takes its answer after them.
   ExpectOneYes(before);
   ExpectOneYes(Sent());
@@ -64,10 +51,17 @@ TEST_F(SoakFaultTest, ServerFaultsFailTheSendAndTheDriverRecovers) {
 // Idle connections cannot switch the listener off: a thousand are held open
 // while a thousand answers arrive on other connections (connect, write,
 // close), with one answer to a tracking number nobody sent. The oldest idle
-// ones are closed to make room; every answer is handed back once.
+// ones are closed to make room; every answer is handed back once. The host
+// had two thousand descriptors open before Setup, so every socket of the
+// driver lies past the 1024 that select could watch.
 TEST_F(SoakFaultTest, IdleConnectionsNeverShutTheListener) {
   const int count = 1000 / kSoakScale;
-  ASSERT_TRUE(RaiseDescriptorLimit(2 * count + 1024));
+  ASSERT_TRUE(RaiseDescriptorLimit(2 * count + 3072));
+  driver->Cleanup();
+  std::vector<int> held;
+  for (int i = 0; i < 2000; ++i) held.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  ASSERT_GE(held.back(), 2000);
+  SetupOnFreePort();
   for (int i = 0; i < count; ++i) Sent();
   std::vector<int> idle;
   std::thread holder([&] {
@@ -78,7 +72,9 @@ TEST_F(SoakFaultTest, IdleConnectionsNeverShutTheListener) {
   for (int t = 0; t < 4; ++t) {
     handsets.emplace_back([&, t] {
       for (int i = t; i < count; i += 4) {
-        EXPECT_TRUE(PushTaken(listenerPort, YesFor(jobs[i]), resent));
+        EXPECT_TRUE(PushTaken(listenerPort,
+                              AnswerDoc(Hex(jobs[i].GetTrackingReceipt()), "3.0", false, "N:Yes"),
+                              resent));
       }
     });
   }
@@ -96,18 +92,6 @@ TEST_F(SoakFaultTest, IdleConnectionsNeverShutTheListener) {
   EXPECT_EQ(logger.Count(Level::LEVEL_WARN, unknown), 1u);
   EXPECT_EQ(logger.Count(Level::LEVEL_ERROR, ""), 0u);
   for (int fd : idle) EXPECT_EQ(close(fd), 0);
-}
-
-// A host that has many descriptors open before Setup (past the 1024 that
-// select could watch) sends and takes answers as any other.
-TEST_F(SoakFaultTest, HostWithTwoThousandDescriptorsSendsAndReceives) {
-  ASSERT_TRUE(RaiseDescriptorLimit(4096));
-  driver->Cleanup();
-  std::vector<int> held;
-  for (int i = 0; i < 2000; ++i) held.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  ASSERT_GE(held.back(), 2000);
-  SetupOnFreePort();
-  ExpectOneYes(Sent());
   for (int fd : held) close(fd);
 }
 

@@ -13,7 +13,7 @@ const int kPoolRounds = kSoakScale == 1 ? 1000 : 200;
 // What the work items of all rounds share. Outlives every item, including
 // those left running after their pool has gone.
 struct Workshop {
-  std::FILE* sink = nullptr;
+  std::FILE* sink = std::fopen("/dev/null", "w");
   std::atomic<int> live{0}, started{0};
 };
 
@@ -53,7 +53,6 @@ TEST(PoolStopTest, StoppedOverAndOverWhileWorkersAllocateAndPrint) {
   const int stopBoundMs = 100;
   RecordingLogger reports;
   Workshop shop;
-  shop.sink = std::fopen("/dev/null", "w");
   ASSERT_NE(shop.sink, nullptr);
   std::thread([] {}).join();  // a sanitizer's own thread starts with the first thread
   const size_t threadsBefore = ThreadCount();

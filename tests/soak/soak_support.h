@@ -83,9 +83,6 @@ bool WaitUntil(Condition condition, int seconds) {
 int ConnectLoopback(int port);
 // Writes all of `text`; false when the connection failed.
 bool WriteAll(int fd, const std::string& text);
-// An OAP server's short connection: connect, write the document, close,
-// without waiting for the driver.
-bool PushShort(int port, const std::string& document);
 // An OAP server that makes sure the driver took the document: connect, write,
 // half-close, wait (bounded) for the driver's close. A connection the driver
 // closed before it read anything (to make room, while this sender stalled
@@ -141,11 +138,9 @@ class LoopbackOapServer {
     kGarbage,  // the opening of a response, then noise
   };
 
-  explicit LoopbackOapServer(int threads = 1) : m_threadCount(threads) { Start(0); }
+  // Listens on a free port.
+  explicit LoopbackOapServer(int threads = 1);
   ~LoopbackOapServer() { Stop(); }
-  // Listens on the port (0: any free one); false when it cannot.
-  bool Start(int port);
-  // Connections are refused until the next Start.
   void Stop();
   int Port() const { return m_port; }
   void SetMode(Mode mode) { m_mode = mode; }
@@ -175,7 +170,6 @@ class LoopbackOapServer {
   std::atomic<Mode> m_mode{Mode::kAccept};
   std::atomic<bool> m_counting{true};
   std::atomic<int> m_silentShare{0};
-  const int m_threadCount;
   std::mutex m_mutex;
   std::map<std::string, size_t> m_messages;
   size_t m_requests = 0;
@@ -192,9 +186,8 @@ class SoakDriverTest : public DriverTest {
   void SetUp() override;
   void TearDown() override;
   // Addresses the job to the server's handset `handset`, interactive with
-  // the choices "Yes" (kind 0), "Stop" (2) and "Escalate" (3), or plain.
-  void Address(QmReferenceJob& job, const std::string& handset, const std::string& version,
-               bool interactive);
+  // the choices "Yes" (kind 0), "Stop" (2) and "Escalate" (3).
+  void Address(QmReferenceJob& job, const std::string& handset, const std::string& version);
   // The handset answers "Yes" to the sent job on a connection of its own
   // (unless that was done already); exactly that answer is handed back on
   // the host's queries.
