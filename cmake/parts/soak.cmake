@@ -24,7 +24,7 @@ if(QM_BUILD_TESTS AND TARGET qmoapdriver AND TARGET qm_refhost AND TARGET qm_cor
 
   qm_soak_test(soak_load_tests 420 ${QM_SOAK_DIR}/soak_load_test.cpp)
   qm_soak_test(soak_fault_tests 90 ${QM_SOAK_DIR}/soak_fault_test.cpp)
-  # Thread pools stopped while busy, and a host taking SIGTERM.
+  # Thread pools stopped while busy.
   qm_soak_test(soak_stop_tests 300 ${QM_SOAK_DIR}/soak_stop_test.cpp)
   target_link_libraries(soak_stop_tests PRIVATE qm_net qm_log qm_ini_codec)
   target_include_directories(soak_stop_tests PRIVATE
@@ -51,9 +51,9 @@ if(QM_BUILD_TESTS AND TARGET qmoapdriver AND TARGET qm_refhost AND TARGET qm_cor
 endif()
 
 # The logging cases need only the runtime: threads and processes sharing one
-# SQLite log or one rotating file, storage faults, a stuck worker at Stop and
-# the XML parser on a very wide element. In a sanitizer build they run a few
-# times each with the regular suite, so CI checks them under the sanitizers.
+# SQLite log or one rotating file, a writer killed mid-run and a stuck worker
+# at Stop. In a sanitizer build they run a few times each with the regular
+# suite, so CI checks them under the sanitizers.
 if(QM_BUILD_TESTS AND TARGET qm_log AND TARGET qm_xml)
   add_executable(soak_log_tests tests/soak/soak_log_test.cpp)
   target_include_directories(soak_log_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/runtime/tests)

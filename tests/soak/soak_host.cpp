@@ -28,7 +28,6 @@
 #include "QmDriverLoader.h"
 #include "QmReferenceJob.h"
 #include "QmReferenceReportsManager.h"
-#include "QmconCriticalSection.h"
 
 namespace {
 
@@ -46,55 +45,41 @@ void Address(QmReferenceJob& job, int index, int serverPort) {
   job.ResponseChoices = {{0, "Yes", "", 0, 0}, {0, "Stop", "", 0, 2}, {0, "Escalate", "", 0, 3}};
 }
 
-class Host {
- public:
+// The plug-in loaded as a host loads it. Not thread-safe.
+struct Host {
   bool Start(const char* plugin, const char* store, const char* port) {
-    if (!m_loader.Load(plugin) || (m_driver = m_loader.GetDriverInstance()) == nullptr) {
+    if (!loader.Load(plugin) || (driver = loader.GetDriverInstance()) == nullptr) {
       return false;
     }
-    m_driver->ReportsManager = &m_reports;
-    m_driver->MessageQueue = &m_queue;
+    driver->ReportsManager = &reports;
+    driver->MessageQueue = &queue;
     std::map<std::string, std::string> settings{{"MessageStore", store}};
     QmMessengerInstConfBasic conf;
     std::snprintf(conf.ListenerPort, sizeof conf.ListenerPort, "%s", port);
     std::snprintf(conf.ListenerAddress, sizeof conf.ListenerAddress, "127.0.0.1");
-    return m_driver->Configure(settings) && m_driver->Setup(&conf);
+    return driver->Configure(settings) && driver->Setup(&conf);
   }
   ~Host() {
-    if (m_driver == nullptr) return;
-    m_driver->Cleanup();
-    m_loader.ReleaseDriverInstance(m_driver);
-  }
-
-  void Send(int serverPort, int count) {
-    for (int i = 0; i < count; ++i) {
-      QmReferenceJob job;
-      Address(job, i, serverPort);
-      QmProtocolDriverInterface::ReportsStatus status;
-      if (m_driver->SendAMessage(&job, status))
-        std::printf("sent %d %s\n", i, job.GetTrackingReceipt().c_str());
-    }
-    std::printf("done\n");
+    if (driver == nullptr) return;
+    driver->Cleanup();
+    loader.ReleaseDriverInstance(driver);
   }
 
   // Queries every job until each was handed back twice, then once more.
   void Collect(std::map<int, std::unique_ptr<QmReferenceJob>>& jobs) {
-    std::map<QmMessageFile*, int> index, backs;
-    for (auto& entry : jobs) index[entry.second.get()] = entry.first;
+    std::map<int, int> backs;
     size_t complete = 0;
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
     for (bool last = false; !last;) {
       last = complete == jobs.size() || Clock::now() >= deadline;
-      for (auto& entry : jobs) {
-        if (!last && backs[entry.second.get()] >= 2) continue;
-        QmProtocolDriverInterface::ReportsStatus status = entry.second->Status;
-        m_driver->Send2WayRespQuery(entry.second.get(), status);
-      }
-      for (QmMessageFile* file : TakeQueue()) {
-        for (const auto& change : static_cast<QmReferenceJob*>(file)->TakeStatusChanges()) {
-          std::printf("back %d %d %s\n", index[file], static_cast<int>(change.status),
+      for (auto& [index, job] : jobs) {
+        if (!last && backs[index] >= 2) continue;
+        QmProtocolDriverInterface::ReportsStatus status = job->Status;
+        driver->Send2WayRespQuery(job.get(), status);
+        for (const auto& change : job->TakeStatusChanges()) {
+          std::printf("back %d %d %s\n", index, static_cast<int>(change.status),
                       change.text.c_str());
-          if (++backs[file] == 2) ++complete;
+          if (++backs[index] == 2) ++complete;
         }
       }
       if (!last) std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -102,18 +87,10 @@ class Host {
     std::printf("finished\n");
   }
 
- private:
-  std::vector<QmMessageFile*> TakeQueue() {
-    QmconCriticalSection guard(m_queue.Lock.GetLockObj(), true, true, false);
-    std::vector<QmMessageFile*> jobs(m_queue.Jobs.begin(), m_queue.Jobs.end());
-    m_queue.Jobs.clear();
-    return jobs;
-  }
-
-  QmDriverLoader m_loader;
-  QmProtocolDriverInterface* m_driver = nullptr;
-  QmMessageQueue m_queue;
-  QmReferenceReportsManager m_reports;
+  QmDriverLoader loader;
+  QmProtocolDriverInterface* driver = nullptr;
+  QmMessageQueue queue;
+  QmReferenceReportsManager reports;
 };
 
 }  // namespace
@@ -125,7 +102,14 @@ int main(int argc, char** argv) {
   Host host;
   if (!host.Start(argv[1], argv[2], argv[3])) return 2;
   if (mode == "send" && argc == 7) {
-    host.Send(std::atoi(argv[5]), std::atoi(argv[6]));
+    for (int i = 0; i < std::atoi(argv[6]); ++i) {
+      QmReferenceJob job;
+      Address(job, i, std::atoi(argv[5]));
+      QmProtocolDriverInterface::ReportsStatus status;
+      if (host.driver->SendAMessage(&job, status))
+        std::printf("sent %d %s\n", i, job.GetTrackingReceipt().c_str());
+    }
+    std::printf("done\n");
   } else if (mode == "collect") {
     std::map<int, std::unique_ptr<QmReferenceJob>> jobs;
     std::string line;

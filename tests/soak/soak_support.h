@@ -83,9 +83,6 @@ bool WaitUntil(Condition condition, int seconds) {
 int ConnectLoopback(int port);
 // Writes all of `text`; false when the connection failed.
 bool WriteAll(int fd, const std::string& text);
-// An OAP server's short connection: connect, write the document, close,
-// without waiting for the driver.
-bool PushShort(int port, const std::string& document);
 // An OAP server that makes sure the driver took the document: connect, write,
 // half-close, wait (bounded) for the driver's close. A connection the driver
 // closed before it read anything (to make room, while this sender stalled
@@ -102,26 +99,14 @@ size_t DescriptorCount();
 long ResidentKiB();
 
 // The OAP server's pushes to the driver's listener, from a few threads
-// while the test goes on. Each thread runs `loop`, which takes documents
-// with Take and reports each one written (or not) with Done. Thread-safe.
+// while the test goes on: each thread writes the documents added, one after
+// another, with `push`. Thread-safe.
 class Pusher {
  public:
-  using Loop = std::function<void(Pusher&)>;
-  Pusher(int threads, const Loop& loop) {
-    for (int t = 0; t < threads; ++t) m_threads.emplace_back(loop, std::ref(*this));
-  }
+  using Push = std::function<bool(const std::string&)>;
+  Pusher(int threads, const Push& push);
   ~Pusher() { Stop(true); }
-  // A loop that writes each document with `push`.
-  static Loop Each(const std::function<bool(const std::string&)>& push) {
-    return [push](Pusher& pusher) {
-      for (std::string document; pusher.Take(document);) pusher.Done(push(document));
-    };
-  }
   void Add(std::string document);
-  // The next document; false when none came by `until`, or none is left
-  // after Stop.
-  bool Take(std::string& document, Clock::time_point until = Clock::time_point::max());
-  void Done(bool written);
   // Waits (at most `seconds`) until `count` documents were written; the
   // count written.
   size_t AwaitPushed(size_t count, int seconds);
@@ -148,18 +133,14 @@ class Pusher {
 class LoopbackOapServer {
  public:
   enum class Mode {
-    kAccept,     // class 1, code 200 under the request's id
-    kSilent,     // nothing until the driver gives up
-    kSplit,      // the first bytes of an acceptance; the rest once the driver closed
-    kGarbage,    // the opening of a response, then noise
-    kOversized,  // a valid acceptance padded past 64 KiB
+    kAccept,   // class 1, code 200 under the request's id
+    kSilent,   // nothing until the driver gives up
+    kGarbage,  // the opening of a response, then noise
   };
 
-  explicit LoopbackOapServer(int threads = 1) : m_threadCount(threads) { Start(0); }
+  // Listens on a free port.
+  explicit LoopbackOapServer(int threads = 1);
   ~LoopbackOapServer() { Stop(); }
-  // Listens on the port (0: any free one); false when it cannot.
-  bool Start(int port);
-  // Connections are refused until the next Start.
   void Stop();
   int Port() const { return m_port; }
   void SetMode(Mode mode) { m_mode = mode; }
@@ -189,7 +170,6 @@ class LoopbackOapServer {
   std::atomic<Mode> m_mode{Mode::kAccept};
   std::atomic<bool> m_counting{true};
   std::atomic<int> m_silentShare{0};
-  const int m_threadCount;
   std::mutex m_mutex;
   std::map<std::string, size_t> m_messages;
   size_t m_requests = 0;
@@ -206,9 +186,8 @@ class SoakDriverTest : public DriverTest {
   void SetUp() override;
   void TearDown() override;
   // Addresses the job to the server's handset `handset`, interactive with
-  // the choices "Yes" (kind 0), "Stop" (2) and "Escalate" (3), or plain.
-  void Address(QmReferenceJob& job, const std::string& handset, const std::string& version,
-               bool interactive);
+  // the choices "Yes" (kind 0), "Stop" (2) and "Escalate" (3).
+  void Address(QmReferenceJob& job, const std::string& handset, const std::string& version);
   // The handset answers "Yes" to the sent job on a connection of its own
   // (unless that was done already); exactly that answer is handed back on
   // the host's queries.
