@@ -115,28 +115,15 @@ TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
       {deep, "nested more than"},
       {kInteractive40.substr(kInteractive40.find('\n') + 1), "no XML declaration"},
       {Replace(In30("ISO-8859-1", "UTF-8"), "\xe9", "e"), "expected ISO-8859-1"},
-      {Replace(Wipe40("<OAP-request ", "<oap-request "), "</OAP-request>", "</oap-request>"),
-       "not OAP-request"},
       {In30("id=\"1a\"", "id=\"1A\""), "not lower-case hexadecimal"},
-      {In30("id=\"1a\"", "id=\"001a\""), "leading zeros"},
-      {In30("id=\"1a\"", "id=\"100000000\""), "32 bits"},
       {In30("<IP>127.0.0.1</IP>", ""), "has no IP"},
-      {In30("<Port>7001</Port>", "<Port>0</Port>"), "Header Port"},
       {In30("interactiveMessage", "OA-XML"), "expected message or interactiveMessage"},
-      {In30("interactiveMessage", "message"), "must have service interactiveMessage"},
       {In30("<Option id=\"2\">", "<Option id=\"3\">"), "option 2 has id '3'"},
       {In30("</DataResp>", "</DataResp><UserResponse>x</UserResponse>"),
        "exactly one of DataResp and UserResponse"},
-      {In30("<Priority>6</Priority>", "<Update>Always</Update>"), "expected OnlyExisting"},
       {Wipe40("<Id>1a0001</Id>", ""), "update without envelope Id"},
-      {In40("</Interactive_Message>", "</Interactive_Message><Message/>"),
-       "exactly one of Message and Interactive_Message"},
       {In40("<Sticky_mode>mode1</Sticky_mode>", "<Option/>"), "empty Option outside an update"},
-      {In40("</Interactive_Message>", "<Update/><Option/></Interactive_Message>"),
-       "wipes the options but also lists some"},
       {In40("<Function_key_ID>C<", "<Function_key_ID>c<"), "function key 'c'"},
-      {In40("<Close_message/>", "<Close_message/><Data_response>x</Data_response>"),
-       "exactly one of Data_response, User_response and Close_message"},
   };
   for (const auto& [text, error] : cases) {
     SCOPED_TRACE(error);
@@ -188,15 +175,6 @@ TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
             "");
   sim.Send("answer 0x1a0001 1\n");
   EXPECT_NE(sim.WaitFor("the options of 0x1a0001 were wiped"), "");
-  // A plain message whose envelope Id is not its request id.
-  const std::string plain40 =
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"20000\">\n"
-      "<Header>\n<Port>7002</Port>\n<To>9</To>\n</Header>\n<Body service=\"OA-XML\">\n"
-      "<service version=\"1.0\">\n<Id>7</Id>\n<Message>\n<Body>Hi</Body>\n<Indication/>\n"
-      "</Message>\n</service>\n</Body>\n</OAP-request>";
-  ASSERT_THAT(Exchange(port, plain40), HasSubstr("<Code>200</Code>"));
-  EXPECT_NE(sim.WaitFor("warning: envelope Id 7 differs from request id 20000"), "");
-  EXPECT_EQ(sim.WaitFor("0x7"), "[sim] 4.0 message 0x7 to 9: text 'Hi'");
 
   // UTF-8 in a 3.0 document is taken but called out.
   EXPECT_THAT(Exchange(port, WithPort(Replace(kInteractive30, "\xe9", "\xc3\xa9"), driver.Port())),
@@ -226,9 +204,6 @@ TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
   sim.Send("list\n");
   EXPECT_NE(sim.WaitFor("(options wiped) (updated 1x) (answered 'Caf\xc3\xa9 & <b> \xe2\x82\xac')"),
             "");
-  // The driver may start again from the same tracking numbers.
-  ASSERT_THAT(Exchange(port, kInteractive30), HasSubstr("<Code>200</Code>"));
-  EXPECT_NE(sim.WaitFor("tracking number 0x1a reused for a new message"), "");
   sim.Send("quit\n");
   EXPECT_EQ(sim.Finish(), 0);
 }
