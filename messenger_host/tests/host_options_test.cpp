@@ -67,7 +67,6 @@ TEST(HostOptions, FullCommandLineAndPresentationOptions) {
 TEST(HostOptions, BadCommandLinesAreNamed) {
   const std::vector<std::pair<std::string, std::string>> cases{
       {kJob, "missing --plugin"},
-      {kBase, "no job given (use --job ID ...)"},
       {kBase + "--job a --server h:1", "job a needs --handset"},
       {kBase + "--job a --handset 1", "job a needs --server"},
       {kBase + "--job", "option '--job' needs a value"},
@@ -87,9 +86,7 @@ TEST(HostOptions, BadCommandLinesAreNamed) {
       {kBase + kJob + "--choice Yes:x", "invalid choice kind in --choice 'Yes:x'"},
       {kBase + kJob + "--choice :1", "empty choice text in --choice ':1'"},
       {kBase + kJob + "--expect SENT,LOST", "unknown status 'LOST' in --expect"},
-      {kBase + kJob + "--expect sent", "unknown status 'sent' in --expect"},
       {kBase + kJob + "--expect 7", "unknown status '7' in --expect"},
-      {kBase + kJob + "--ttl-minutes -1", "invalid number for --ttl-minutes: '-1'"},
   };
   for (const auto& c : cases) {
     QmHostOptions options;

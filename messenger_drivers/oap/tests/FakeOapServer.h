@@ -21,13 +21,11 @@
 // responder returns. Every wait is bounded by five seconds.
 class FakeOapServer {
  public:
-  // `text`, then after a pause `rest` if any; nothing when both are empty.
-  // The server closes its side after answering, unless it stays silent until
-  // the client gives up.
+  // `text` (nothing when empty). The server closes its side after answering,
+  // unless it stays silent until the client gives up.
   struct Reply {
-    Reply(std::string t = "", std::string r = "", bool s = false)
-        : text(std::move(t)), rest(std::move(r)), silent(s) {}
-    std::string text, rest;
+    Reply(std::string t = "", bool s = false) : text(std::move(t)), silent(s) {}
+    std::string text;
     bool silent;
   };
   using Responder = std::function<std::string(const std::string& request)>;
@@ -108,10 +106,6 @@ class FakeOapServer {
     }
     if (responder) reply.text = responder(request);
     send(fd, reply.text.data(), reply.text.size(), MSG_NOSIGNAL);
-    if (!reply.rest.empty()) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(300));
-      send(fd, reply.rest.data(), reply.rest.size(), MSG_NOSIGNAL);
-    }
     // Let the client close first, so that it always sees the whole answer.
     if (!reply.silent) shutdown(fd, SHUT_WR);
     while (WaitReadable(fd, deadline) && recv(fd, buffer, sizeof buffer, 0) > 0) continue;
