@@ -112,7 +112,7 @@ TEST(DriverBase, HandBacksAndJobTextsFromManyThreads) {
   std::atomic<int> running{threads};
   std::vector<std::thread> workers;
   for (QmReferenceJob& job : jobs) {
-    workers.emplace_back([&] {
+    workers.emplace_back([&driver, &job, &running] {
       for (int i = 0; i < each; ++i) {
         job.SetStatusText(std::to_string(i));
         job.IsNewResponse(std::to_string(i));

@@ -135,7 +135,6 @@ TEST(ModelBody, GoldenSerialisations) {
 TEST(ModelBlock, RequestDocumentsEnvelopesAndRootNames) {
   std::unique_ptr<OAPBlock> block(OAPBlockFactory::GetBlock("OAP-request"));
   ASSERT_TRUE(block);
-  EXPECT_EQ(block->GetType(), OAPBlock::Request);
   block->version = "3.0";
   block->encoding = "ISO-8859-1";
   block->id = 255;
