@@ -57,7 +57,7 @@ TEST(Qmhost, ExitCodesAndMessagesNameWhatWentWrong) {
 }
 
 TEST(Qmhost, PlainAndInteractiveJobsRunToTheirExpectedStatuses) {
-  FakeOapServer server(AcceptAll);
+  FakeOapServer server;
   const int listenPort = UnusedPort();
   Qmhost host("--listen-port " + std::to_string(listenPort) +
               " --poll-ms 20 --duration-ms 20000 --until-expected " + Job("plain", server.Port()) +
@@ -82,7 +82,7 @@ TEST(Qmhost, PlainAndInteractiveJobsRunToTheirExpectedStatuses) {
 // A stop signal in the query cycle: the driver is cleaned up, the summary
 // printed, and the run reported incomplete.
 TEST(Qmhost, StopSignalEndsTheRunWithItsSummary) {
-  FakeOapServer server(AcceptAll);
+  FakeOapServer server;
   for (int signal : {SIGTERM, SIGINT}) {
     Qmhost host("--listen-port " + std::to_string(UnusedPort()) + " --duration-ms 60000 " +
                 Job("ask", server.Port()) + " --interactive --choice Yes --expect 3,4");

@@ -60,7 +60,7 @@ class SendTest : public DriverTest {
     return DrainQueue();
   }
 
-  FakeOapServer server{AcceptAll};
+  FakeOapServer server;
   Status status = Reports::NO_STATUS;
   size_t delivered = 0;
 };

@@ -170,8 +170,8 @@ TEST_F(EngineClientTest, WipeOptionsSendsAVersion4UpdateOfTheShownMessage) {
   // The shown message keeps its state.
   EXPECT_EQ(client->GetStatus(address, 0x30000), 1);
 
-  // A failing update is logged, not raised (the server hangs up unanswered
-  // once its script is used up).
+  // A failing update is logged, not raised (the server hangs up unanswered).
+  server.Queue({});
   auto other = std::make_shared<OAPClient>(0, "127.0.0.1");
   ASSERT_TRUE(other->Initialize(&logger, ""));
   other->WipeOptions(0x30000);
