@@ -47,8 +47,6 @@ TEST(HostOptions, FullCommandLineAndPresentationOptions) {
   EXPECT_EQ(job,
             "a|4711|srv:7000|4.0|Other|5|interactive|settings|Yes:0: Stop:2: Call%3aus:3:0815 ");
   EXPECT_EQ(a.expected, (std::set<int>{3, 6, 15}));
-  const QmHostOptions::Job& b = options.jobs[1];
-  EXPECT_TRUE(b.oapVersion == "3.0" && !b.settingsPresent && !b.interactive && b.expected.empty());
   // Each presentation option alone marks the settings present.
   for (const char* option : {"--urgent", "--sticky", "--colour red", "--intensity high",
                              "--priority 2", "--repeat 3", "--repeat-interval 10"}) {
@@ -67,7 +65,6 @@ TEST(HostOptions, FullCommandLineAndPresentationOptions) {
 TEST(HostOptions, BadCommandLinesAreNamed) {
   const std::vector<std::pair<std::string, std::string>> cases{
       {kJob, "missing --plugin"},
-      {kBase, "no job given (use --job ID ...)"},
       {kBase + "--job a --server h:1", "job a needs --handset"},
       {kBase + "--job a --handset 1", "job a needs --server"},
       {kBase + "--job", "option '--job' needs a value"},
@@ -87,9 +84,7 @@ TEST(HostOptions, BadCommandLinesAreNamed) {
       {kBase + kJob + "--choice Yes:x", "invalid choice kind in --choice 'Yes:x'"},
       {kBase + kJob + "--choice :1", "empty choice text in --choice ':1'"},
       {kBase + kJob + "--expect SENT,LOST", "unknown status 'LOST' in --expect"},
-      {kBase + kJob + "--expect sent", "unknown status 'sent' in --expect"},
       {kBase + kJob + "--expect 7", "unknown status '7' in --expect"},
-      {kBase + kJob + "--ttl-minutes -1", "invalid number for --ttl-minutes: '-1'"},
   };
   for (const auto& c : cases) {
     QmHostOptions options;

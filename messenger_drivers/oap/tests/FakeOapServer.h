@@ -6,7 +6,6 @@
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
-#include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -14,25 +13,50 @@
 
 #include "inbound_sender.h"  // also the socket headers
 
+// Documents as the server writes them, spelled out literally.
+inline std::string Response3(const std::string& hexId, const std::string& status) {
+  return "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<OAP-response version=\"3.0\" id=\"" +
+         hexId + "\"><Status service=\"message\">" + status + "</Status></OAP-response>";
+}
+inline std::string ResponseDoc(const std::string& hexId, int type, int code) {
+  return Response3(
+      hexId, "<Type>" + std::to_string(type) + "</Type><Code>" + std::to_string(code) + "</Code>");
+}
+// A version 3.0 answer from a handset: `element` is <DataResp> or <UserResponse>.
+inline std::string OptionAnswer(const std::string& hexId, const std::string& element) {
+  return Response3(hexId, "<Type>5</Type><Code>200</Code><TypeSpecific><From>1234</From>" +
+                              element + "</TypeSpecific>");
+}
+// A version 4.0 inbound answer: `element` is <Data_response> or <User_response>.
+inline std::string Answer4(const std::string& hexId, const std::string& element) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"1\">"
+         "<Header/><Body service=\"OA-XML\"><service version=\"1.0\"><Id>" +
+         hexId + "</Id><Interactive_Message_Response>" + element +
+         "</Interactive_Message_Response></service></Body></OAP-request>";
+}
+// The id attribute of a request's start tag (lower-case hexadecimal).
+inline std::string RequestId(const std::string& request) {
+  size_t start = request.find("id=\"", request.find("<OAP-request"));
+  if (start == std::string::npos) return "";
+  start += 4;
+  return request.substr(start, request.find('"', start) - start);
+}
+
 // A small OAP server for tests on 127.0.0.1 (ephemeral port), written on raw
 // sockets and independent of the model classes. Each connection is served on
 // a thread of its own: the server reads one request (up to its closing tag),
-// records it and answers with the next scripted reply, else with what the
-// responder returns. Every wait is bounded by five seconds.
+// records it and answers with the next scripted reply, else accepts it
+// (class 1, code 200, the request's id). Every wait is bounded by five seconds.
 class FakeOapServer {
  public:
-  // `text`, then after a pause `rest` if any; nothing when both are empty.
-  // The server closes its side after answering, unless it stays silent until
-  // the client gives up.
+  // `text` (nothing when empty). The server closes its side after answering,
+  // unless it stays silent until the client gives up.
   struct Reply {
-    Reply(std::string t = "", std::string r = "", bool s = false)
-        : text(std::move(t)), rest(std::move(r)), silent(s) {}
-    std::string text, rest;
+    Reply(std::string t = "", bool s = false) : text(std::move(t)), silent(s) {}
+    std::string text;
     bool silent;
   };
-  using Responder = std::function<std::string(const std::string& request)>;
-
-  explicit FakeOapServer(Responder responder = nullptr) : m_responder(std::move(responder)) {
+  FakeOapServer() {
     m_listenFd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address = Loopback(0);
     socklen_t length = sizeof address;
@@ -93,32 +117,23 @@ class FakeOapServer {
     while (request.find("</OAP-request>") == std::string::npos && WaitReadable(fd, deadline) &&
            (n = recv(fd, buffer, sizeof buffer, 0)) > 0)
       request.append(buffer, static_cast<size_t>(n));
-    Reply reply;
-    Responder responder;  // called unlocked: it may wait on the client
+    Reply reply(ResponseDoc(RequestId(request), 1, 200));
     {
       std::lock_guard<std::mutex> guard(m_mutex);
       m_requests.push_back(request);
       m_changed.notify_all();
-      if (m_script.empty()) {
-        responder = m_responder;
-      } else {
+      if (!m_script.empty()) {
         reply = m_script.front();
         m_script.pop_front();
       }
     }
-    if (responder) reply.text = responder(request);
     send(fd, reply.text.data(), reply.text.size(), MSG_NOSIGNAL);
-    if (!reply.rest.empty()) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(300));
-      send(fd, reply.rest.data(), reply.rest.size(), MSG_NOSIGNAL);
-    }
     // Let the client close first, so that it always sees the whole answer.
     if (!reply.silent) shutdown(fd, SHUT_WR);
     while (WaitReadable(fd, deadline) && recv(fd, buffer, sizeof buffer, 0) > 0) continue;
     close(fd);
   }
 
-  Responder m_responder;
   int m_listenFd = -1;
   int m_port = 0;
   std::atomic<bool> m_stop{false};
@@ -130,38 +145,6 @@ class FakeOapServer {
   std::vector<std::thread> m_workers;
 };
 
-// Documents as the server writes them, spelled out literally.
-inline std::string Response3(const std::string& hexId, const std::string& status) {
-  return "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<OAP-response version=\"3.0\" id=\"" +
-         hexId + "\"><Status service=\"message\">" + status + "</Status></OAP-response>";
-}
-inline std::string ResponseDoc(const std::string& hexId, int type, int code) {
-  return Response3(
-      hexId, "<Type>" + std::to_string(type) + "</Type><Code>" + std::to_string(code) + "</Code>");
-}
-// A version 3.0 answer from a handset: `element` is <DataResp> or <UserResponse>.
-inline std::string OptionAnswer(const std::string& hexId, const std::string& element) {
-  return Response3(hexId, "<Type>5</Type><Code>200</Code><TypeSpecific><From>1234</From>" +
-                              element + "</TypeSpecific>");
-}
-// A version 4.0 inbound answer: `element` is <Data_response> or <User_response>.
-inline std::string Answer4(const std::string& hexId, const std::string& element) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"1\">"
-         "<Header/><Body service=\"OA-XML\"><service version=\"1.0\"><Id>" +
-         hexId + "</Id><Interactive_Message_Response>" + element +
-         "</Interactive_Message_Response></service></Body></OAP-request>";
-}
-// The id attribute of a request's start tag (lower-case hexadecimal).
-inline std::string RequestId(const std::string& request) {
-  size_t start = request.find("id=\"", request.find("<OAP-request"));
-  if (start == std::string::npos) return "";
-  start += 4;
-  return request.substr(start, request.find('"', start) - start);
-}
-// The server's usual answer: class 1, code 200, same id as the request.
-inline std::string AcceptAll(const std::string& request) {
-  return ResponseDoc(RequestId(request), 1, 200);
-}
 inline std::string Hex(unsigned long value) {
   char text[32];
   std::snprintf(text, sizeof text, "%lx", value);
