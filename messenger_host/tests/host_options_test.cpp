@@ -47,13 +47,6 @@ TEST(HostOptions, FullCommandLineAndPresentationOptions) {
   EXPECT_EQ(job,
             "a|4711|srv:7000|4.0|Other|5|interactive|settings|Yes:0: Stop:2: Call%3aus:3:0815 ");
   EXPECT_EQ(a.expected, (std::set<int>{3, 6, 15}));
-  // Each presentation option alone marks the settings present.
-  for (const char* option : {"--urgent", "--sticky", "--colour red", "--intensity high",
-                             "--priority 2", "--repeat 3", "--repeat-interval 10"}) {
-    QmHostOptions one;
-    ASSERT_TRUE(QmHostOptions::Parse(Words(kBase + kJob + option), &one, &error)) << error;
-    EXPECT_TRUE(one.jobs[0].settingsPresent) << option;
-  }
   // --help and --version need nothing else; the rest is not read.
   for (const char* line : {"-h --bogus", "--version", "--plugin p --version --bogus"}) {
     QmHostOptions asked;
@@ -66,10 +59,8 @@ TEST(HostOptions, BadCommandLinesAreNamed) {
   const std::vector<std::pair<std::string, std::string>> cases{
       {kJob, "missing --plugin"},
       {kBase + "--job a --server h:1", "job a needs --handset"},
-      {kBase + "--job a --handset 1", "job a needs --server"},
       {kBase + "--job", "option '--job' needs a value"},
       {kBase + "--poll-ms fast", "invalid number for --poll-ms: 'fast'"},
-      {kBase + "--poll-ms 0", "invalid number for --poll-ms: '0'"},
       {kBase + "--handset 1", "option '--handset' before the first --job"},
       {kBase + kJob + "--bogus=1", "unknown option '--bogus'"},
       {kBase + kJob + "--urgent=1", "option '--urgent' takes no value"},
@@ -79,12 +70,9 @@ TEST(HostOptions, BadCommandLinesAreNamed) {
        "--oap-version 4.0)"},
       {kBase + "--job a --handset 1 --server nohost",
        "invalid --server 'nohost' (expected HOST:PORT)"},
-      {kBase + "--job a --handset 1 --server h:99999",
-       "invalid --server 'h:99999' (expected HOST:PORT)"},
       {kBase + kJob + "--choice Yes:x", "invalid choice kind in --choice 'Yes:x'"},
       {kBase + kJob + "--choice :1", "empty choice text in --choice ':1'"},
       {kBase + kJob + "--expect SENT,LOST", "unknown status 'LOST' in --expect"},
-      {kBase + kJob + "--expect 7", "unknown status '7' in --expect"},
   };
   for (const auto& c : cases) {
     QmHostOptions options;

@@ -21,10 +21,8 @@ namespace {
 
 using MsgStatus = OAPDeviceController::MsgStatus;
 using Replies = std::list<std::string>;
-using Request = OAPMessageServiceHandler::OAPMsgServicePayLoadRequest;
 
 const std::string kAccepted = ResponseDoc("20000", 1, 200);
-const std::string kHeader3 = "<Header>\n<IP>127.0.0.1</IP>\n<Port>4321</Port>\n</Header>\n";
 
 // The text of the QmException the call raises ("" when none).
 std::string Failure(const std::function<void()>& call) {
@@ -151,42 +149,6 @@ TEST_F(EngineControllerTest, FailedExchangesRaiseTheirTextAndKeepNothing) {
   Device()->AddResponse(0x20009, "N:Yes", false);
   EXPECT_EQ(server.Requests().size(), sizeof cases / sizeof cases[0] + 3);
   EXPECT_TRUE(Device()->GetStatus(0x2abcd, status));
-}
-
-// Requests built from texts: the header per version, no option labels (a 4.0
-// request with labels is an empty interactive message); a refusal or an
-// unreadable answer gives 0.
-TEST_F(EngineControllerTest, RequestSendsCarryNoLabelsAndReportFailureAsZero) {
-  OAPDeviceRegistrar::Device device = OAPDeviceRegistrar::GetInstance()->GetDevice(address, true);
-  device->SetClient(client);
-  const std::string v4 = "<OAP-request version=\"4.0\" id=\"2000";
-  const std::string header4 =
-      "\">\n<Header>\n<Port>4321</Port>\n<To>1234</To>\n</Header>\n"
-      "<Body service=\"OA-XML\">\n<service version=\"1.0\">\n";  // no Id
-  // clang-format off
-  const struct { const char* version; size_t labels; std::string reply, present, absent; unsigned long number; } cases[] = {
-      {"", 2, kAccepted, kHeader3 + "<Body service=\"message\"><To>1234</To>\n", "<Option", 0x20000},
-      {"4.0", 1, ResponseDoc("20001", 1, 407), v4 + "1" + header4 + "<Interactive_Message>\n<Message>\n<Subject>Subj",
-       "<Option", 0},
-      {"4.0", 0, "garbage", v4 + "2" + header4 + "<Message>\n<Subject>Subj", "<Interactive_Message>", 0},
-  };
-  // clang-format on
-  for (const auto& c : cases) {
-    server.Queue({c.reply});
-    Request request(c.version, "Subj", "Text", std::list<std::string>(c.labels, "Yes"));
-    EXPECT_EQ(device->SendAMessage(&request), c.number);
-    const std::string text = server.Requests().back();
-    EXPECT_NE(text.find(c.present), std::string::npos) << text;
-    EXPECT_EQ(text.find(c.absent), std::string::npos) << text;
-  }
-  EXPECT_EQ(client->GetStatus(address, 0x20000), MsgStatus::Sent);
-  server.Queue({ResponseDoc("20003", 1, 200)});
-  EXPECT_EQ(device->SendAMessage("Subj", "Text", {"Yes"}), 0x20003u);
-  EXPECT_EQ(server.Requests().back().find("<Option"), std::string::npos);
-
-  OAPDeviceController clientless(address);
-  EXPECT_EQ(clientless.SendAMessage("Subj", "Text"), 0u);
-  EXPECT_THROW(clientless.SendAMessage(NewBody("3.0")), QmException);
 }
 
 TEST_F(EngineControllerTest, RepliesAreEchoedOnceAndFinalOneCloses) {
