@@ -9,7 +9,7 @@
 //     reads "I RECEIPT" lines up to "end", prints "ready", then queries
 //     those jobs until each was handed back twice (or a minute passed),
 //     printing "back I STATUS TEXT" for every hand-back and "finished";
-//     keeps the listener up until the end of its input.
+//     keeps the listener up until a second "end" or the end of its input.
 //
 // Job I goes to handset "80<I % 8>" in version 4.0 for odd I, 3.0 for even,
 // offering "Yes" (kind 0), "Stop" (kind 2) and "Escalate" (kind 3). Exit status 0, or 2 when the
@@ -126,7 +126,7 @@ int main(int argc, char** argv) {
   } else {
     return 2;
   }
-  for (std::string line; std::getline(std::cin, line);) {
+  for (std::string line; std::getline(std::cin, line) && line != "end";) {
   }
   return 0;
 }

@@ -229,15 +229,6 @@ void SoakDriverTest::ExpectOneYes(QmReferenceJob& job, bool answer) {
   EXPECT_EQ(changes[0].text, "Yes");
 }
 
-TempFolder::TempFolder() {
-  char pattern[] = "/tmp/qm_soak_XXXXXX";
-  m_path = mkdtemp(pattern) != nullptr ? pattern : "/tmp";
-}
-
-TempFolder::~TempFolder() {
-  if (m_path != "/tmp") std::system(("rm -rf '" + m_path + "'").c_str());
-}
-
 int ConnectLoopback(int port) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address = FakeOapServer::Loopback(port);

@@ -200,15 +200,4 @@ class SoakDriverTest : public DriverTest {
   std::map<std::string, std::string> settings;
 };
 
-// A folder of its own under /tmp, removed with everything in it.
-class TempFolder {
- public:
-  TempFolder();
-  ~TempFolder();
-  std::string File(const std::string& name) const { return m_path + "/" + name; }
-
- private:
-  std::string m_path;
-};
-
 #endif
