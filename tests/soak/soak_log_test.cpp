@@ -46,13 +46,6 @@ void WriteConfig(const LogTempDir& dir, const std::string& section) {
   LogWriteFile(dir.file("config/qmlogs.ini"), "[common]\n" + section);
 }
 
-// Writes `count` lines `tag`0, `tag`1, ...; the number refused.
-int WriteLines(QmsysEventLogSingleThreaded& logger, const std::string& tag, int count) {
-  int refused = 0;
-  for (int i = 0; i < count; ++i) refused += !logger.WriteInfo(tag + std::to_string(i), i, "f");
-  return refused;
-}
-
 // The first column of the first row of `sql` on the database, as a number.
 long long Scalar(const std::string& db, const std::string& sql) {
   sqlite3* handle = nullptr;
@@ -119,8 +112,9 @@ TEST(SoakLog, ProcessesAndThreadsShareOneSqliteLog) {
       std::vector<std::thread> threads;
       for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
-          refused +=
-              WriteLines(logger, std::to_string(index) + "-" + std::to_string(t) + "-", kRows);
+          const std::string tag = std::to_string(index) + "-" + std::to_string(t) + "-";
+          for (int i = 0; i < kRows; ++i)
+            refused += !logger.WriteInfo(tag + std::to_string(i), i, "f");
         });
       }
       for (auto& thread : threads) thread.join();

@@ -154,12 +154,11 @@ TEST_F(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
 // store file stay flat. (The store in memory is swept by the same code.)
 class StoreMemorySoakTest : public SoakDriverTest {
  protected:
-  void SetUp() override {
+  StoreMemorySoakTest() {
     withLogger = false;  // the resident set then measures the driver's own state
     settings = {{"MessageStore", folder.file("state.db")},
                 {"MessageRetentionMinutes", "1"},
                 {"MessageStoreLimit", std::to_string(kLimit)}};
-    SoakDriverTest::SetUp();
   }
   // The size of the store file, or of its write-ahead log.
   long StoreKiB(const char* suffix = "") {

@@ -81,8 +81,6 @@ bool WaitUntil(Condition condition, int seconds) {
 
 // A loopback connection to `port`, -1 when it cannot be made.
 int ConnectLoopback(int port);
-// Writes all of `text`; false when the connection failed.
-bool WriteAll(int fd, const std::string& text);
 // An OAP server that makes sure the driver took the document: connect, write,
 // half-close, wait (bounded) for the driver's close. A connection the driver
 // closed before it read anything (to make room, while this sender stalled
@@ -103,14 +101,13 @@ long ResidentKiB();
 // another, with `push`. Thread-safe.
 class Pusher {
  public:
-  using Push = std::function<bool(const std::string&)>;
+  using Push = std::function<void(const std::string&)>;
   Pusher(int threads, const Push& push);
   ~Pusher() { Stop(true); }
   void Add(std::string document);
   // Waits (at most `seconds`) until `count` documents were written; the
   // count written.
   size_t AwaitPushed(size_t count, int seconds);
-  size_t Failures();
   // Ends the threads once the queue is empty, or at once, dropping it.
   void Stop(bool drop);
 
@@ -118,7 +115,7 @@ class Pusher {
   std::mutex m_mutex;
   std::condition_variable m_changed;
   std::deque<std::string> m_documents;
-  size_t m_pushed = 0, m_failures = 0;
+  size_t m_pushed = 0;
   bool m_closing = false;
   std::vector<std::thread> m_threads;
 };
