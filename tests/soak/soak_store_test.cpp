@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <memory>
 #include <sstream>
 
@@ -29,12 +30,6 @@ const int kPushers = 4;
 // server's pushes of the planned documents to them.
 class RestartSoakTest : public ::testing::Test {
  protected:
-  struct Document {
-    int index;
-    std::string text;
-    bool answer;
-  };
-
   // A soak_host process on the store and port, killed with SIGKILL (as a
   // crash or an operator would) when it goes.
   ChildProcess StartHost(std::vector<std::string> args) {
@@ -43,10 +38,9 @@ class RestartSoakTest : public ::testing::Test {
   }
 
   std::unique_ptr<Pusher> StartPushing() {
-    const int port = listenerPort;
     auto pusher = std::make_unique<Pusher>(
-        kPushers, [port](const std::string& text) { return SendInbound(port, text); });
-    for (const Document& document : documents) pusher->Add(document.text);
+        kPushers, [this](const std::string& text) { SendInbound(listenerPort, text); });
+    for (const auto& document : documents) pusher->Add(document.second);
     return pusher;
   }
 
@@ -54,7 +48,8 @@ class RestartSoakTest : public ::testing::Test {
   std::string store;
   LoopbackOapServer server;
   int listenerPort = UnusedPort();
-  std::vector<Document> documents;
+  // (the message's hexadecimal id for an answer, "" for a notice; the text)
+  std::vector<std::pair<std::string, std::string>> documents;
 };
 
 // A host killed at a random moment while sending, and the next host killed
@@ -76,9 +71,8 @@ TEST_F(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
       ChildProcess host =
           StartHost({"send", std::to_string(server.Port()), std::to_string(kMessages)});
       const size_t killAfter = 1 + rng() % kMessages;
-      for (size_t lines = 0; lines < killAfter; ++lines) {
-        const std::string line = host.WaitFor("");
-        if (line.empty() || line == "done") break;
+      // Killed after a random number of sends returned (or 20 s after the last).
+      for (size_t n = 0; n < killAfter && host.WaitFor("sent") != ""; ++n) {
       }
       host.Signal(SIGKILL);
       host.Finish();  // with the sends reported just before the kill
@@ -93,11 +87,10 @@ TEST_F(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
     documents.clear();
     for (const auto& [index, receipt] : sent) {
       const Reaction& reaction = ReactionTo(index);
-      documents.push_back({index, ResponseDoc(Hex(receipt), 3, 200), false});
-      documents.push_back(
-          {index,
-           AnswerDoc(Hex(receipt), index % 2 ? "4.0" : "3.0", reaction.typed, reaction.value),
-           true});
+      const std::string hexId = Hex(receipt);
+      documents.push_back({"", ResponseDoc(hexId, 3, 200)});
+      const std::string version = index % 2 ? "4.0" : "3.0";
+      documents.push_back({hexId, AnswerDoc(hexId, version, reaction.typed, reaction.value)});
     }
     std::shuffle(documents.begin(), documents.end(), rng);
     {
@@ -109,15 +102,12 @@ TEST_F(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
       host.Signal(SIGKILL);
     }
     // The last host gets the notices again and the answers not yet echoed.
-    std::vector<Document> left;
-    for (const Document& document : documents) {
-      if (!document.answer || server.Requests(Hex(sent.at(document.index))) < 2) {
-        left.push_back(document);
-      }
-    }
-    std::cout << "[ soak ] the host taking answers was killed; " << left.size() << " of "
-              << documents.size() << " documents go to the next one" << std::endl;
-    documents.swap(left);
+    auto requests = server.Requests();
+    const size_t planned = documents.size();
+    auto stored = [&](const auto& doc) { return !doc.first.empty() && requests[doc.first] >= 2; };
+    documents.erase(std::remove_if(documents.begin(), documents.end(), stored), documents.end());
+    std::cout << "[ soak ] the host taking answers was killed; " << documents.size() << " of "
+              << planned << " documents go to the next one" << std::endl;
 
     ChildProcess host = StartHost({"collect"});
     std::string input;
@@ -128,13 +118,9 @@ TEST_F(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
     std::map<int, Backs> backs;
     std::string line;
     while ((line = host.WaitFor("")) != "" && line != "finished") {
-      std::istringstream words(line);
-      std::string word, text;
-      int index = 0, status = 0;
-      if (words >> word >> index >> status && word == "back") {
-        std::getline(words >> std::ws, text);
-        backs[index].insert({status, text});
-      }
+      int index = 0, status = 0, text = 0;  // "back I STATUS TEXT"; TEXT may be empty
+      if (std::sscanf(line.c_str(), "back %d %d %n", &index, &status, &text) == 2)
+        backs[index].insert({status, line.substr(static_cast<size_t>(text))});
     }
     EXPECT_EQ(line, "finished");
     host.Send("end\n");
@@ -176,8 +162,7 @@ TEST_F(StoreMemorySoakTest, MemoryAndFileStayFlatBeyondTheLimit) {
   server.SetCounting(false);
   std::atomic<int> next{0}, failed{0};
   std::mutex mutex;
-  std::vector<std::pair<long, long>> sizes;  // resident set, store file (KiB)
-  long maxLog = 0;                           // the write-ahead log (KiB)
+  std::vector<long> resident, file, log;  // KiB at each sample: the store file and its log
   const Clock::time_point started = Clock::now();
   std::vector<std::thread> senders;
   for (int t = 0; t < hosts; ++t) {
@@ -192,33 +177,32 @@ TEST_F(StoreMemorySoakTest, MemoryAndFileStayFlatBeyondTheLimit) {
         const int step = (kStoreMessages - 3 * kLimit) / samples;
         std::lock_guard<std::mutex> guard(mutex);
         if (i >= 3 * kLimit && (i - 3 * kLimit) % step == 0) {
-          sizes.emplace_back(ResidentKiB(), StoreKiB());
-          maxLog = std::max(maxLog, StoreKiB("-wal"));
+          resident.push_back(ResidentKiB());
+          file.push_back(StoreKiB());
+          log.push_back(StoreKiB("-wal"));
         }
       }
     });
   }
   for (std::thread& sender : senders) sender.join();
   EXPECT_EQ(failed.load(), 0);
-  ASSERT_GE(sizes.size(), 2u);
-  long maxResident = 0, maxFile = 0;
-  for (const auto& size : sizes) {
-    maxResident = std::max(maxResident, size.first);
-    maxFile = std::max(maxFile, size.second);
-  }
+  ASSERT_GE(resident.size(), 2u);
+  auto most = [](const std::vector<long>& kib) {
+    return *std::max_element(kib.begin(), kib.end());
+  };
   std::cout << "[ soak ] " << kStoreMessages << " messages, limit " << kLimit << ", file store, "
             << std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - started).count()
-            << " s; resident set " << sizes.front().first << " KiB then at most " << maxResident
-            << " KiB; store file " << sizes.front().second << " KiB then at most " << maxFile
-            << " KiB, its log at most " << maxLog << " KiB" << std::endl;
+            << " s; resident set " << resident.front() << " KiB then at most " << most(resident)
+            << " KiB; store file " << file.front() << " KiB then at most " << most(file)
+            << " KiB, its log at most " << most(log) << " KiB" << std::endl;
 #ifndef QM_SOAK_SANITIZED
   // The address checker keeps freed memory in quarantine.
-  EXPECT_LE(maxResident, sizes.front().first * 11 / 10);
+  EXPECT_LE(most(resident), resident.front() * 11 / 10);
 #endif
-  EXPECT_LE(maxFile, sizes.front().second * 11 / 10);
+  EXPECT_LE(most(file), file.front() * 11 / 10);
   // The log grows between sweeps and is moved into the file at the latest
   // after 16,384 pages of 1 KiB (with their frame headers).
-  EXPECT_LE(maxLog, 16384 * (1024 + 24) / 1024 + 64);
+  EXPECT_LE(most(log), 16384 * (1024 + 24) / 1024 + 64);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <utility>
 
 namespace {
 
@@ -24,20 +25,6 @@ void DrainUntilClosed(int fd, Clock::time_point deadline) {
 }
 
 }  // namespace
-
-const Reaction& ReactionTo(int index) {
-  static const Reaction reactions[] = {
-      {"N:Yes", false, Reports::REPLIED, "Yes"},
-      {"F:Stop", false, Reports::REPLIED_SPECIAL_A, "Stop"},
-      {"F:Escalate", false, Reports::REPLIED_SPECIAL_B, "Escalate"},
-      {"On my way", true, Reports::REPLIED_WITH, "On my way"},
-  };
-  return reactions[index % 4];
-}
-
-Backs ExpectedBacks(int index) {
-  return {{Reports::DELIVERED, ""}, {ReactionTo(index).status, ReactionTo(index).text}};
-}
 
 Pusher::Pusher(int threads, const Push& push) {
   for (int t = 0; t < threads; ++t) {
@@ -100,37 +87,23 @@ void LoopbackOapServer::Stop() {
   m_stop = true;
   for (std::thread& thread : m_threads) thread.join();
   m_threads.clear();
-  if (m_listenFd >= 0) close(m_listenFd);
-  m_listenFd = -1;
+  close(std::exchange(m_listenFd, -1));  // nothing when already closed
 }
 
-size_t LoopbackOapServer::Messages() {
+std::map<std::string, size_t> LoopbackOapServer::Requests() {
   std::lock_guard<std::mutex> guard(m_mutex);
-  return m_messages.size();
-}
-
-size_t LoopbackOapServer::Requests(const std::string& hexId) {
-  std::lock_guard<std::mutex> guard(m_mutex);
-  auto found = m_messages.find(hexId);
-  return found != m_messages.end() ? found->second : 0;
+  return m_messages;
 }
 
 void LoopbackOapServer::ForgetRequests() {
   std::lock_guard<std::mutex> guard(m_mutex);
   m_messages.clear();
-  m_requests = 0;
-}
-
-size_t LoopbackOapServer::Repeats() {
-  std::lock_guard<std::mutex> guard(m_mutex);
-  return m_requests - m_messages.size();
 }
 
 void LoopbackOapServer::Serve() {
   while (!m_stop) {
     pollfd entry{m_listenFd, POLLIN, 0};
-    if (poll(&entry, 1, 50) <= 0) continue;
-    const int fd = accept(m_listenFd, nullptr, nullptr);
+    const int fd = poll(&entry, 1, 50) > 0 ? accept(m_listenFd, nullptr, nullptr) : -1;
     if (fd < 0) continue;
     ServeOne(fd);
     close(fd);
@@ -155,13 +128,11 @@ void LoopbackOapServer::ServeOne(int fd) {
         close != std::string::npos ? request.substr(open, close - open) : "";
     std::lock_guard<std::mutex> guard(m_mutex);
     ++m_messages[envelope.empty() ? id : envelope];
-    ++m_requests;
   }
   std::string answer = ResponseDoc(id, 1, 200);
   thread_local std::minstd_rand draws(std::random_device{}());
-  const Mode mode = static_cast<int>(draws() % 100) < m_silentShare ? Mode::kSilent : m_mode.load();
-  if (mode == Mode::kGarbage) answer = answer.substr(0, 80) + "\x01\x02<<&&>>";
-  if (mode == Mode::kSilent) {
+  if (m_garbage) answer = answer.substr(0, 80) + "\x01\x02<<&&>>";
+  if (static_cast<int>(draws() % 100) < m_silentShare) {
     DrainUntilClosed(fd, deadline);  // nothing until the driver gives up
   } else {
     send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);  // a few hundred bytes: one write
@@ -170,59 +141,11 @@ void LoopbackOapServer::ServeOne(int fd) {
   DrainUntilClosed(fd, deadline);
 }
 
-void SoakDriverTest::SetUp() {
-  DriverTest::SetUp();
-  if (HasFatalFailure()) return;
-  if (!withLogger) driver->Logger = nullptr;
-  ASSERT_TRUE(driver->Configure(settings));
-  threadsBefore = ThreadCount();
-  SetupOnFreePort();
-}
-
-void SoakDriverTest::TearDown() {
-  if (driver != nullptr) {
-    const Clock::time_point start = Clock::now();
-    EXPECT_TRUE(driver->Cleanup());
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
-    EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= threadsBefore; }, 10));
-  }
-  server.Stop();
-  DriverTest::TearDown();
-}
-
-void SoakDriverTest::Address(QmReferenceJob& job, const std::string& handset,
-                             const std::string& version) {
-  DriverTest::Address(job, server.Port(), version);
-  job.DeviceId = handset;
-  job.IsInteractive = job.ExpectsResponse = true;
-  job.ResponseChoices = {{0, "Yes", "", 0, 0}, {0, "Stop", "", 0, 2}, {0, "Escalate", "", 0, 3}};
-}
-
-void SoakDriverTest::ExpectOneYes(QmReferenceJob& job, bool answer) {
-  if (answer)
-    SendInbound(listenerPort,
-                AnswerDoc(Hex(job.GetTrackingReceipt()), job.OapVersion, false, "N:Yes"));
-  Backs backs;
-  WaitUntil(
-      [&] {
-        Status status = Reports::SENT;
-        driver->Send2WayRespQuery(&job, status);
-        DrainQueue();
-        for (const auto& change : job.TakeStatusChanges())
-          backs.insert({change.status, change.text});
-        return !backs.empty();
-      },
-      10);
-  EXPECT_EQ(backs, (Backs{{Reports::REPLIED, "Yes"}}));
-}
-
 int ConnectLoopback(int port) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address = FakeOapServer::Loopback(port);
-  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-    return fd;
-  }
-  if (fd >= 0) close(fd);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
+  close(fd);
   return -1;
 }
 
