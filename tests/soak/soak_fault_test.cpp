@@ -5,24 +5,39 @@
 namespace {
 
 using Level = QmLogInterface::LogLevel;
-using Mode = LoopbackOapServer::Mode;
 
 class SoakFaultTest : public SoakDriverTest {
  protected:
-  // An interactive message offering "Yes"; true when the server took it.
-  bool Send(QmReferenceJob& job, Status& status) {
+  // An interactive message offering "Yes", kept by the fixture: the server
+  // takes it (SENT), or with `taken` false the send fails (still SENDING).
+  QmReferenceJob& Send(bool taken = true) {
+    QmReferenceJob& job = jobs.emplace_back();
     Address(job, "4711", "3.0");
-    status = Reports::NO_STATUS;
-    return driver->SendAMessage(&job, status);
+    Status status = Reports::NO_STATUS;
+    EXPECT_EQ(driver->SendAMessage(&job, status), taken);
+    EXPECT_EQ(status, taken ? Reports::SENT : Reports::SENDING);
+    return job;
   }
 
-  // A message the server took, kept by the fixture.
-  QmReferenceJob& Sent() {
-    QmReferenceJob& job = jobs.emplace_back();
-    Status status;
-    EXPECT_TRUE(Send(job, status));
-    EXPECT_EQ(status, Reports::SENT);
-    return job;
+  // The handset answers "Yes" to the sent job on a connection of its own
+  // (unless that was done already); exactly that answer is handed back on
+  // the host's queries.
+  void ExpectOneYes(QmReferenceJob& job, bool answer = true) {
+    if (answer)
+      SendInbound(listenerPort,
+                  AnswerDoc(Hex(job.GetTrackingReceipt()), job.OapVersion, false, "N:Yes"));
+    Backs backs;
+    WaitUntil(
+        [&] {
+          Status status = Reports::SENT;
+          driver->Send2WayRespQuery(&job, status);
+          DrainQueue();
+          for (const auto& change : job.TakeStatusChanges())
+            backs.insert({change.status, change.text});
+          return !backs.empty();
+        },
+        10);
+    EXPECT_EQ(backs, (Backs{{Reports::REPLIED, "Yes"}}));
   }
 
   std::deque<QmReferenceJob> jobs;
@@ -32,20 +47,18 @@ class SoakFaultTest : public SoakDriverTest {
 // answers garbage: the send fails with "Dispatch Failure", and the driver
 // goes on as before. (A refused connection is the send tests'.)
 TEST_F(SoakFaultTest, ServerFaultsFailTheSendAndTheDriverRecovers) {
-  QmReferenceJob& before = Sent();
-  for (const Mode fault : {Mode::kSilent, Mode::kGarbage}) {
-    server.SetMode(fault);
-    QmReferenceJob job;
-    Status status;
-    EXPECT_FALSE(Send(job, status));
-    EXPECT_EQ(status, Reports::SENDING) << static_cast<int>(fault);
-    EXPECT_EQ(job.GetErrorText(), "Dispatch Failure") << static_cast<int>(fault);
+  QmReferenceJob& before = Send();
+  for (const bool garbage : {false, true}) {
+    server.SetFaults(garbage ? 0 : 100, garbage);
+    SCOPED_TRACE(garbage ? "garbage" : "silent");
+    QmReferenceJob& job = Send(false);
+    EXPECT_EQ(job.GetErrorText(), "Dispatch Failure");
     EXPECT_EQ(job.GetTrackingReceipt(), "");
   }
-  server.SetMode(Mode::kAccept);
+  server.SetFaults(0, false);
   // A message sent before the faults still takes its answer after them.
   ExpectOneYes(before);
-  ExpectOneYes(Sent());
+  ExpectOneYes(Send());
 }
 
 // Idle connections cannot switch the listener off: a thousand are held open
@@ -62,7 +75,7 @@ TEST_F(SoakFaultTest, IdleConnectionsNeverShutTheListener) {
   for (int i = 0; i < 2000; ++i) held.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
   ASSERT_GE(held.back(), 2000);
   SetupOnFreePort();
-  for (int i = 0; i < count; ++i) Sent();
+  for (int i = 0; i < count; ++i) Send();
   std::vector<int> idle;
   std::thread holder([&] {
     for (int i = 0; i < count; ++i) idle.push_back(ConnectLoopback(listenerPort));
@@ -84,9 +97,8 @@ TEST_F(SoakFaultTest, IdleConnectionsNeverShutTheListener) {
   std::cout << "[ soak ] " << count << " answers beside " << count << " idle connections, "
             << resent << " sent again after their connection was closed unread" << std::endl;
   for (QmReferenceJob& job : jobs) ExpectOneYes(job, false);
-  EXPECT_GT(logger.Count(Level::LEVEL_WARN,
-                         "Connection with client [IP address '127.0.0.1'] closed to make room"),
-            0u);
+  EXPECT_TRUE(logger.Has(Level::LEVEL_WARN,
+                         "Connection with client [IP address '127.0.0.1'] closed to make room"));
   const char unknown[] = "Couldn't find device controller by Trackign ID";
   EXPECT_TRUE(logger.WaitFor(Level::LEVEL_WARN, unknown, 1, 10000));
   EXPECT_EQ(logger.Count(Level::LEVEL_WARN, unknown), 1u);

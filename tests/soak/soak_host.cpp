@@ -6,10 +6,10 @@
 //     "sent I RECEIPT" once each send has returned, then "done"; waits for
 //     the end of its input (or its end by a signal).
 //   soak_host PLUGIN STORE LISTEN_PORT collect
-//     reads "I RECEIPT" lines up to "end", prints "ready", then queries
+//     reads "I RECEIPT" pairs up to "end", prints "ready", then queries
 //     those jobs until each was handed back twice (or a minute passed),
 //     printing "back I STATUS TEXT" for every hand-back and "finished";
-//     keeps the listener up until the end of its input.
+//     keeps the listener up until a second "end" or the end of its input.
 //
 // Job I goes to handset "80<I % 8>" in version 4.0 for odd I, 3.0 for even,
 // offering "Yes" (kind 0), "Stop" (kind 2) and "Escalate" (kind 3). Exit status 0, or 2 when the
@@ -19,11 +19,8 @@
 #include <cstdlib>
 #include <iostream>
 #include <map>
-#include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "QmDriverLoader.h"
 #include "QmReferenceJob.h"
@@ -66,7 +63,7 @@ struct Host {
   }
 
   // Queries every job until each was handed back twice, then once more.
-  void Collect(std::map<int, std::unique_ptr<QmReferenceJob>>& jobs) {
+  void Collect(std::map<int, QmReferenceJob>& jobs) {
     std::map<int, int> backs;
     size_t complete = 0;
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
@@ -74,9 +71,9 @@ struct Host {
       last = complete == jobs.size() || Clock::now() >= deadline;
       for (auto& [index, job] : jobs) {
         if (!last && backs[index] >= 2) continue;
-        QmProtocolDriverInterface::ReportsStatus status = job->Status;
-        driver->Send2WayRespQuery(job.get(), status);
-        for (const auto& change : job->TakeStatusChanges()) {
+        QmProtocolDriverInterface::ReportsStatus status = job.Status;
+        driver->Send2WayRespQuery(&job, status);
+        for (const auto& change : job.TakeStatusChanges()) {
           std::printf("back %d %d %s\n", index, static_cast<int>(change.status),
                       change.text.c_str());
           if (++backs[index] == 2) ++complete;
@@ -111,22 +108,19 @@ int main(int argc, char** argv) {
     }
     std::printf("done\n");
   } else if (mode == "collect") {
-    std::map<int, std::unique_ptr<QmReferenceJob>> jobs;
-    std::string line;
-    while (std::getline(std::cin, line) && line != "end") {
-      std::istringstream words(line);
-      int index = 0;
-      auto job = std::make_unique<QmReferenceJob>();
-      if (!(words >> index >> job->TrackingReceipt)) return 2;
-      Address(*job, index, 0);
-      jobs[index] = std::move(job);
+    std::map<int, QmReferenceJob> jobs;
+    for (std::string word, receipt; std::cin >> word && word != "end";) {
+      const int index = std::atoi(word.c_str());
+      if (!(std::cin >> receipt)) return 2;
+      Address(jobs[index], index, 0);
+      jobs[index].TrackingReceipt = receipt;
     }
     std::printf("ready\n");
     host.Collect(jobs);
   } else {
     return 2;
   }
-  for (std::string line; std::getline(std::cin, line);) {
+  for (std::string line; std::getline(std::cin, line) && line != "end";) {
   }
   return 0;
 }

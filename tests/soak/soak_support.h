@@ -46,11 +46,21 @@ struct Reaction {
   Reports::ReportsStatus status;
   std::string text;
 };
-const Reaction& ReactionTo(int index);
+inline const Reaction& ReactionTo(int index) {
+  static const Reaction reactions[] = {
+      {"N:Yes", false, Reports::REPLIED, "Yes"},
+      {"F:Stop", false, Reports::REPLIED_SPECIAL_A, "Stop"},
+      {"F:Escalate", false, Reports::REPLIED_SPECIAL_B, "Escalate"},
+      {"On my way", true, Reports::REPLIED_WITH, "On my way"},
+  };
+  return reactions[index % 4];
+}
 // Hand-backs of a job as (status, text), in any order.
 using Backs = std::multiset<std::pair<int, std::string>>;
 // What message i is handed back as: delivered, then answered.
-Backs ExpectedBacks(int index);
+inline Backs ExpectedBacks(int index) {
+  return {{Reports::DELIVERED, ""}, {ReactionTo(index).status, ReactionTo(index).text}};
+}
 
 // Counts for the soak runs: smaller under the sanitizers, which run every
 // test many times slower.
@@ -81,8 +91,6 @@ bool WaitUntil(Condition condition, int seconds) {
 
 // A loopback connection to `port`, -1 when it cannot be made.
 int ConnectLoopback(int port);
-// Writes all of `text`; false when the connection failed.
-bool WriteAll(int fd, const std::string& text);
 // An OAP server that makes sure the driver took the document: connect, write,
 // half-close, wait (bounded) for the driver's close. A connection the driver
 // closed before it read anything (to make room, while this sender stalled
@@ -103,14 +111,13 @@ long ResidentKiB();
 // another, with `push`. Thread-safe.
 class Pusher {
  public:
-  using Push = std::function<bool(const std::string&)>;
+  using Push = std::function<void(const std::string&)>;
   Pusher(int threads, const Push& push);
   ~Pusher() { Stop(true); }
   void Add(std::string document);
   // Waits (at most `seconds`) until `count` documents were written; the
   // count written.
   size_t AwaitPushed(size_t count, int seconds);
-  size_t Failures();
   // Ends the threads once the queue is empty, or at once, dropping it.
   void Stop(bool drop);
 
@@ -118,7 +125,7 @@ class Pusher {
   std::mutex m_mutex;
   std::condition_variable m_changed;
   std::deque<std::string> m_documents;
-  size_t m_pushed = 0, m_failures = 0;
+  size_t m_pushed = 0;
   bool m_closing = false;
   std::vector<std::thread> m_threads;
 };
@@ -127,35 +134,29 @@ class Pusher {
 // fake server of the driver tests it keeps no requests and no thread per
 // connection, so that ten thousand messages cost it nothing: a fixed number
 // of threads serve the connections, each one after another: read a request
-// up to its closing tag, count the message it is about and answer the way
-// the mode says. Every connection ends well-mannered: half-close, then wait
-// (bounded) until the driver has closed its end.
+// up to its closing tag, count the message it is about and answer class 1,
+// code 200 under the request's id, unless a fault is set. Every connection
+// ends well-mannered: half-close, then wait (bounded) until the driver has
+// closed its end.
 class LoopbackOapServer {
  public:
-  enum class Mode {
-    kAccept,   // class 1, code 200 under the request's id
-    kSilent,   // nothing until the driver gives up
-    kGarbage,  // the opening of a response, then noise
-  };
-
   // Listens on a free port.
   explicit LoopbackOapServer(int threads = 1);
   ~LoopbackOapServer() { Stop(); }
   void Stop();
   int Port() const { return m_port; }
-  void SetMode(Mode mode) { m_mode = mode; }
-  // In kAccept mode, the share of requests (in percent, drawn at random)
-  // that get no answer, as in kSilent.
-  void SetSilentShare(int percent) { m_silentShare = percent; }
+  // Faults: a share of the requests (in percent, drawn at random) get no
+  // answer until the driver gives up; with `garbage` the others get the
+  // opening of a response, then noise.
+  void SetFaults(int silentPercent, bool garbage) {
+    m_silentShare = silentPercent;
+    m_garbage = garbage;
+  }
   // Whether requests are counted per message (a memory soak turns it off).
   void SetCounting(bool counting) { m_counting = counting; }
-  // Messages seen, and requests about a message seen before (the updates
-  // that echo an answer on the handset).
-  size_t Messages();
-  size_t Repeats();
-  // Requests about the message with this hexadecimal id (its own and the
-  // updates of it).
-  size_t Requests(const std::string& hexId);
+  // The requests about each message by its hexadecimal id: its own and the
+  // updates of it that echo an answer on the handset.
+  std::map<std::string, size_t> Requests();
   // Forgets the counts. Host processes started within the same second draw
   // the same tracking numbers, so rounds of separate hosts count afresh.
   void ForgetRequests();
@@ -167,12 +168,10 @@ class LoopbackOapServer {
   int m_listenFd = -1;
   int m_port = 0;
   std::atomic<bool> m_stop{false};
-  std::atomic<Mode> m_mode{Mode::kAccept};
-  std::atomic<bool> m_counting{true};
+  std::atomic<bool> m_counting{true}, m_garbage{false};
   std::atomic<int> m_silentShare{0};
   std::mutex m_mutex;
   std::map<std::string, size_t> m_messages;
-  size_t m_requests = 0;
   std::vector<std::thread> m_threads;
 };
 
@@ -183,32 +182,40 @@ class LoopbackOapServer {
 class SoakDriverTest : public DriverTest {
  protected:
   explicit SoakDriverTest(int serverThreads = 1) : server(serverThreads) {}
-  void SetUp() override;
-  void TearDown() override;
+  void SetUp() override {
+    DriverTest::SetUp();
+    if (HasFatalFailure()) return;
+    if (!withLogger) driver->Logger = nullptr;
+    ASSERT_TRUE(driver->Configure(settings));
+    threadsBefore = ThreadCount();
+    SetupOnFreePort();
+  }
+
+  void TearDown() override {
+    if (driver != nullptr) {
+      const Clock::time_point start = Clock::now();
+      EXPECT_TRUE(driver->Cleanup());
+      EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+      EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= threadsBefore; }, 10));
+    }
+    server.Stop();
+    DriverTest::TearDown();
+  }
+
   // Addresses the job to the server's handset `handset`, interactive with
   // the choices "Yes" (kind 0), "Stop" (2) and "Escalate" (3).
-  void Address(QmReferenceJob& job, const std::string& handset, const std::string& version);
-  // The handset answers "Yes" to the sent job on a connection of its own
-  // (unless that was done already); exactly that answer is handed back on
-  // the host's queries.
-  void ExpectOneYes(QmReferenceJob& job, bool answer = true);
+  void Address(QmReferenceJob& job, const std::string& handset, const std::string& version) {
+    DriverTest::Address(job, server.Port(), version);
+    job.DeviceId = handset;
+    job.IsInteractive = job.ExpectsResponse = true;
+    job.ResponseChoices = {{0, "Yes", "", 0, 0}, {0, "Stop", "", 0, 2}, {0, "Escalate", "", 0, 3}};
+  }
 
   size_t threadsBefore = 0;  // with the server's threads, before Setup
   LoopbackOapServer server;
   bool withLogger = true;
   // Given to Configure before Setup.
   std::map<std::string, std::string> settings;
-};
-
-// A folder of its own under /tmp, removed with everything in it.
-class TempFolder {
- public:
-  TempFolder();
-  ~TempFolder();
-  std::string File(const std::string& name) const { return m_path + "/" + name; }
-
- private:
-  std::string m_path;
 };
 
 #endif
