@@ -111,8 +111,6 @@ TEST_F(SendTest, RequestsCarryWhatTheJobAsksFor) {
     EXPECT_TRUE(
         logger.Has(kTrace, "Leaving OAPDeviceController::SendAMessage() with " + tracking + "."));
   }
-  EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::SendAMessage() with TRUE.", true),
-            sizeof cases / sizeof cases[0]);
 }
 
 TEST_F(SendTest, CallerNumberRules) {
@@ -150,11 +148,6 @@ TEST_F(SendTest, FailedSendsKeepSendingStatusAndTellWhy) {
   QmReferenceJob unreachable;
   Address(unreachable, UnusedPort());
   Send(unreachable, false);
-  // The exception passed through the client and the controller: both left.
-  for (const char* line : {"Leaving QmOAPDriver::SendAMessage() with FALSE.",
-                           "Leaving OAPClient::SendAMessage() with Failure(0).",
-                           "Leaving OAPDeviceController::SendAMessage() with 0."})
-    EXPECT_EQ(logger.Count(kTrace, line, true), 1u) << line;
   size_t exceptionLines = 0;
   for (const std::string& text : logger.TextsFrom("QmOAPDriver")) {
     exceptionLines += text.rfind("Exception occurred [Exception raised! ", 0) == 0 &&
