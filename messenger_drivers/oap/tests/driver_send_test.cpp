@@ -135,11 +135,6 @@ TEST_F(SendTest, CallerNumberRules) {
               *c.number != '\0')
         << request;
   }
-  EXPECT_EQ(logger.Count(Log::LEVEL_DEBUG,
-                         "Found Caller ID 'Call 12345 now' from Message Body using Regular "
-                         "Expression Pattern 'Call (\\d+)'",
-                         true),
-            1u);
 }
 
 // A failure to connect; the other failures of an exchange and their texts
@@ -170,13 +165,11 @@ TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
       {"4.0", {"<User_response>On my way</User_response>"}, 1, Reports::REPLIED_WITH, "On my way"},
   };
   // clang-format on
-  int number = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     QmReferenceJob job;
     const std::string hexId =
         Ask(job, {Choice("Yes", 0), Choice("Stop", 2), Choice("Escalate", 3)}, c.version);
-    job.JobId = "job-" + std::to_string(number++);
     EXPECT_TRUE(Query(job).empty());
     for (const std::string& element : c.inbound) {
       Deliver(element.empty()                   ? ResponseDoc(hexId, 3, 200)
@@ -195,10 +188,6 @@ TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
     EXPECT_EQ(job.DeliveredFlag, c.status == Reports::DELIVERED);
     EXPECT_TRUE(Query(job).empty());  // each is collected once
   }
-  EXPECT_EQ(
-      logger.Count(Log::LEVEL_INFO, "Creating REPORT entry REPLIED_WITH for job: job-1.", true),
-      1u);
-  EXPECT_EQ(logger.Count(Log::LEVEL_DEBUG, "<job-2> Response 'Yes' is not a new one", true), 1u);
   EXPECT_TRUE(logger.Has(
       Log::LEVEL_DEBUG, "Processing incoming paylaod [<?xml version=\"1.0\" encoding=\"UTF-8\"?>"));
 }
