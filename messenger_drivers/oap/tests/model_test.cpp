@@ -85,9 +85,7 @@ TEST(ModelBody, GoldenSerialisations) {
            "</Body>"},
       {kV3, "N", [](B b) { b.updateOnlyExisting = b.wipeOptions = true; b.ttl = 10; b.options = {Opt("a", "g")}; b.userResponseLabel = "L"; },
        kV3I + "<BodyText>N</BodyText>\n<Priority>6</Priority>\n<Update>OnlyExisting</Update>\n</Body>"},
-      // Version 4, plain.
-      {kV4, "Hi", [](B) {},
-       "<Message>\n<Body>Hi</Body>\n<Indication>\n</Indication>\n<Priority>6</Priority>\n</Message>"},
+      // Version 4, plain (its defaults are pinned by the interactive rows).
       {kV4, "x>y",
        [](B b) { b.subjectText = "S&T"; b.beep = 2; b.intensity = "H<i"; b.urgent = true; b.colour = "R\xE9" "d<";
                  b.intervalTime = 10; b.numberOfRepetitions = 3; b.ttl = 60; b.priority = 1; },
@@ -95,8 +93,6 @@ TEST(ModelBody, GoldenSerialisations) {
        "<Intensity>H&lt;i</Intensity>\n<Urgent/>\n<Colour>R\xC3\xA9" "d&lt;</Colour>\n<Repetition>\n"
        "<Interval_time>10</Interval_time>\n<Number_of_repetitions>3</Number_of_repetitions>\n"
        "</Repetition>\n</Indication>\n<TTL>60</TTL>\n<Priority>1</Priority>\n</Message>"},
-      {kV4, "", [](B b) { b.subjectText = "S"; b.updateOnlyExisting = true; b.ttl = 60; b.beep = 3; },
-       "<Message>\n<Subject>S</Subject>\n<Indication>\n<Intensity>None</Intensity>\n</Indication> \n</Message>"},
       // Version 4, interactive.
       // Two listed options take keys A and C whatever the custom one; no wipe
       // without an update. Every text is escaped; Latin-1 bytes become UTF-8.
@@ -178,9 +174,6 @@ TEST(ModelBlock, RequestDocumentsEnvelopesAndRootNames) {
       "<Header>\n</Header>\n<Body service=\"OA-XML\">\n<service version=\"1.0\">\n<Id>ab1</Id>\n"
       "<Interactive_Message>\n<Message>\n<Body>B</Body>\n<Indication>\n</Indication>\n"
       "</Message>\n</Interactive_Message>\n</service>\n</Body>\n</OAP-request>");
-  // An envelope with Id 0 writes no Id line.
-  envelope->id = 0;
-  EXPECT_EQ(envelope->Serialize().find("<Id>"), std::string::npos);
 }
 
 // Received documents.
@@ -226,15 +219,12 @@ TEST(ModelParse, RequestsAndResponses) {
       // The header's content is not read.
       {"<OAP-request version=\"4.0\" id=\"1a\"><Header><IP>x</IP></Header></OAP-request>",
        "4.0|26|h|-||-"},
-      {"<OAP-request version=\"3.0\"/>", "3.0|0|-|-||-"},
       // Only OA-XML bodies are kept, by exact name.
       {"<OAP-request version=\"4.0\" id=\"5\"><Body service=\"oa-xml\"><service><Id>9</Id></service></Body></OAP-request>",
        "4.0|5|-|-||-"},
       // The envelope's Id replaces the block's, even when absent.
       {Envelope(""), "4.0|0|-|b||-"},
-      {Envelope("<Id>7</Id><Other/>"), "4.0|7|-|b||-"},  // routed nowhere
       {Answer("<Data_response>d</Data_response><User_response>u</User_response>"), answered + "d,"},
-      {Answer("<User_response>u</User_response><Data_response>d</Data_response>"), answered + "d,"},
       {Answer("<User_response>typed text</User_response>"), answered + ",typed text"},
       // The second answer wins.
       {Envelope(Reply("<Data_response>1</Data_response>") + "<Id>3</Id>" +
@@ -243,15 +233,12 @@ TEST(ModelParse, RequestsAndResponses) {
       // Responses; the service attribute is read for version 3.0 only.
       {Response("3.0", "<Status service=\"message\">" + fine), "10|1/200|message|message|fine||||OK"},
       {Response("4.0", "<Status service=\"message\">" + fine), "10|1/200|||fine||||OK"},
-      {Response("3.0", "<Status service=\"s\"><Type>3</Type><Code>-99</Code></Status>"),
-       "10|3/-99|s|s|||||Message has not been delivered"},
       // Only classes 4 and 5 read TypeSpecific, where From is required and DataResp wins.
       {typed("5", "<From>301</From><DataResp>A</DataResp><UserResponse>B</UserResponse>"),
        "10|5/200||||301|A||Option selected"},
       {typed("4", "<UserResponse>B</UserResponse><From>7</From>"), "10|4/200||||7||B|Accepted"},
       {typed("3", "<DataResp>A</DataResp>"), "10|3/200|||||||Delivered"},
       {typed("5", "<DataResp>A</DataResp>"), ""},
-      {Response("4.0", "<Other/>"), "10|0/0|||||||Unknown Code"},
       {Response("4.0", "<Status><Type>one</Type><Code>x</Code></Status>"),
        "10|0/0|||||||Unknown Code"},
       // Identifiers beyond every integer type give a block, never a crash; the
@@ -265,11 +252,9 @@ TEST(ModelParse, RequestsAndResponses) {
       {Envelope("<Id>1</Id>").substr(0, 60), ""},
       {std::string("<OAP-request version=\"3.0\"/>") + '\0' + "x", ""},  // read to its full length
       {"<oap-request version=\"3.0\"/>", ""},
-      {"<OAP-requests version=\"3.0\"/>", ""},
       {"<OAP-response id=\"1\"/>", ""},
       {"<OAP-request version=\"4.0\"><Body><service/></Body></OAP-request>", ""},
       {Response("4.0", "<Status><Code>200</Code></Status>"), ""},
-      {Response("4.0", "<Status><Type>1</Type></Status>"), ""},
       {Response("3.0", "<Status><Type>1</Type><Code>2</Code></Status>"), ""},  // no service
   };
   // clang-format on
