@@ -47,10 +47,9 @@ TEST_F(SocketPairTest, TrafficIsTracedUnlessQuiet) {
   EXPECT_EQ("hello", ReadSome(false));
   EXPECT_TRUE(log.Count(QmLogInterface::LEVEL_TRACE, "<= hello") == 1 &&
               log.Count(QmLogInterface::LEVEL_TRACE, "=> hello") == 1);
-  EXPECT_EQ(7, client.WriteFormat("id=%04d", 42));
-  EXPECT_EQ("id=0042", ReadSome());  // a quiet read
-  EXPECT_EQ(0, log.Count(QmLogInterface::LEVEL_NONE, "=> id"));
-  EXPECT_EQ(0, client.WriteFormat(nullptr));
+  EXPECT_EQ(5, client.Write("quiet"));
+  EXPECT_EQ("quiet", ReadSome());
+  EXPECT_EQ(0, log.Count(QmLogInterface::LEVEL_NONE, "=> quiet"));
 }
 
 TEST_F(SocketPairTest, PeerCloseAndDeadPeerAreErrorsNamingTheRemoteEnd) {
@@ -135,7 +134,6 @@ TEST_F(SocketPairTest, ShutdownReleasesABlockedAccept) {
 TEST(SocketTest, ConnectAndListenFailures) {
   QmioServerSocket any;
   any.Listen("", 0, true);
-  EXPECT_EQ("localhost", any.GetHostName());
   const int port = any.GetPort();
   QmioServerSocket second;
   EXPECT_EQ("Socket Bind Failed @ 127.0.0.1",
@@ -146,15 +144,12 @@ TEST(SocketTest, ConnectAndListenFailures) {
   EXPECT_TRUE(accepted != nullptr && accepted->GetRemoteAddress() == "127.0.0.1");
   any.Shutdown();
 
-  QmioClientSocket refused, unknown, badType;
+  QmioClientSocket refused, unknown;
   EXPECT_EQ(
       "Socket Connecting Failed @ 127.0.0.1:" + std::to_string(port),
       Thrown<QmioException>([&] { refused.Connect("127.0.0.1", port, QmioSocket::SOCKET_TCP); }));
   EXPECT_EQ("Socket Unknown Remote Host @ no-such-host.invalid:1234", Thrown<QmioException>([&] {
               unknown.Connect("no-such-host.invalid", 1234, QmioSocket::SOCKET_TCP);
-            }));
-  EXPECT_EQ("Socket Unknown Type @ 127.0.0.1:1", Thrown<QmioException>([&] {
-              badType.Connect("127.0.0.1", 1, static_cast<QmioSocket::SocketType>(7));
             }));
 }
 
