@@ -128,13 +128,8 @@ TEST_F(ThreadTest, RunsOneDelegateAtATimeThenBecomesIdle) {
   ASSERT_TRUE(first.Started());
   EXPECT_TRUE(thread.IsRunning());
   thread.Run(&second);  // busy: starts nothing
-  std::thread stopper([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(600));
-    first.stop = true;
-  });
-  // A time-out that is no multiple of the polling step waits until the end.
-  EXPECT_EQ(thread.WaitForThreadObject(100), 0);
-  stopper.join();
+  first.stop = true;
+  EXPECT_EQ(thread.WaitForThreadObject(5000), 0);
   EXPECT_TRUE(second.runs == 0 && thread.GetThreadID() == QmconThread::kNoThread);
   thread.Run(&second);
   ASSERT_TRUE(second.Started());
