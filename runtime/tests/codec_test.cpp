@@ -62,15 +62,11 @@ TEST(Codec, XmlTextOfRequests) {
 }
 
 // The encoders nothing in the system calls: each decoder inverts its encoder,
-// the one-way ones keep a sample of their escapes, base64 flags foreign
-// characters and the HTTP encoder never writes past the caller's buffer.
+// base64 flags foreign characters and the HTTP encoder never writes past the
+// caller's buffer.
 TEST(Codec, OtherEncodersRoundTripAndStayWithinTheirBuffers) {
-  const std::vector<std::pair<std::string, std::string>> oneWay = {
-      {Q::EncodeUrl("a b-c.d"), "a+b%2Dc%2Ed"},
-      {Q::EncodeHTML("a\r\nb\"", false), "a<br>b&quot;"},
-      {Q::EncodeDBFilterInput("a_b\\c%"), "a\\_b\\\\c%"},
-      {base64("\xFB\xFF"), "+/8="}};
-  for (const auto& [got, expected] : oneWay) EXPECT_EQ(got, expected);
+  EXPECT_EQ(Q::EncodeUrl("a b-c.d"), "a+b%2Dc%2Ed");
+  EXPECT_EQ(base64("\xFB\xFF"), "+/8=");
 
   std::string bytes;
   for (int c = 0; c < 256; ++c) bytes += static_cast<char>(c);
