@@ -243,7 +243,6 @@ TEST_F(LogDbTest, RowsRoundTripFilterAndReplaceAStaleTable) {
   ASSERT_TRUE(write(QmLogSQLiteProcessor(db(), true), 0));
   QmLogSQLiteProcessor processor(db(), true);  // the registration survives reopening
   for (int i = 1; i < 5; ++i) ASSERT_TRUE(write(processor, i)) << processor.getDBString();
-  EXPECT_TRUE(processor.isTableExists("other_mod"));
   Db::EntrySet rows;
   ASSERT_TRUE(processor.readLogRecord(rows, "other.mod", Filter()));
   ASSERT_EQ(5u, rows.size());
@@ -256,9 +255,6 @@ TEST_F(LogDbTest, RowsRoundTripFilterAndReplaceAStaleTable) {
   EXPECT_EQ(Texts{"m2"},
             Messages(processor, "other.mod",
                      {{}, {}, "", 0, 0, LogStampOf(base + 2), false, false, false, 0, 0}));
-  EXPECT_EQ(3, processor.getNumberOfPages("other.mod", 2, 0, "", ""));
-  EXPECT_EQ(1, processor.getNumberOfPages("other.mod", 2, 4, "", ""));
-  EXPECT_EQ(1, processor.getNumberOfPages("other.mod", 1, 0, "m3", LogStampOf(base + 3)));
   // A module whose table name is taken gets a table of its own.
   ASSERT_TRUE(processor.writeLogRecord("other-mod", "own", base, 1, "f", 1));
   EXPECT_EQ("other_mod_2", processor.getTableName("other-mod"));
@@ -296,7 +292,6 @@ TEST_F(LogDbTest, UnusableDatabaseThrowsOrFailsAndTheWriterRetriesAtItsNextLine)
   EXPECT_FALSE(LogFileExists(db())) << "a reader created the database";
   QmLogSQLiteProcessor unopened(db(), false);
   EXPECT_FALSE(unopened.writeLogRecord("agent", "x", 1, 1, "f", 1));
-  EXPECT_NE(0, unopened.getDBError());
 
   SystemLogCapture capture;
   QmsysEventLogSQLiteWriter writer;

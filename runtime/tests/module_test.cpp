@@ -20,10 +20,9 @@ struct PlainModule : QmPlainModule {
   std::string GetRunningModuleName() override { return "NetModuleTest"; }
   bool InitializeSpecial() override { return Counted(initialised, initResult); }
   bool FinalizeSpecial() override { return Counted(finalised, false); }  // Finalize still says true
-  bool IsLoggerRequired() override { return loggerRequired; }
 
   int initialised = 0, finalised = 0;
-  bool initResult = true, loggerRequired = true;
+  bool initResult = true;
 };
 
 // A thread module whose work loop is given by the test.
@@ -38,17 +37,13 @@ struct LoopModule : QmThreadModule {
 
 TEST(PlainModuleTest, LoggerRules) {
   RecordingLogger log;
-  PlainModule without, given, optional, owning;
+  PlainModule without, given, owning;
   // Required but none given nor made.
   EXPECT_TRUE(without.Initialize(nullptr, "") && !without.GetLogger() && without.initialised == 1);
   given.initResult = false;
   EXPECT_FALSE(given.Initialize(&log, "/nonexistent"));
   EXPECT_EQ(&log, given.GetLogger());
   EXPECT_TRUE(given.Finalize() && given.finalised == 1);
-  optional.loggerRequired = false;  // keeps the one it has when passed none
-  optional.Initialize(&log, "");
-  optional.Initialize(nullptr, "/tmp");
-  EXPECT_EQ(&log, optional.GetLogger());
 
   LogTempDir dir;  // without one passed, creates its own and stops it at the end
   EXPECT_TRUE(owning.Initialize(nullptr, dir.path()));

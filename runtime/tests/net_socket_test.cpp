@@ -47,10 +47,9 @@ TEST_F(SocketPairTest, TrafficIsTracedUnlessQuiet) {
   EXPECT_EQ("hello", ReadSome(false));
   EXPECT_TRUE(log.Count(QmLogInterface::LEVEL_TRACE, "<= hello") == 1 &&
               log.Count(QmLogInterface::LEVEL_TRACE, "=> hello") == 1);
-  EXPECT_EQ(7, client.WriteFormat("id=%04d", 42));
-  EXPECT_EQ("id=0042", ReadSome());  // a quiet read
-  EXPECT_EQ(0, log.Count(QmLogInterface::LEVEL_NONE, "=> id"));
-  EXPECT_EQ(0, client.WriteFormat(nullptr));
+  EXPECT_EQ(5, client.Write("quiet"));
+  EXPECT_EQ("quiet", ReadSome());
+  EXPECT_EQ(0, log.Count(QmLogInterface::LEVEL_NONE, "=> quiet"));
 }
 
 TEST_F(SocketPairTest, PeerCloseAndDeadPeerAreErrorsNamingTheRemoteEnd) {
@@ -71,40 +70,27 @@ TEST_F(SocketPairTest, PeerCloseAndDeadPeerAreErrorsNamingTheRemoteEnd) {
             }));
 }
 
-TEST_F(SocketPairTest, TimeOutsAreResultsThenReadTillAndReadLine) {
+TEST_F(SocketPairTest, TimeOutsAreResultsAndLinesAreReadWhole) {
   errno = EINTR;  // left by an earlier call: it does not make a timed-out wait go on
-  EXPECT_EQ(255, accepted->ReadChar(200, status, false));
-  EXPECT_EQ(QmioSocket::SOCKET_TIMEOUT, status);
+  EXPECT_EQ(QmioSocket::SOCKET_TIMEOUT, accepted->Wait(true, false, 200));
   EXPECT_EQ(QmioSocket::SOCKET_WRITE_READY, accepted->Wait(false, true, 0));
   EXPECT_EQ(nullptr, server.Accept(0));
   // A negative time-out other than -1 is 0, never a wait without end.
   EXPECT_EQ(QmioSocket::SOCKET_TIMEOUT, accepted->Wait(true, false, -2));
 
+  // The line readers, which nothing in the system calls: a terminator split
+  // over two arrivals, the rest left for the next read, a time-out's partial line.
   std::thread writer([this] {
     client.Write("ab\r");
     std::this_thread::sleep_for(std::chrono::milliseconds(50));  // two separate arrivals
-    client.Write("\r\ncd");
+    client.Write("\r\ncd\nef");
   });
   unsigned char crlf[] = "\r\n";
   EXPECT_EQ("ab\r\r\n", accepted->ReadTill(crlf, 2000, status));
   writer.join();
-  EXPECT_EQ("cd", ReadSome());  // the rest stays for the next read
-  client.Write("zz\r");         // no terminator: the partial result and a time-out
-  EXPECT_EQ("zz\r", accepted->ReadTill(crlf, 100, status));
+  EXPECT_EQ("cd\n", accepted->ReadLine(2000, status));
+  EXPECT_EQ("ef", accepted->ReadLine(100, status));  // the timed-out byte is not added
   EXPECT_EQ(QmioSocket::SOCKET_TIMEOUT, status);
-  const std::string body(3000, 'q');  // spans several internal chunks
-  client.Write(body + "\r\n");
-  EXPECT_EQ(body + "\r\n", accepted->ReadTill(crlf, 2000, status));
-
-  client.Write("one\nab");
-  EXPECT_EQ("one\n", accepted->ReadLine(2000, status));
-  EXPECT_EQ("ab", accepted->ReadLine(100, status));  // the timed-out byte is not added
-  EXPECT_EQ(QmioSocket::SOCKET_TIMEOUT, status);
-  client.Write(std::string("a\rb\0cdefghij\nrest", 17));  // grows past the reserved 2
-  EXPECT_EQ("abcdefghij", accepted->ReadLine(status, 2));
-  client.Close();
-  EXPECT_EQ("rest", accepted->ReadLine(status, 64));
-  EXPECT_EQ(QmioSocket::SOCKET_DONE, status);
 }
 
 // A signal that interrupts a wait does not end it.
@@ -147,7 +133,6 @@ TEST_F(SocketPairTest, ShutdownReleasesABlockedAccept) {
 TEST(SocketTest, ConnectAndListenFailures) {
   QmioServerSocket any;
   any.Listen("", 0, true);
-  EXPECT_EQ("localhost", any.GetHostName());
   const int port = any.GetPort();
   QmioServerSocket second;
   EXPECT_EQ("Socket Bind Failed @ 127.0.0.1",
@@ -158,15 +143,12 @@ TEST(SocketTest, ConnectAndListenFailures) {
   EXPECT_TRUE(accepted != nullptr && accepted->GetRemoteAddress() == "127.0.0.1");
   any.Shutdown();
 
-  QmioClientSocket refused, unknown, badType;
+  QmioClientSocket refused, unknown;
   EXPECT_EQ(
       "Socket Connecting Failed @ 127.0.0.1:" + std::to_string(port),
       Thrown<QmioException>([&] { refused.Connect("127.0.0.1", port, QmioSocket::SOCKET_TCP); }));
   EXPECT_EQ("Socket Unknown Remote Host @ no-such-host.invalid:1234", Thrown<QmioException>([&] {
               unknown.Connect("no-such-host.invalid", 1234, QmioSocket::SOCKET_TCP);
-            }));
-  EXPECT_EQ("Socket Unknown Type @ 127.0.0.1:1", Thrown<QmioException>([&] {
-              badType.Connect("127.0.0.1", 1, static_cast<QmioSocket::SocketType>(7));
             }));
 }
 
