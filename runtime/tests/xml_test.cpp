@@ -67,6 +67,7 @@ TEST(XmlWriter, GoldenSerialisationsAndEscaping) {
   EXPECT_EQ(
       root.toString(),
       "<r q=\"&quot;it&apos;s&quot; &lt;&amp;&gt;\">a&lt;b &amp; c&amp;d&#39;e&amp;#x27;</r>\n");
+  EXPECT_EQ(XmlReaderWriter::encodeSpecialChar(nullptr), "");
 }
 
 // The document <r a="v"><c>v</c></r> declared in `encoding`, as read (without
@@ -240,6 +241,7 @@ TEST_F(XmlNodeTest, ReadsChildrenAttributesAndValues) {
   EXPECT_TRUE(m_root.hasChild("num") && !m_root.hasChild("nu"));
   EXPECT_EQ(static_cast<long>(m_root["num"].value()), -42L);
   EXPECT_TRUE(std::string(m_root["empty"].value()).empty() && !m_root["empty"].hasValue());
+  EXPECT_FALSE(m_root["empty"].value() == "");  // no text is not an empty text
   const std::vector<std::pair<Action, std::string>> cases = {
       {[&] { m_root["gone"]; }, "Unable to find child node 'gone'."},
       {[&] { m_root[6u]; }, "Unable to find child node."},
