@@ -65,17 +65,17 @@ TEST(ThreadModuleTest, WaitAndPacingBeforeAndAfterStop) {
   module.Initialize(&log, "");
   EXPECT_TRUE(module.StartAsThread());
   EXPECT_EQ(QmconEvent::SIGNALLED, started.Wait(5000));
-  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_INFO, "Starting 'Loop Module' thread, pid:"));
+  EXPECT_EQ(1u, log.Count(QmLogInterface::LEVEL_INFO, "Starting 'Loop Module' thread, pid:"));
   EXPECT_FALSE(module.StartAsThread());  // already running: refused, the thread goes on
-  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_ERROR,
-                         "Unable to start 'Loop Module' thread: it is already running."));
+  EXPECT_EQ(1u, log.Count(QmLogInterface::LEVEL_ERROR,
+                          "Unable to start 'Loop Module' thread: it is already running."));
   EXPECT_TRUE(module.KeepContinueMyself(10, true) && !module.KeepContinueMyself(10, false));
   EXPECT_FALSE(module.WaitForThreadStop(50));
 
   EXPECT_TRUE(module.StopThread() && module.WaitForThreadStop(5000));
   EXPECT_EQ(1, module.finalised.load());
   // The last trace comes before the stopped event.
-  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_TRACE, "Leaving QmThreadModule::DoWork()"));
+  EXPECT_EQ(1u, log.Count(QmLogInterface::LEVEL_TRACE, "Leaving QmThreadModule::DoWork()"));
   EXPECT_FALSE(module.KeepContinueMyself(5000, true));  // the stop stays set
   EXPECT_TRUE(module.KeepContinueMyself(0, true));
 }

@@ -115,7 +115,7 @@ TEST_F(ListenerTest, ConnectionEndsPromptStopAndRebind) {
   StopListener();
   EXPECT_TRUE(reading.SeesClose(3000) && silent.SeesClose(3000));
   EXPECT_TRUE(Reaches(traffic.destroyed, 4) && !RawClient(port).Connected());
-  EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_DEBUG, "SocketListener: Do not continue any more"));
+  EXPECT_EQ(1u, log.Count(QmLogInterface::LEVEL_DEBUG, "SocketListener: Do not continue any more"));
 
   // The listener closed "bye" itself, so the port has a connection waiting
   // out its time; a new listener binds it at once all the same.
@@ -152,13 +152,13 @@ TEST_F(ListenerTest, FullPoolMakesRoomAndIdleConnectionsExpire) {
   listener->SetIdleTimeout(200);
   EXPECT_TRUE(talker.SeesClose(5000) && newer.SeesClose(5000));
   EXPECT_TRUE(Reaches(traffic.destroyed, 3));
-  EXPECT_EQ(2, log.Count(QmLogInterface::LEVEL_INFO, "ms without data."));
+  EXPECT_EQ(2u, log.Count(QmLogInterface::LEVEL_INFO, "ms without data."));
   {
     std::lock_guard<std::mutex> lock(traffic.mutex);
     EXPECT_EQ(1u, traffic.connections.count("ac"));  // one handler for both pieces
   }
   EXPECT_FALSE(listener->WaitForThreadStop(0));
-  EXPECT_EQ(0, log.Count(QmLogInterface::LEVEL_ERROR, ""));
+  EXPECT_EQ(0u, log.Count(QmLogInterface::LEVEL_ERROR, ""));
   StopListener();
 }
 

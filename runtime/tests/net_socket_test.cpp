@@ -49,7 +49,7 @@ TEST_F(SocketPairTest, TrafficIsTracedUnlessQuiet) {
               log.Count(QmLogInterface::LEVEL_TRACE, "=> hello") == 1);
   EXPECT_EQ(5, client.Write("quiet"));
   EXPECT_EQ("quiet", ReadSome());
-  EXPECT_EQ(0, log.Count(QmLogInterface::LEVEL_NONE, "=> quiet"));
+  EXPECT_EQ(0u, log.Count(QmLogInterface::LEVEL_NONE, "=> quiet"));
 }
 
 TEST_F(SocketPairTest, PeerCloseAndDeadPeerAreErrorsNamingTheRemoteEnd) {

@@ -8,19 +8,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <functional>
-#include <mutex>
 #include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
-#include "QmLogInterface.h"
 #include "QmconFunctions.h"
 #include "QmioException.h"
 #include "log_test_util.h"
+#include "recording_logger.h"
 
 // An I/O exception reads as its message and path (see Thrown).
 inline std::string ThrownText(const QmioException& e) {
@@ -33,51 +26,6 @@ struct RuntimeEnvironment : ::testing::Environment {
 };
 inline ::testing::Environment* const g_runtimeEnvironment =
     ::testing::AddGlobalTestEnvironment(new RuntimeEnvironment);
-
-// Logger that keeps every line with its level, safe for several threads.
-class RecordingLogger : public QmLogInterface {
- public:
-  void EnableThreadIdPrefix(bool) override {}
-  LogLevel GetLogLevel() override { return LEVEL_TRACE; }
-  std::string GetLoggerName() override { return "recording"; }
-#define QM_RECORD(Name, Level)                                 \
-  bool Name(const std::string& m, int, const char*) override { \
-    return Add(Level, m);                                      \
-  }
-  QM_RECORD(WriteTrace, LEVEL_TRACE)
-  QM_RECORD(WriteDebug, LEVEL_DEBUG)
-  QM_RECORD(WriteInfo, LEVEL_INFO)
-  QM_RECORD(WriteWarn, LEVEL_WARN)
-  QM_RECORD(WriteError, LEVEL_ERROR)
-  QM_RECORD(WriteCritical, LEVEL_CRITICAL)
-  QM_RECORD(WriteFatal, LEVEL_FATAL)
-#undef QM_RECORD
-  // Lines containing `text`, at `level` (LEVEL_NONE: at any level).
-  int Count(LogLevel level, const std::string& text) const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return std::count_if(m_lines.begin(), m_lines.end(), [&](const auto& line) {
-      return (level == LEVEL_NONE || line.first == level) &&
-             line.second.find(text) != std::string::npos;
-    });
-  }
-
- private:
-  bool Add(LogLevel level, const std::string& msg) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_lines.emplace_back(level, msg);
-    return true;
-  }
-  mutable std::mutex m_mutex;
-  std::vector<std::pair<LogLevel, std::string>> m_lines;
-};
-
-// Polls `done` every few milliseconds until it holds or `limitMs` passes.
-inline bool WaitUntil(const std::function<bool()>& done, int limitMs) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-  for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(5)))
-    if (std::chrono::steady_clock::now() > end) return false;
-  return true;
-}
 
 // A plain loopback client, independent of the classes under test.
 class RawClient {

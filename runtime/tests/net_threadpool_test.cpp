@@ -93,7 +93,7 @@ TEST(ThreadPoolTest, StopDropsQueuedItemsStopsRunningOnesAndLeavesAStragglerAliv
     EXPECT_TRUE(journal.stopCalls == 2 && journal.ran == 1);  // the item that stopped
     EXPECT_EQ(3, journal.destroyed.load());                   // it and the two queued ones
     EXPECT_EQ(1u, pool.WorkerCount());                        // the straggler, left running
-    EXPECT_EQ(1, log.Count(QmLogInterface::LEVEL_ERROR, "still busy 1000 ms after the stop"));
+    EXPECT_EQ(1u, log.Count(QmLogInterface::LEVEL_ERROR, "still busy 1000 ms after the stop"));
   }
   unstick.Broadcast();
   ASSERT_TRUE(WaitUntil([&] { return journal.destroyed == 4; }, 5000));

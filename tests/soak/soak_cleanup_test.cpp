@@ -95,16 +95,16 @@ TEST_F(CleanupSoakTest, CleanupAtRandomMomentsWhileTheHostSendsAndAnswersArrive)
     EXPECT_LT(cleanupEnd - start, kBound);
     cleanedUp = true;
     // The host threads try again after Cleanup before the round ends.
-    EXPECT_TRUE(
-        WaitUntil([&] { return sendsAfterCleanup >= afterCleanupBefore + 2 * kHostThreads; }, 10));
+    EXPECT_TRUE(WaitUntil(
+        [&] { return sendsAfterCleanup >= afterCleanupBefore + 2 * kHostThreads; }, 10000));
     stop = true;
     pusher.Stop(true);
     for (std::thread& thread : threads) thread.join();
 
     EXPECT_LT(longestSend, kBound);
     EXPECT_LT(longestPastCleanup, kPastCleanupBound);
-    EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= threadsBefore; }, 10));
-    EXPECT_TRUE(WaitUntil([&] { return DescriptorCount() <= descriptorsBefore; }, 10));
+    EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= threadsBefore; }, 10000));
+    EXPECT_TRUE(WaitUntil([&] { return DescriptorCount() <= descriptorsBefore; }, 10000));
   }
   auto ms = [](Clock::duration d) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(d).count();

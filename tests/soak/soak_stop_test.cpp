@@ -68,15 +68,15 @@ TEST(PoolStopTest, StoppedOverAndOverWhileWorkersAllocateAndPrint) {
     pool.SetLogger(&reports);
     for (int i = 0; i < 6; ++i) pool.AddWork(new BusyWork(&shop, oneLingers && i == 0));
     // Four run (the first always among them); two wait in the queue.
-    ASSERT_TRUE(WaitUntil([&] { return shop.started >= startedBefore + 4; }, 10));
+    ASSERT_TRUE(WaitUntil([&] { return shop.started >= startedBefore + 4; }, 10000));
     const Clock::time_point start = Clock::now();
     EXPECT_TRUE(pool.Stop(stopBoundMs));
     longestStop = std::max(longestStop, Clock::now() - start);
   }
 
   // Every item ends, the lingering ones after their pools have gone.
-  EXPECT_TRUE(WaitUntil([&] { return shop.live == 0; }, 30)) << shop.live;
-  EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= threadsBefore; }, 10));
+  EXPECT_TRUE(WaitUntil([&] { return shop.live == 0; }, 30000)) << shop.live;
+  EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= threadsBefore; }, 10000));
   const long grownKiB = ResidentKiB() - residentAfterWarmUp;
   EXPECT_GE(reports.Count(Level::LEVEL_ERROR, "left running"),
             static_cast<size_t>(kPoolRounds / 50));

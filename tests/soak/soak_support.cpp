@@ -141,35 +141,6 @@ void LoopbackOapServer::ServeOne(int fd) {
   DrainUntilClosed(fd, deadline);
 }
 
-int ConnectLoopback(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address = FakeOapServer::Loopback(port);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
-  close(fd);
-  return -1;
-}
-
-bool PushTaken(int port, const std::string& document, std::atomic<int>& resent) {
-  for (int attempt = 0; attempt < 10; ++attempt, ++resent) {
-    const int fd = ConnectLoopback(port);
-    if (fd < 0) return false;
-    // Nothing is ever written back: readable before the write means closed.
-    pollfd entry{fd, POLLIN, 0};
-    const bool written = poll(&entry, 1, 0) == 0 &&
-                         send(fd, document.data(), document.size(), MSG_NOSIGNAL) ==
-                             static_cast<ssize_t>(document.size()) &&
-                         shutdown(fd, SHUT_WR) == 0;
-    char sink[64];
-    const bool closed = written && WaitReadable(fd, Clock::now() + std::chrono::seconds(5));
-    const ssize_t end = closed ? recv(fd, sink, sizeof sink, 0) : -1;
-    close(fd);
-    // Taken, or no answer from the driver at all (no second try then: the
-    // document may have been taken).
-    if (end == 0 || (written && !closed)) return end == 0;
-  }
-  return false;
-}
-
 bool RaiseDescriptorLimit(rlim_t count) {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_max < count) return false;

@@ -78,26 +78,6 @@ inline unsigned SoakSeed() {
                           : static_cast<unsigned>(std::random_device()());
 }
 
-// Polls `condition` every few milliseconds for up to `seconds`, for states
-// nothing signals; its last value.
-template <typename Condition>
-bool WaitUntil(Condition condition, int seconds) {
-  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(seconds);
-  while (!condition() && Clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return condition();
-}
-
-// A loopback connection to `port`, -1 when it cannot be made.
-int ConnectLoopback(int port);
-// An OAP server that makes sure the driver took the document: connect, write,
-// half-close, wait (bounded) for the driver's close. A connection the driver
-// closed before it read anything (to make room, while this sender stalled
-// past the grace time) is found closed before the write or reset after it;
-// the document then goes again on a new connection, as a server would send
-// it. False when no connection took it; `resent` counts the second tries.
-bool PushTaken(int port, const std::string& document, std::atomic<int>& resent);
 // Lets this process open at least `count` descriptors; false when the hard
 // limit is lower.
 bool RaiseDescriptorLimit(rlim_t count);
@@ -196,7 +176,7 @@ class SoakDriverTest : public DriverTest {
       const Clock::time_point start = Clock::now();
       EXPECT_TRUE(driver->Cleanup());
       EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
-      EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= threadsBefore; }, 10));
+      EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= threadsBefore; }, 10000));
     }
     server.Stop();
     DriverTest::TearDown();

@@ -1,6 +1,12 @@
 #ifndef QM_OAP_TESTS_FAKEOAPSERVER_H
 #define QM_OAP_TESTS_FAKEOAPSERVER_H
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -8,10 +14,9 @@
 #include <deque>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
-
-#include "inbound_sender.h"  // also the socket headers
 
 // Documents as the server writes them, spelled out literally.
 inline std::string Response3(const std::string& hexId, const std::string& status) {
@@ -160,12 +165,49 @@ inline int UnusedPort() {
   close(fd);
   return ntohs(address.sin_port);
 }
-inline bool CanConnect(int port) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
+// A connection to `port` on 127.0.0.1, not inherited by child processes; -1
+// when it cannot be made.
+inline int ConnectLoopback(int port) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address = FakeOapServer::Loopback(port);
-  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
   close(fd);
-  return ok;
+  return -1;
+}
+inline bool CanConnect(int port) {
+  const int fd = ConnectLoopback(port);
+  if (fd >= 0) close(fd);
+  return fd >= 0;
+}
+
+// Plays the OAP server's side of an inbound connection: connects to the
+// listener, writes the document, half-closes and waits (at most five
+// seconds) until the driver has closed its end, so that the caller knows the
+// document was taken. A connection the driver closed before it read anything
+// (to make room, while this sender stalled past the grace time) is found
+// closed before the write or reset after it; the document then goes again on
+// a new connection, as a server would send it, counted in `resent`. False
+// when no connection took it.
+inline bool SendInbound(int port, const std::string& document, std::atomic<int>* resent = nullptr) {
+  for (int attempt = 0; attempt < 10; ++attempt) {
+    const int fd = ConnectLoopback(port);
+    if (fd < 0) return false;
+    // The driver never writes back: readable before the write means closed.
+    pollfd entry{fd, POLLIN, 0};
+    const bool written = poll(&entry, 1, 0) == 0 &&
+                         send(fd, document.data(), document.size(), MSG_NOSIGNAL) ==
+                             static_cast<ssize_t>(document.size()) &&
+                         shutdown(fd, SHUT_WR) == 0;
+    char sink[64];
+    const bool closed = written && poll(&entry, 1, 5000) > 0;
+    const ssize_t end = closed ? recv(fd, sink, sizeof sink, 0) : -1;
+    close(fd);
+    // Taken, or no answer from the driver at all (no second try then: the
+    // document may have been taken).
+    if (end == 0 || (written && !closed)) return end == 0;
+    if (resent != nullptr) ++*resent;
+  }
+  return false;
 }
 
 #endif

@@ -6,10 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "../../../runtime/tests/recording_logger.h"
+#include "FakeOapServer.h"
 #include "QmDriverLoader.h"
 #include "QmReferenceJob.h"
 #include "QmReferenceReportsManager.h"
-#include "engine_test_support.h"
 
 // The plug-in loaded and its driver wired to a recording logger, a queue and
 // a reports manager, as a host does it.

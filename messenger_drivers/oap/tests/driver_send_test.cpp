@@ -214,9 +214,8 @@ TEST_F(SendTest, ListenerDropsWhatItCannotUseAndKeepsTakingAnswers) {
 
   // Not SendInbound: without a half-close the driver must close the
   // connection itself, on the document that never ends.
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in listener = FakeOapServer::Loopback(listenerPort);
-  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&listener), sizeof listener), 0);
+  const int fd = ConnectLoopback(listenerPort);
+  ASSERT_GE(fd, 0);
   const std::string text = OptionAnswer(hexId, "<DataResp>N:Yes</DataResp>") +
                            OptionAnswer(hexId, "<UserResponse>both</UserResponse>") +
                            "<OAP-request>" + std::string(65536, ' ');

@@ -7,6 +7,8 @@
 #include <atomic>
 #include <thread>
 
+#include "../../../runtime/tests/recording_logger.h"
+#include "FakeOapServer.h"
 #include "MessageBody.h"
 #include "OAPBlockHeader.h"
 #include "OAPClient.h"
@@ -16,7 +18,6 @@
 #include "OAPRequestBlock.h"
 #include "QmException.h"
 #include "QmconFunctions.h"
-#include "engine_test_support.h"
 
 namespace {
 

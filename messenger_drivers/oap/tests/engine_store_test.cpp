@@ -10,12 +10,13 @@
 #include <thread>
 #include <vector>
 
+#include "../../../runtime/tests/recording_logger.h"
+#include "FakeOapServer.h"
 #include "MessageBody.h"
 #include "OAPMemoryMessageStore.h"
 #include "OAPMessageCodec.h"
 #include "OAPMessageSweeper.h"
 #include "OAPSQLiteMessageStore.h"
-#include "engine_test_support.h"
 
 namespace {
 

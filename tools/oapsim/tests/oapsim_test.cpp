@@ -70,14 +70,12 @@ std::string Replace(std::string text, const std::string& from, const std::string
 // pieces, the second once nothing came back to the first for 0.1 s: a
 // request may arrive in any number of reads.
 std::string Exchange(int port, const std::string& request, bool halfClose = false) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_in address = FakeOapServer::Loopback(port);
+  const int fd = ConnectLoopback(port);
   std::string answer;
   char chunk[4096];
   pollfd waiter{fd, POLLIN, 0};
   const ssize_t half = static_cast<ssize_t>(request.size() / 2);
-  if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-      write(fd, request.data(), half) == half && poll(&waiter, 1, 100) == 0 &&
+  if (fd >= 0 && write(fd, request.data(), half) == half && poll(&waiter, 1, 100) == 0 &&
       write(fd, request.data() + half, request.size() - half) ==
           static_cast<ssize_t>(request.size()) - half) {
     if (halfClose) shutdown(fd, SHUT_WR);
@@ -217,9 +215,8 @@ TEST(OapSimProcessTest, ConfiguredStatusSilenceStoppingAndRefusedCommandLines) {
   // Silent: the request is read, and the connection stays open without a
   // byte until the client gives up.
   Sim silent({"--silent"});
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_in address = FakeOapServer::Loopback(silent.Port());
-  ASSERT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const int fd = ConnectLoopback(silent.Port());
+  ASSERT_GE(fd, 0);
   ASSERT_EQ(write(fd, kInteractive30.data(), kInteractive30.size()),
             static_cast<ssize_t>(kInteractive30.size()));
   EXPECT_NE(silent.WaitFor("left unanswered"), "");

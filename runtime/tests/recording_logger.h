@@ -1,24 +1,26 @@
-#ifndef QM_OAP_TESTS_ENGINE_TEST_SUPPORT_H
-#define QM_OAP_TESTS_ENGINE_TEST_SUPPORT_H
+#ifndef QM_RUNTIME_TESTS_RECORDING_LOGGER_H
+#define QM_RUNTIME_TESTS_RECORDING_LOGGER_H
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "FakeOapServer.h"
 #include "QmLogInterface.h"
 
 // A logger that records every line with its level and source name, safe for
-// the listener's threads, and lets a test wait until some line was written.
+// several threads, and lets a test wait until some line was written.
 class RecordingLogger : public QmLogInterface {
  public:
   void EnableThreadIdPrefix(bool) override {}
   LogLevel GetLogLevel() override { return LEVEL_TRACE; }
   std::string GetLoggerName() override { return "recording"; }
 
-  // Lines at `level` that contain `part` (that are exactly `part` if `whole`).
+  // Lines at `level` (LEVEL_NONE: at any level) that contain `part` (that
+  // are exactly `part` if `whole`).
   size_t Count(LogLevel level, const std::string& part, bool whole = false) {
     std::lock_guard<std::mutex> guard(m_mutex);
     size_t count = 0;
@@ -66,7 +68,7 @@ class RecordingLogger : public QmLogInterface {
     std::string text, file;
   };
   static bool Matches(const Line& line, LogLevel level, const std::string& part, bool whole) {
-    return line.level == level &&
+    return (level == LEVEL_NONE || line.level == level) &&
            (whole ? line.text == part : line.text.find(part) != std::string::npos);
   }
   bool Add(LogLevel level, const std::string& text, const char* file) {
@@ -80,5 +82,14 @@ class RecordingLogger : public QmLogInterface {
   std::condition_variable m_added;
   std::vector<Line> m_lines;
 };
+
+// Polls `done` every few milliseconds until it holds or `limitMs` passes,
+// for states nothing signals.
+inline bool WaitUntil(const std::function<bool()>& done, int limitMs) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+  for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(5)))
+    if (std::chrono::steady_clock::now() > end) return false;
+  return true;
+}
 
 #endif
