@@ -13,10 +13,9 @@
 #include "QmconCriticalSection.h"
 #include "QmconEvent.h"
 #include "QmconException.h"
-#include "QmconFunctions.h"
-#include "QmconLock.h"
 #include "QmconThread.h"
 #include "QmioException.h"
+#include "log_test_util.h"
 
 namespace {
 
@@ -140,13 +139,7 @@ TEST_F(ThreadTest, RunsOneDelegateAtATimeThenBecomesIdle) {
   EXPECT_FALSE(thread.IsRunning());
   thread.Kill();
   thread.Stop();
-  std::string thrown;
-  try {
-    thread.Resume();
-  } catch (const QmconException& e) {
-    thrown = e.GetMsg();
-  }
-  EXPECT_EQ(thrown, "Resume Thread Failed");
+  EXPECT_EQ("Resume Thread Failed", Thrown<QmconException>([&] { thread.Resume(); }));
   EXPECT_EQ(second.stops + second.pauses + second.resumes, 0);
 }
 
@@ -190,20 +183,18 @@ TEST_F(ThreadTest, SuspendResumeAndKillAreRequestsTheThreadHonours) {
 }
 
 TEST(ExceptionTest, ToStringFormats) {
-  const std::pair<std::string, std::string> cases[] = {
-      {QmException("QmioSocket", 12, "Socket is closed", "Success").ToString(),
-       "Exception raised! File[QmioSocket] Line[12] Msg[Socket is closed] SysMsg[Success]"},
-      {QmioException("10.0.0.1:7000", "QmioSocket", 3, "Socket Connecting Failed", "refused")
-           .ToString(),
-       "Exception raised! IO path[10.0.0.1:7000] File[QmioSocket] Line[3] "
-       "Msg[Socket Connecting Failed] SysMsg[refused]"},
-      // The file's name only, however the build named it.
-      {QmconException(42, "/build/runtime/src/QmconEvent.cpp", 7, "Lock failed", "Invalid argument")
-           .ToString(),
-       "Exception raised! ThreadID[42] File[QmconEvent.cpp] Line[7] Msg[Lock failed] "
-       "SysMsg[Invalid argument]"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(c.first, c.second);
+  EXPECT_EQ(QmException("QmioSocket", 12, "Socket is closed", "Success").ToString(),
+            "Exception raised! File[QmioSocket] Line[12] Msg[Socket is closed] SysMsg[Success]");
+  EXPECT_EQ(QmioException("10.0.0.1:7000", "QmioSocket", 3, "Socket Connecting Failed", "refused")
+                .ToString(),
+            "Exception raised! IO path[10.0.0.1:7000] File[QmioSocket] Line[3] "
+            "Msg[Socket Connecting Failed] SysMsg[refused]");
+  // The file's name only, however the build named it.
+  EXPECT_EQ(
+      QmconException(42, "/build/runtime/src/QmconEvent.cpp", 7, "Lock failed", "Invalid argument")
+          .ToString(),
+      "Exception raised! ThreadID[42] File[QmconEvent.cpp] Line[7] Msg[Lock failed] "
+      "SysMsg[Invalid argument]");
 }
 
 TEST(StringHelpersTest, TextAndNumberConversions) {

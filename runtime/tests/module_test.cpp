@@ -99,9 +99,7 @@ TEST(ThreadModuleTest, EachKindOfExceptionIsLoggedOnceAndTheModuleStillEnds) {
     ASSERT_TRUE(module->WaitForThreadStop(5000)) << c.second;
     EXPECT_TRUE(log->Count(QmLogInterface::LEVEL_CRITICAL, c.second) == 1 && module->finalised == 1)
         << c.second;
-    module.reset();
-    log.reset();
-  }
+  }  // the module goes first, then its logger
 }
 
 }  // namespace
