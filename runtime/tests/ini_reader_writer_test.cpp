@@ -13,18 +13,14 @@ namespace {
 
 class IniTest : public ::testing::Test {
  protected:
-  void writeFile(const std::string& text) const { LogWriteFile(path(), text); }
-  std::string readFile(const std::string& name = "test.ini") const {
-    return LogReadFile(path(name));
-  }
   std::string path(const std::string& name = "test.ini") const { return m_dir.file(name); }
   LogTempDir m_dir;
 };
 
 TEST_F(IniTest, ReadsCaseInsensitivelyAndKeepsOnlyMeaningfulLines) {
-  writeFile(
-      "top=1\n[Main]\nLevel=Info\nWriter = File\n[Other]\nlevel=debug\n  \n"
-      "[s]\nkey =  \n= orphan\nflag\n# note = x\n  spaced  =  v w  \n");
+  LogWriteFile(path(),
+               "top=1\n[Main]\nLevel=Info\nWriter = File\n[Other]\nlevel=debug\n  \n"
+               "[s]\nkey =  \n= orphan\nflag\n# note = x\n  spaced  =  v w  \n");
   IniReaderWriter ini(path().c_str(), true, false, false);
   ASSERT_TRUE(ini.isFileLoaded());
   EXPECT_EQ(ini.getKeyValue("[main]", "LEVEL") + "," +
@@ -43,7 +39,7 @@ TEST_F(IniTest, ReadsCaseInsensitivelyAndKeepsOnlyMeaningfulLines) {
 TEST_F(IniTest, StrayBytesBeforeASectionDoNotSpoilIt) {
   for (const char* text :
        {"[", "[]=", "=\n[a", "]#;\r\xff\t", "[open\nk", "\xff\xfe[x]z=", "a=b=c\r"}) {
-    writeFile(std::string(text) + "\n[known]\nkey=value\n");
+    LogWriteFile(path(), std::string(text) + "\n[known]\nkey=value\n");
     IniReaderWriter ini(path(), true, false, false);
     EXPECT_TRUE(ini.isFileLoaded() && ini.getKeyValue("[known]", "key") == "value") << text;
   }
@@ -55,19 +51,19 @@ TEST_F(IniTest, WritingBackNormalisesLinesOfAnyLength) {
       {"  [x]  \n\n\n# c\nk = v \nflag\nempty=\n[y]\nz=9", "\n[x]\n# c\nk=v\nflag=\n\n[y]\nz=9\n"},
       {"", ""}};
   for (const auto& c : cases) {
-    writeFile(c[0]);
+    LogWriteFile(path(), c[0]);
     EXPECT_TRUE(IniReaderWriter(path(), true, false, false).write());
-    EXPECT_EQ(readFile(), c[1]);
+    EXPECT_EQ(LogReadFile(path()), c[1]);
   }
   const std::string value(100000, 'v');
-  writeFile("[s]\nk=" + value + "\nnext=1");
+  LogWriteFile(path(), "[s]\nk=" + value + "\nnext=1");
   IniReaderWriter ini(path(), true, false, false);
   EXPECT_EQ(ini.getKeyValue("[s]", "k"), value);
   EXPECT_EQ(ini.getKey("[s]", 1) + ini.getKey("[s]", 2), "next");
 }
 
 TEST_F(IniTest, CreatesAndRemoves) {
-  writeFile("[a]\nx=1\n[b]\ny=2\nw=3\n[c]\nz=4\n");
+  LogWriteFile(path(), "[a]\nx=1\n[b]\ny=2\nw=3\n[c]\nz=4\n");
   IniReaderWriter ini(path(), true, false, false);
   EXPECT_EQ(ini["[A]"]["X"] + "|" + ini["[a]"]["k"], "1|");
   ini["[new]"]["n"] = "5";
@@ -82,7 +78,7 @@ TEST_F(IniTest, CreatesAndRemoves) {
   EXPECT_THROW(headA["x"], std::logic_error);  // a removed head holds no keys
   EXPECT_EQ(kept, "3");                        // references survive removal of other nodes
   ASSERT_TRUE(ini.write());
-  EXPECT_EQ(readFile(), "\n[b]\ny=2\n\n[c]\nz=3\nv=4\n\n[new]\nn=5\n");
+  EXPECT_EQ(LogReadFile(path()), "\n[b]\ny=2\n\n[c]\nz=3\nv=4\n\n[new]\nn=5\n");
 
   IniReaderWriter missing(path("absent.ini"), true, true, false);
   EXPECT_FALSE(missing.isFileLoaded() || missing.read());
@@ -92,7 +88,7 @@ TEST_F(IniTest, CreatesAndRemoves) {
 }
 
 TEST_F(IniTest, LocksAreExclusiveOrSharedAndRespectedByReaders) {
-  writeFile("[s]\nk=v\n");
+  LogWriteFile(path(), "[s]\nk=v\n");
   QmIniReaderWriterEx first(path(), true, false), second(path(), true, false);
   EXPECT_FALSE(first.lock(true));  // nothing open yet
   ASSERT_TRUE(first.open(false) && second.open(false));
@@ -113,15 +109,15 @@ TEST_F(IniTest, ExtendedRewritesOpenFileInPlace) {
   ini.setKeyValue("[main]", "first", std::string(200, 'x'));
   ini.setKeyValue("[main]", "second", "2");
   ASSERT_TRUE(ini.write() && ini.removeKey("[main]", "first") && ini.write());
-  EXPECT_EQ(readFile(), "\n[main]\nsecond=2\n");  // no trace of the longer text
-  EXPECT_TRUE(ini.write(path("copy.ini")) && readFile("copy.ini") == readFile());
+  EXPECT_EQ(LogReadFile(path()), "\n[main]\nsecond=2\n");  // no trace of the longer text
+  EXPECT_TRUE(ini.write(path("copy.ini")) && LogReadFile(path("copy.ini")) == LogReadFile(path()));
   EXPECT_TRUE(ini.close());
   EXPECT_FALSE(ini.read() || ini.write());
 }
 
 // Each process repeatedly adds its own key under the held lock; none is lost.
 TEST_F(IniTest, ConcurrentProcessesKeepEachOthersKeys) {
-  writeFile("[main]\n");
+  LogWriteFile(path(), "[main]\n");
   constexpr int kProcesses = 3, kRounds = 40;
   auto key = [](int i) { return "p" + std::to_string(i / kRounds) + "_" + std::to_string(i); };
   pid_t children[kProcesses];

@@ -1,8 +1,6 @@
 // XML documents: parsing, hostile input, the writer, paths, file binding and the node API.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "XmlReaderWriter.h"
 #include "log_test_util.h"
 
@@ -14,9 +12,7 @@ inline std::string ThrownText(const XmlReaderWriter::NodeException& e) {
 namespace {
 
 using Node = XmlReaderWriter::Node;
-using NodeString = XmlReaderWriter::NodeString;
 using NodeException = XmlReaderWriter::NodeException;
-using Action = std::function<void()>;
 
 const std::string kDecl = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"no\"?>\n\n";
 
@@ -50,8 +46,6 @@ TEST(XmlWriter, GoldenSerialisationsAndEscaping) {
       {"<?xml version=\"1.0\" encoding=\"ISO-8859-1\" standalone=\"yes\"?><r/>",
        "<?xml version=\"1.0\" encoding=\"ISO-8859-1\" standalone=\"yes\"?>\n\n<r>\n</r>\n"},
       {"<a x=\"1\"><b>t</b><c/></a>", kDecl + "<a x=\"1\">\n  <b>t</b>\n  <c/>\n</a>\n"},
-      {"<a y='it&apos;s \"q\"'>&lt;&amp;</a>",
-       kDecl + "<a y=\"it&apos;s &quot;q&quot;\">&lt;&amp;</a>\n"},
   };
   for (const auto& c : cases) {
     XmlReaderWriter doc;
@@ -70,17 +64,6 @@ TEST(XmlWriter, GoldenSerialisationsAndEscaping) {
   EXPECT_EQ(XmlReaderWriter::encodeSpecialChar(nullptr), "");
 }
 
-// The document <r a="v"><c>v</c></r> declared in `encoding`, as read (without
-// layout) or as the writer lays it out, turned into bytes by `encode`.
-template <typename Encode>
-std::string Document(const std::string& encoding, const std::string& v, Encode encode,
-                     bool written) {
-  const std::string declaration = "<?xml version=\"1.0\" encoding=\"" + encoding + "\"";
-  if (!written) return encode(declaration + "?><r a='" + v + "'><c>" + v + "</c></r>");
-  return encode(declaration + " standalone=\"no\"?>\n\n<r a=\"" + v + "\">\n  <c>" + v +
-                "</c>\n</r>\n");
-}
-
 // ISO-8859-1 and UTF-16 bytes of UTF-8 text (characters below U+0800).
 std::string Recode(const std::string& utf8, const std::string& to) {
   if (to == "UTF-8" || to == "US-ASCII") return utf8;
@@ -96,6 +79,16 @@ std::string Recode(const std::string& utf8, const std::string& to) {
   return out;
 }
 
+// The document <r a="v"><c>v</c></r> in the bytes of the `encoding` it
+// declares, as read (without layout) or as the writer lays it out.
+std::string Document(const std::string& encoding, const std::string& v, bool written) {
+  const std::string declaration = "<?xml version=\"1.0\" encoding=\"" + encoding + "\"";
+  if (!written) return Recode(declaration + "?><r a='" + v + "'><c>" + v + "</c></r>", encoding);
+  return Recode(
+      declaration + " standalone=\"no\"?>\n\n<r a=\"" + v + "\">\n  <c>" + v + "</c>\n</r>\n",
+      encoding);
+}
+
 // A document is written in the encoding it declares and reads back to the
 // same text; characters the encoding lacks become references, characters XML
 // does not allow become U+FFFD, and bytes that are no UTF-8 read as Latin-1.
@@ -105,23 +98,17 @@ TEST(XmlWriter, WritesTheEncodingItDeclaresAndOnlyCharactersXmlAllows) {
     std::string encoding, set, stored, written;  // written: before recoding
   } cases[] = {{"ISO-8859-1", euro + cafe, euro + cafe, "&#8364;" + cafe},
                {"US-ASCII", cafe, cafe, "caf&#233;"},
-               {"UTF-16", euro + cafe, euro + cafe, euro + cafe},
+               {"UTF-16", cafe, cafe, cafe},
                {"UTF-16BE", cafe, cafe, cafe},
-               {"UTF-8",
-                "a\x01\x1f"
-                "b\xe9",
-                "a" + fffd + fffd + "b\xc3\xa9", "a" + fffd + fffd + "b\xc3\xa9"}};
+               {"UTF-8", "a\001\037b\xe9", "a" + fffd + fffd + "b\xc3\xa9",
+                "a" + fffd + fffd + "b\xc3\xa9"}};
   for (const auto& c : cases) {
-    auto recode = [&](const std::string& text) { return Recode(text, c.encoding); };
     XmlReaderWriter doc;
-    ASSERT_TRUE(Parse(doc, Document(c.encoding, "cafe", recode, false))) << c.encoding;
+    ASSERT_TRUE(Parse(doc, Document(c.encoding, "cafe", false))) << c.encoding;
     doc.getRootNode()["c"].value() = c.set;
     doc.getRootNode().attributeValue("a") = c.set;
-    std::string written;
-    ASSERT_TRUE(doc.toString(written));
-    if (c.encoding != "UTF-16") {  // the euro sign is beyond Recode
-      EXPECT_EQ(Document(c.encoding, c.written, recode, true), written) << c.encoding;
-    }
+    const std::string written = Serialized(doc);
+    EXPECT_EQ(Document(c.encoding, c.written, true), written) << c.encoding;
     XmlReaderWriter again;
     ASSERT_TRUE(Parse(again, written)) << c.encoding;
     EXPECT_TRUE(again.getRootNode()["c"].value() == c.stored) << c.encoding;
@@ -133,15 +120,13 @@ TEST(XmlWriter, WritesTheEncodingItDeclaresAndOnlyCharactersXmlAllows) {
   const std::string names = "<Az \xb5\xb7=\"1\" Za=\"2\" az=\"3\" za0=\"4\" \xc0=\"5\"";
   XmlReaderWriter latin;
   ASSERT_TRUE(Parse(latin, "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>" + names + "/>"));
-  std::string named;
-  EXPECT_TRUE(latin.toString(named) && named.find(names + ">") != std::string::npos) << named;
+  EXPECT_NE(Serialized(latin).find(names + ">"), std::string::npos);
   const std::pair<const char*, const char*> refused[] = {
       {"US-ASCII", "a b"}, {"US-ASCII", "a\x01"},       {"US-ASCII", "1a"},
       {"US-ASCII", ""},    {"US-ASCII", "caf\xc3\xa9"}, {"ISO-8859-1", "\xc3\x97"}};  // U+00D7
   for (const auto& [encoding, name] : refused) {
     XmlReaderWriter doc;
-    ASSERT_TRUE(Parse(
-        doc, std::string("<?xml version=\"1.0\" encoding=\"") + encoding + "\"?><r><c/></r>"));
+    ASSERT_TRUE(Parse(doc, Document(encoding, "x", false)));
     doc.getRootNode()["c"].name() = name;
     std::string written;
     EXPECT_FALSE(doc.toString(written) || doc.write(::testing::TempDir() + "never.xml")) << name;
@@ -242,12 +227,10 @@ TEST_F(XmlNodeTest, ReadsChildrenAttributesAndValues) {
   EXPECT_EQ(static_cast<long>(m_root["num"].value()), -42L);
   EXPECT_TRUE(std::string(m_root["empty"].value()).empty() && !m_root["empty"].hasValue());
   EXPECT_FALSE(m_root["empty"].value() == "");  // no text is not an empty text
-  const std::vector<std::pair<Action, std::string>> cases = {
-      {[&] { m_root["gone"]; }, "Unable to find child node 'gone'."},
-      {[&] { m_root[6u]; }, "Unable to find child node."},
-      {[&] { m_root.attributeValue("nope"); }, "No attribute by given name."},
-  };
-  for (const auto& c : cases) EXPECT_EQ(Thrown<NodeException>(c.first), c.second);
+  EXPECT_EQ(Thrown<NodeException>([&] { m_root["gone"]; }), "Unable to find child node 'gone'.");
+  EXPECT_EQ(Thrown<NodeException>([&] { m_root[6u]; }), "Unable to find child node.");
+  EXPECT_EQ(Thrown<NodeException>([&] { m_root.attributeValue("x"); }),
+            "No attribute by given name.");
   EXPECT_TRUE(m_root.getChildrenCount() == 6u && m_root.getAttributeCount() == 2u);  // no growth
 }
 
@@ -271,7 +254,7 @@ TEST_F(XmlNodeTest, WalksEditsAndConverts) {
   m_doc.setMutable(true);
   EXPECT_TRUE(m_root["gone"].name() == "gone" && m_root.hasChild("gone"));
 
-  NodeString flag = m_root["flag"].value();
+  XmlReaderWriter::NodeString flag = m_root["flag"].value();
   const std::pair<const char*, bool> truths[] = {{"No", false}, {"0", false}, {"", false},
                                                  {"1", true},   {"n", true},  {"yes", true}};
   for (const auto& [text, truth] : truths) {
