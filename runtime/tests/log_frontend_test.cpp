@@ -6,7 +6,6 @@
 
 #include "IniReaderWriter.h"
 #include "QmconFunctions.h"
-#include "QmsysEventLogInterface.h"
 #include "QmsysEventLogSingleThreaded.h"
 #include "log_test_util.h"
 
@@ -106,7 +105,6 @@ TEST_F(LogFrontEndTest, UnusableWritersAreReportedAndAModuleWithoutLoggerIsRepai
   EXPECT_FALSE(nofile.initialize(m_root.file("nowhere"), "agent"));
   EXPECT_TRUE(capture.contains(where, "Unable to load/read config/qmlogs.ini file."));
   EXPECT_FALSE(bare.initialize(configDir(), "agent"));
-  EXPECT_FALSE(bare.Start());
   EXPECT_FALSE(bare.WriteFatal("nowhere", 1, "f"));
   // Creating it through the registry repairs the file with a logger of its own.
   Logger* logger = Logger::CreateInstance("modD", Logger::SINGLE_THREADED, configDir(), "agent");
