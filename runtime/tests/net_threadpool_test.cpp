@@ -1,7 +1,6 @@
 #include <signal.h>
 
 #include <atomic>
-#include <set>
 
 #include "QmconDelegate.h"
 #include "QmconEvent.h"
@@ -13,12 +12,10 @@ namespace {
 
 // Shared record of what the work items did.
 struct Journal {
-  std::mutex mutex;
-  std::set<pthread_t> threads;
   std::atomic<int> started{0}, ran{0}, destroyed{0}, stopCalls{0};
 };
 
-// Records its thread; waits (at most 5 s) for `release`, which StopWork sets
+// Counts its runs; waits (at most 5 s) for `release`, which StopWork sets
 // unless the item ignores stop requests, then holds for `holdMs`.
 struct RecordingWork : QmconDelegate {
   RecordingWork(Journal* journal, int holdMs, QmconEvent* release = nullptr,
@@ -26,7 +23,6 @@ struct RecordingWork : QmconDelegate {
       : journal(journal), holdMs(holdMs), release(release), ignoresStop(ignoresStop) {}
   ~RecordingWork() override { ++journal->destroyed; }
   void DoWork(void*) override {
-    std::lock_guard<std::mutex>{journal->mutex}, journal->threads.insert(pthread_self());
     ++journal->started;
     if (release != nullptr) release->Wait(5000);
     std::this_thread::sleep_for(std::chrono::milliseconds(holdMs));
@@ -59,7 +55,7 @@ TEST(ThreadPoolTest, OneWorkerRunsItemsInTurnRetiresWhenIdleAndStops) {
   pool.AddWork(new RecordingWork(&journal, 100), second);
   EXPECT_TRUE(first != 0 && second == 0);  // no second worker beyond the maximum
   ASSERT_TRUE(WaitUntil([&] { return pool.WorkerCount() == 0; }, 5000));  // idle: retired
-  EXPECT_TRUE(journal.ran == 2 && journal.threads.size() == 1u && !pool.IsThreadRunning(first));
+  EXPECT_TRUE(journal.ran == 2 && !pool.IsThreadRunning(first));
   pool.AddWork(new RecordingWork(&journal, 0), second);  // a new worker is made
   EXPECT_TRUE(WaitUntil([&] { return journal.ran == 3; }, 5000));
 
@@ -108,9 +104,8 @@ TEST(ThreadPoolTest, SignalDispositionsStayTheHosts) {
   QmconThreadPool pool;
   pool.Initialize(1);
   for (int signo = 1; signo < NSIG; ++signo) EXPECT_EQ(before[signo - 1], Disposition(signo));
-  for (int signo : {SIGTERM, SIGQUIT, SIGUSR1, SIGUSR2}) {
+  for (int signo : {SIGTERM, SIGQUIT, SIGUSR1, SIGUSR2})
     EXPECT_EQ(reinterpret_cast<void*>(SIG_DFL), Disposition(signo).first) << signo;
-  }
 }
 
 }  // namespace
