@@ -16,6 +16,7 @@
 #include "QmconThread.h"
 #include "QmioException.h"
 #include "log_test_util.h"
+#include "recording_logger.h"
 
 namespace {
 
@@ -75,11 +76,6 @@ TEST(QmconLockTest, RecursiveForOwnerBusyForOthersAlsoThroughScopedGuards) {
   EXPECT_EQ(tryFromOther(&lock), 0);  // every guard released its lock
 }
 
-class ThreadTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { QmconThread::InitializeLibrary(); }
-};
-
 // Counts its runs and, unless made with spin = false, loops until told to stop
 // (StopWork tells it), counting 1 ms iterations that each pass through an
 // event's wait; reports its end and deletion through events, and counts the
@@ -106,9 +102,7 @@ class Work : public QmconDelegate {
   // True when the work goes on ticking within five seconds.
   bool Advances() const {
     const long from = ticks.load();
-    for (int i = 0; i < 5000 && ticks <= from + 1; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return ticks > from + 1;
+    return WaitUntil([&] { return ticks > from + 1; }, 5000);
   }
   bool Started() { return started.Wait(5000) == QmconEvent::SIGNALLED; }
   std::atomic<bool> stop;
@@ -120,7 +114,7 @@ class Work : public QmconDelegate {
   QmconEvent* m_deleted;
 };
 
-TEST_F(ThreadTest, RunsOneDelegateAtATimeThenBecomesIdle) {
+TEST(ThreadTest, RunsOneDelegateAtATimeThenBecomesIdle) {
   QmconThread thread;
   Work first, second(false);
   thread.Run(&first);
@@ -143,7 +137,7 @@ TEST_F(ThreadTest, RunsOneDelegateAtATimeThenBecomesIdle) {
   EXPECT_EQ(second.stops + second.pauses + second.resumes, 0);
 }
 
-TEST_F(ThreadTest, AutoCleanDeletesThreadAndDelegate) {
+TEST(ThreadTest, AutoCleanDeletesThreadAndDelegate) {
   QmconEvent deleted(true);
   auto* thread = new QmconThread();
   thread->SetAutoClean(true);
@@ -154,7 +148,7 @@ TEST_F(ThreadTest, AutoCleanDeletesThreadAndDelegate) {
 // Suspension is taken at the thread's next wait and lasts until Resume; Kill
 // passes the request to the work, ends a suspension and forgets the thread,
 // and the object may go while its thread still runs: the thread never touches it.
-TEST_F(ThreadTest, SuspendResumeAndKillAreRequestsTheThreadHonours) {
+TEST(ThreadTest, SuspendResumeAndKillAreRequestsTheThreadHonours) {
   Work work, outliving;
   {
     QmconThread thread, dropped;

@@ -50,6 +50,12 @@ inline bool LogFileExists(const std::string& path) {
   return access(path.c_str(), F_OK) == 0;
 }
 
+// How many entries a folder holds, e.g. /proc/self/fd or /proc/self/task.
+inline long FolderEntries(const std::string& folder) {
+  const std::filesystem::directory_iterator entries(folder);
+  return std::distance(begin(entries), end(entries));
+}
+
 // The local time stamp that starts every logged line: "%m/%d/%Y %H:%M:%S".
 const char* const kLogStamp = R"(\d\d/\d\d/\d{4} \d\d:\d\d:\d\d)";
 

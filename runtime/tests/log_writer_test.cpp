@@ -173,15 +173,12 @@ TEST(LogFileWriter, RotationKeepsNumFilesArchivesNewestFirst) {
 TEST(LogLockFile, HeldLockFailsAfterItsAttempts) {
   LogTempDir dir;
   auto lockAgain = [&] { LockFile second(dir.file("x.lock"), 3, 1); };
-  auto descriptors = [] {
-    const std::filesystem::directory_iterator open("/proc/self/fd");
-    return std::distance(begin(open), end(open));
-  };
   {
     LockFile held(dir.file("x.lock"));
-    const auto before = descriptors();
+    const long before = FolderEntries("/proc/self/fd");
     EXPECT_EQ("LockFile Creation Failed @ LockFile", Thrown<QmconException>(lockAgain));
-    EXPECT_EQ(descriptors(), before);  // each refused attempt closed its descriptor
+    EXPECT_EQ(FolderEntries("/proc/self/fd"),
+              before);  // each refused attempt closed its descriptor
   }
   EXPECT_EQ("<nothing thrown>", Thrown<QmconException>(lockAgain));  // released with its holder
 }

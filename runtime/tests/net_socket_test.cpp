@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <filesystem>
 #include <memory>
 
 #include "QmioAcceptedSocket.h"
@@ -147,11 +146,6 @@ TEST(SocketTest, ConnectAndListenFailures) {
             }));
 }
 
-size_t ThreadsOfThisProcess() {
-  const std::filesystem::directory_iterator tasks("/proc/self/task");
-  return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
-}
-
 struct HandlerLog {
   std::atomic<int> events{0}, destroyed{0};
 };
@@ -200,14 +194,14 @@ TEST_F(SocketPairTest, PoolLimitServingOnceStopAndDestruction) {
   EXPECT_EQ(2, log.destroyed.load());  // the waiting socket deleted with its handler
   EXPECT_EQ(1, log.events.load());
   EXPECT_TRUE(clients[0]->SeesClose(2000));
-  const size_t threads = ThreadsOfThisProcess();
+  const long threads = FolderEntries("/proc/self/task");
   {  // destroying a running pool stops it and its threads as well
     QmioSocketPool running;
     running.Initialize(4, 1);
     ASSERT_EQ(0, running.AddSocket(Connect()));
   }
   EXPECT_EQ(3, log.destroyed.load());
-  EXPECT_LE(ThreadsOfThisProcess(), threads);
+  EXPECT_LE(FolderEntries("/proc/self/task"), threads);
   OneShotHandler other(&log);  // a socket keeps its first handler
   EXPECT_FALSE(third->SetEventHandler(&other));
   EXPECT_NE(&other, third->GetEventHandler());
