@@ -177,8 +177,8 @@ TEST(LogLockFile, HeldLockFailsAfterItsAttempts) {
     LockFile held(dir.file("x.lock"));
     const long before = FolderEntries("/proc/self/fd");
     EXPECT_EQ("LockFile Creation Failed @ LockFile", Thrown<QmconException>(lockAgain));
-    EXPECT_EQ(FolderEntries("/proc/self/fd"),
-              before);  // each refused attempt closed its descriptor
+    // Each refused attempt closed its descriptor.
+    EXPECT_EQ(FolderEntries("/proc/self/fd"), before);
   }
   EXPECT_EQ("<nothing thrown>", Thrown<QmconException>(lockAgain));  // released with its holder
 }
