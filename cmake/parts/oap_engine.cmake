@@ -24,8 +24,7 @@ target_link_libraries(qm_oap_engine PUBLIC qm_core qm_oap_model SQLite::SQLite3)
 
 if(TARGET qm_xml AND TARGET qm_ini_codec AND TARGET qm_log AND TARGET qm_net)
   qm_add_test(oap_engine_tests
-    SOURCES messenger_drivers/oap/tests/engine_handler_test.cpp
-            messenger_drivers/oap/tests/engine_controller_test.cpp
+    SOURCES messenger_drivers/oap/tests/engine_controller_test.cpp
             messenger_drivers/oap/tests/engine_client_test.cpp
             messenger_drivers/oap/tests/engine_store_test.cpp
     LIBS qm_core qm_xml qm_ini_codec qm_log qm_net qm_oap_model qm_oap_engine)

@@ -57,9 +57,8 @@ class FakeOapServer {
   // `text` (nothing when empty). The server closes its side after answering,
   // unless it stays silent until the client gives up.
   struct Reply {
-    Reply(std::string t = "", bool s = false) : text(std::move(t)), silent(s) {}
     std::string text;
-    bool silent;
+    bool silent = false;
   };
   FakeOapServer() {
     m_listenFd = socket(AF_INET, SOCK_STREAM, 0);
@@ -122,7 +121,7 @@ class FakeOapServer {
     while (request.find("</OAP-request>") == std::string::npos && WaitReadable(fd, deadline) &&
            (n = recv(fd, buffer, sizeof buffer, 0)) > 0)
       request.append(buffer, static_cast<size_t>(n));
-    Reply reply(ResponseDoc(RequestId(request), 1, 200));
+    Reply reply{ResponseDoc(RequestId(request), 1, 200)};
     {
       std::lock_guard<std::mutex> guard(m_mutex);
       m_requests.push_back(request);

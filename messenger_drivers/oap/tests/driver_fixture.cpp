@@ -27,12 +27,12 @@ bool DriverTest::SetupWithPort(const std::string& port) {
   return driver->Setup(&conf);
 }
 
-void DriverTest::SetupOnFreePort() {
+void DriverTest::SetupOnFreePort(const std::string& blanks) {
   // The port is free when picked; another process may take it before the
   // listener binds, so a few attempts are made.
   for (int attempt = 0; attempt < 5; ++attempt) {
     listenerPort = UnusedPort();
-    if (SetupWithPort(std::to_string(listenerPort))) return;
+    if (SetupWithPort(blanks + std::to_string(listenerPort) + blanks)) return;
   }
   FAIL() << "no listener port could be bound";
 }

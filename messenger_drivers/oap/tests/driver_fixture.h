@@ -23,8 +23,9 @@ class DriverTest : public ::testing::Test {
 
   // Runs Setup with the given listener port text on 127.0.0.1.
   bool SetupWithPort(const std::string& port);
-  // Runs Setup on a free port and remembers it in listenerPort.
-  void SetupOnFreePort();
+  // Runs Setup on a free port, written with `blanks` on either side, and
+  // remembers it in listenerPort.
+  void SetupOnFreePort(const std::string& blanks = "");
   // A job addressed to the fake server.
   void Address(QmReferenceJob& job, int serverPort, const std::string& version = "3.0");
   // Jobs handed back so far, oldest first; the queue is emptied.

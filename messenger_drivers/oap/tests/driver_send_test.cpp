@@ -260,11 +260,8 @@ TEST_F(SendTest, MessagesInAStoreFileOutliveTheDriver) {
   ASSERT_NE(mkdtemp(folder), nullptr);
   const std::string path = std::string(folder) + "/state.db";
   auto restart = [&](const std::string& file) {
-    driver->Cleanup();
-    loader.ReleaseDriverInstance(driver);
-    driver = loader.GetDriverInstance();
-    driver->Logger = &logger;
-    driver->MessageQueue = &queue;
+    TearDown();
+    DriverTest::SetUp();
     std::map<std::string, std::string> settings{{"MessageStore", file}};
     ASSERT_TRUE(driver->Configure(settings));
     ASSERT_TRUE(SetupWithPort(std::to_string(listenerPort)));

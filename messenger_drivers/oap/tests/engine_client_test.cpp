@@ -1,11 +1,8 @@
 // The client module and its inbound listener: tracking base, listener start
-// and stop, leaving lines, WipeOptions and the framing of inbound documents.
+// and stop, leaving lines and the framing of inbound documents.
 // What the listener does with them is tested through the plug-in; many host
 // threads sending and querying while answers arrive are the load soak's.
 #include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
 
 #include "../../../runtime/tests/recording_logger.h"
 #include "FakeOapServer.h"
@@ -16,32 +13,12 @@
 #include "OAPDocumentFramer.h"
 #include "OAPLoggerProxy.h"
 #include "OAPRequestBlock.h"
-#include "QmException.h"
-#include "QmconFunctions.h"
 
 namespace {
 
 using Log = QmLogInterface;
 
-using Replies = std::list<std::string>;
 const auto kTrace = Log::LEVEL_TRACE;
-
-// The runtime's signal handlers and socket layer, once for the process.
-class RuntimeEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override { InitialLib(); }
-};
-::testing::Environment* const kRuntime =
-    ::testing::AddGlobalTestEnvironment(new RuntimeEnvironment);
-
-MessageBody* NewBody(const std::string& to, const std::string& version, bool interactive) {
-  auto* body = new MessageBody();
-  body->to = to;
-  body->version = version;
-  body->bodyText = "Question";
-  if (interactive) body->options = {{"Yes", "N:Yes", "", 0, ""}, {"No", "F:No", "", 0, ""}};
-  return body;
-}
 
 class EngineClientTest : public ::testing::Test {
  protected:
@@ -81,17 +58,13 @@ TEST_F(EngineClientTest, LoggerProxyHandsLinesOnOnlyWhileAttached) {
 // Lookups of unknown devices create no controller; a client dropped without
 // Finalize still stops its listener.
 TEST_F(EngineClientTest, ListenerRunsBetweenInitializeAndFinalize) {
-  OAPClient client(0, "127.0.0.1");
-  ASSERT_TRUE(client.Initialize(&logger, ""));
-  EXPECT_EQ(client.GetStatus("1@nowhere:1", 5), 0);
-  EXPECT_TRUE(client.QueryResponse("1@nowhere:1", 5).empty());
-  EXPECT_EQ(OAPDeviceRegistrar::GetInstance()->GetDevice("1@nowhere:1", false), nullptr);
-  EXPECT_TRUE(client.Finalize());
-
   int leftPort = 0;
   {
     OAPClient dropped(0, "127.0.0.1");
     ASSERT_TRUE(dropped.Initialize(&logger, ""));
+    EXPECT_EQ(dropped.GetStatus("1@nowhere:1", 5), 0);
+    EXPECT_TRUE(dropped.QueryResponse("1@nowhere:1", 5).empty());
+    EXPECT_EQ(OAPDeviceRegistrar::GetInstance()->GetDevice("1@nowhere:1", false), nullptr);
     leftPort = dropped.GetListeningPort();
     ASSERT_TRUE(SendInbound(leftPort, "<OAP-response/>"));
   }
@@ -126,36 +99,6 @@ TEST_F(EngineClientTest, DispatchLeavingLineIsInvertedByDesign) {
   client.Finalize();
 }
 
-TEST_F(EngineClientTest, WipeOptionsSendsAVersion4UpdateOfTheShownMessage) {
-  FakeOapServer server;
-  server.Queue({ResponseDoc("30000", 1, 200)});
-  server.Queue({ResponseDoc("30001", 1, 200)});
-  auto client = std::make_shared<OAPClient>(4321, "127.0.0.1");
-  client->TrackingBase = 0x30000;
-  const std::string address = "77@127.0.0.1:" + std::to_string(server.Port());
-  ASSERT_EQ(client->SendAMessage(NewBody(address, "3.0", true)), 0x30000u);
-
-  client->WipeOptions(0x30000);
-  ASSERT_EQ(server.Requests().size(), 2u);
-  const std::string update = server.Requests()[1];
-  for (const char* part :
-       {"encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"30001\">\n<Header>\n"
-        "<Port>4321</Port>\n<To>77</To>\n<DeliveryStatus/>\n</Header>\n",
-        "<Id>30000</Id>\n<Interactive_Message>\n", "<Update>\n</Update>\n</Interactive_Message>"})
-    EXPECT_NE(update.find(part), std::string::npos) << update;
-  EXPECT_EQ(update.find("<Option"), std::string::npos);
-  // The shown message keeps its state.
-  EXPECT_EQ(client->GetStatus(address, 0x30000), 1);
-
-  // A failing update is logged, not raised (the server hangs up unanswered).
-  server.Queue({});
-  auto other = std::make_shared<OAPClient>(0, "127.0.0.1");
-  ASSERT_TRUE(other->Initialize(&logger, ""));
-  other->WipeOptions(0x30000);
-  EXPECT_TRUE(logger.Has(Log::LEVEL_ERROR, "Exception occurred [Socket is closed]"));
-  other->Finalize();
-}
-
 // The framing routine alone: a stream of documents comes out the same
 // wherever it is cut into two reads; what cannot begin a document, or goes on
 // past 64 KiB, is refused.
@@ -182,20 +125,13 @@ TEST(EngineFramerTest, DocumentsComeOutWholeWhereverTheStreamIsCut) {
     ASSERT_EQ(documents, (std::vector<std::string>{first, second, third})) << cut;
     ASSERT_EQ(framer.TakeRest(), "<OAP-resp") << cut;
   }
-  const std::string endless = "<OAP-response>" + std::string(OAPDocumentFramer::kMaxDocument, ' ');
-  const struct {
-    std::string bytes;
-    OAPDocumentFramer::Result result;
-  } refused[] = {
-      {"<OAX", OAPDocumentFramer::kInvalid},
-      {endless + "</OAP-response>", OAPDocumentFramer::kTooLong},
-  };
-  for (const auto& c : refused) {
-    OAPDocumentFramer framer;
-    std::string document;
-    framer.Append(c.bytes);
-    EXPECT_EQ(framer.Next(document), c.result) << c.bytes.substr(0, 20);
-  }
+  OAPDocumentFramer invalid, endless;
+  std::string document;
+  invalid.Append("<OAX");
+  EXPECT_EQ(invalid.Next(document), OAPDocumentFramer::kInvalid);
+  endless.Append("<OAP-response>" + std::string(OAPDocumentFramer::kMaxDocument, ' ') +
+                 "</OAP-response>");
+  EXPECT_EQ(endless.Next(document), OAPDocumentFramer::kTooLong);
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // Device controllers against the fake OAP server: address parsing, the
-// registry, the failures of an exchange, sends built from texts, and the echo
-// of handset replies with its envelope (the envelopes of new messages are
-// pinned through the plug-in, the body texts by the model's tests).
+// registry, the failures of an exchange, the echo of handset replies with its
+// envelope, the client's wiping of options, and the reports and answers the
+// message service hands them that must change nothing (the envelopes of new
+// messages are pinned through the plug-in, the body texts by the model's
+// tests).
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -9,20 +11,21 @@
 #include <string>
 #include <tuple>
 
+#include "../../../runtime/tests/recording_logger.h"
 #include "FakeOapServer.h"
 #include "MessageBody.h"
 #include "OAPClient.h"
 #include "OAPDeviceController.h"
 #include "OAPDeviceRegistrar.h"
 #include "OAPMemoryMessageStore.h"
+#include "OAPMessageServiceHandler.h"
+#include "OAPResponseBlock.h"
 #include "QmException.h"
 
 namespace {
 
 using MsgStatus = OAPDeviceController::MsgStatus;
 using Replies = std::list<std::string>;
-
-const std::string kAccepted = ResponseDoc("20000", 1, 200);
 
 // The text of the QmException the call raises ("" when none).
 std::string Failure(const std::function<void()>& call) {
@@ -84,6 +87,8 @@ TEST(EngineDeviceRegistrarTest, CreatesOnDemandAndFindsByTrackingNumber) {
   OAPDeviceRegistrar::Release();
 }
 
+// A client with a known tracking base against the fake server, which accepts
+// each request under its own number unless a reply is queued.
 class EngineControllerTest : public ::testing::Test {
  protected:
   EngineControllerTest() : client(std::make_shared<OAPClient>(4321, "127.0.0.1")) {
@@ -108,13 +113,10 @@ class EngineControllerTest : public ::testing::Test {
   FakeOapServer server;
   std::shared_ptr<OAPClient> client;
   std::string address;
+  RecordingLogger logger;
 };
 
 TEST_F(EngineControllerTest, FailedExchangesRaiseTheirTextAndKeepNothing) {
-  // White space after the declaration pads an answer to any length.
-  auto padded = [](std::string answer, size_t length) {
-    return answer.insert(answer.find("<OAP-response"), std::string(length, ' '));
-  };
   const struct {
     FakeOapServer::Reply reply;
     const char* error;
@@ -133,9 +135,10 @@ TEST_F(EngineControllerTest, FailedExchangesRaiseTheirTextAndKeepNothing) {
   }
   EXPECT_EQ(server.Requests().size(), sizeof cases / sizeof cases[0]);
 
-  // An answer longer than one read is a whole document; an answer that is no
-  // response gives no number.
-  server.Queue({padded(ResponseDoc("20007", 1, 200), 2100)});
+  // An answer longer than one read is a whole document (white space after the
+  // declaration pads it); an answer that is no response gives no number.
+  std::string padded = ResponseDoc("20007", 1, 200);
+  server.Queue({padded.insert(padded.find("<OAP-response"), std::string(2100, ' '))});
   EXPECT_EQ(client->SendAMessage(NewBody("3.0")), 0x20007u);
   server.Queue({"<?xml version=\"1.0\"?>\n<OAP-request version=\"3.0\" id=\"20008\"/>"});
   EXPECT_EQ(client->SendAMessage(NewBody("3.0")), 0u);
@@ -151,7 +154,6 @@ TEST_F(EngineControllerTest, FailedExchangesRaiseTheirTextAndKeepNothing) {
 }
 
 TEST_F(EngineControllerTest, RepliesAreEchoedOnceAndFinalOneCloses) {
-  for (int i = 0; i < 3; ++i) server.Queue({kAccepted});
   ASSERT_EQ(client->SendAMessage(NewBody("3.0", true)), 0x20000u);
   OAPDeviceRegistrar::Device device = Device();
   const std::string echo =
@@ -193,9 +195,6 @@ TEST_F(EngineControllerTest, RepliesAreEchoedOnceAndFinalOneCloses) {
 // A version 4.0 echo travels under a fresh number that shares the message's
 // body: replies to either number extend the one text.
 TEST_F(EngineControllerTest, Version4EchoNumbersShareTheMessage) {
-  server.Queue({ResponseDoc("20000", 1, 200)});
-  server.Queue({ResponseDoc("20001", 1, 200)});
-  server.Queue({ResponseDoc("20002", 1, 200)});
   ASSERT_EQ(client->SendAMessage(NewBody("4.0", true)), 0x20000u);
   Device()->AddResponse(0x20000, "N:Yes", false);
   Device()->AddResponse(0x20001, "N:Later", false);
@@ -208,6 +207,50 @@ TEST_F(EngineControllerTest, Version4EchoNumbersShareTheMessage) {
   ASSERT_TRUE(Device()->GetStatus(0x20000, first) && Device()->GetStatus(0x20001, second));
   EXPECT_EQ(first.body->bodyText, second.body->bodyText);
   EXPECT_EQ(second.state, MsgStatus::Sent);
+}
+
+TEST_F(EngineControllerTest, WipeOptionsSendsAVersion4UpdateOfTheShownMessage) {
+  ASSERT_EQ(client->SendAMessage(NewBody("3.0", true)), 0x20000u);
+  client->WipeOptions(0x20000);
+  ASSERT_EQ(server.Requests().size(), 2u);
+  const std::string update = server.Requests()[1];
+  for (const char* part :
+       {"encoding=\"UTF-8\"?>\n<OAP-request version=\"4.0\" id=\"20001\">\n<Header>\n"
+        "<Port>4321</Port>\n<To>1234</To>\n<DeliveryStatus/>\n</Header>\n",
+        "<Id>20000</Id>\n<Interactive_Message>\n", "<Update>\n</Update>\n</Interactive_Message>"})
+    EXPECT_NE(update.find(part), std::string::npos) << update;
+  EXPECT_EQ(update.find("<Option"), std::string::npos);
+  // The shown message keeps its state.
+  EXPECT_EQ(client->GetStatus(address, 0x20000), MsgStatus::Sent);
+
+  // A failing update is logged, not raised (the server hangs up unanswered).
+  server.Queue({});
+  auto other = std::make_shared<OAPClient>(0, "127.0.0.1");
+  ASSERT_TRUE(other->Initialize(&logger, ""));
+  other->WipeOptions(0x20000);
+  EXPECT_TRUE(logger.Has(QmLogInterface::LEVEL_ERROR, "Exception occurred [Socket is closed]"));
+  other->Finalize();
+}
+
+// A delivery report other than 200 leaves the message pending; an answer for
+// a number nothing was sent under is ignored.
+TEST_F(EngineControllerTest, FailedReportsAndUnknownNumbersChangeNothing) {
+  OAPDeviceController device(address);
+  device.SetClient(client);
+  OAPMessageServiceHandler handler;
+  handler.SetDeviceContext(&device);
+  device.QueryResponse(device.address, 5);  // an empty status for the number
+  OAPResponseBlock response;
+  response.id = 5;
+  std::tie(response.status.type, response.status.code) = std::make_pair(3, 405);
+  handler.Handle(&response);
+  MsgStatus status;
+  EXPECT_TRUE(device.GetStatus(5, status) && status.state == MsgStatus::Pending);
+  response.id = 6;
+  std::tie(response.status.type, response.status.code, response.dataResp) =
+      std::make_tuple(5, 200, "A:Yes");
+  handler.Handle(&response);
+  EXPECT_FALSE(device.GetStatus(6, status));
 }
 
 }  // namespace

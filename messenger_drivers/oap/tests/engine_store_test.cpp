@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "../../../runtime/tests/recording_logger.h"
-#include "FakeOapServer.h"
 #include "MessageBody.h"
 #include "OAPMemoryMessageStore.h"
 #include "OAPMessageCodec.h"
