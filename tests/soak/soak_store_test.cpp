@@ -26,50 +26,42 @@ const int kStoreMessages =
 const int kLimit = kStoreMessages / 10;
 const int kPushers = 4;
 
-// Host processes on one store file and one listener port, and the OAP
-// server's pushes of the planned documents to them.
-class RestartSoakTest : public ::testing::Test {
- protected:
-  // A soak_host process on the store and port, killed with SIGKILL (as a
-  // crash or an operator would) when it goes.
-  ChildProcess StartHost(std::vector<std::string> args) {
-    args.insert(args.begin(), {QM_DRIVER_PATH, store, std::to_string(listenerPort)});
-    return ChildProcess(QM_SOAK_HOST_PATH, args);
-  }
-
-  std::unique_ptr<Pusher> StartPushing() {
-    auto pusher = std::make_unique<Pusher>(
-        kPushers, [this](const std::string& text) { SendInbound(listenerPort, text); });
-    for (const auto& document : documents) pusher->Add(document.second);
-    return pusher;
-  }
-
-  LogTempDir folder;
-  std::string store;
-  LoopbackOapServer server;
-  int listenerPort = UnusedPort();
-  // (the message's hexadecimal id for an answer, "" for a notice; the text)
-  std::vector<std::pair<std::string, std::string>> documents;
-};
-
 // A host killed at a random moment while sending, and the next host killed
 // at a random moment while it takes the answers: a last host hands every job
 // whose send returned back once delivered and once with its answer, with
 // every answer that reached the store (the ones whose echo the server saw);
 // the server delivers the others again to the last host.
-TEST_F(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
+TEST(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
   const unsigned seed = SoakSeed();
   std::cout << "[ soak ] seed " << seed << std::endl;
   std::mt19937 rng(seed);
+  LogTempDir folder;
+  const int listenerPort = UnusedPort();
   for (int round = 0; round < kRandomRounds; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     // A file of its own: the killed host leaves its write-ahead log behind.
-    store = folder.file("state-" + std::to_string(round) + ".db");
-    server.ForgetRequests();
+    const std::string store = folder.file("state-" + std::to_string(round) + ".db");
+    // A server of its own: hosts started within the same second draw the
+    // same tracking numbers, so each round counts afresh.
+    LoopbackOapServer server;
+    // A soak_host process on the store and port, killed with SIGKILL (as a
+    // crash or an operator would) when it goes.
+    const auto startHost = [&](std::vector<std::string> args) {
+      args.insert(args.begin(), {QM_DRIVER_PATH, store, std::to_string(listenerPort)});
+      return ChildProcess(QM_SOAK_HOST_PATH, args);
+    };
+    // (the message's hexadecimal id for an answer, "" for a notice; the text)
+    std::vector<std::pair<std::string, std::string>> documents;
+    const auto startPushing = [&] {
+      auto pusher = std::make_unique<Pusher>(
+          kPushers, [&](const std::string& text) { SendInbound(listenerPort, text); });
+      for (const auto& document : documents) pusher->Add(document.second);
+      return pusher;
+    };
     std::map<int, std::string> sent;  // the receipts of the sends that returned
     {
       ChildProcess host =
-          StartHost({"send", std::to_string(server.Port()), std::to_string(kMessages)});
+          startHost({"send", std::to_string(server.Port()), std::to_string(kMessages)});
       const size_t killAfter = 1 + rng() % kMessages;
       // Killed after a random number of sends returned (or 20 s after the last).
       for (size_t n = 0; n < killAfter && host.WaitFor("sent") != ""; ++n) {
@@ -84,7 +76,6 @@ TEST_F(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
     }
     ASSERT_FALSE(sent.empty());
     // The delivery notice and the answer of every message, in random order.
-    documents.clear();
     for (const auto& [index, receipt] : sent) {
       const Reaction& reaction = ReactionTo(index);
       const std::string hexId = Hex(receipt);
@@ -94,10 +85,10 @@ TEST_F(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
     }
     std::shuffle(documents.begin(), documents.end(), rng);
     {
-      ChildProcess host = StartHost({"collect"});  // of no job: it only takes answers
+      ChildProcess host = startHost({"collect"});  // of no job: it only takes answers
       host.Send("end\n");
       ASSERT_NE(host.WaitFor("ready"), "");
-      auto pusher = StartPushing();
+      auto pusher = startPushing();
       pusher->AwaitPushed(rng() % documents.size(), 120);
       host.Signal(SIGKILL);
     }
@@ -109,12 +100,12 @@ TEST_F(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
     std::cout << "[ soak ] the host taking answers was killed; " << documents.size() << " of "
               << planned << " documents go to the next one" << std::endl;
 
-    ChildProcess host = StartHost({"collect"});
+    ChildProcess host = startHost({"collect"});
     std::string input;
     for (const auto& [index, receipt] : sent) input += std::to_string(index) + " " + receipt + "\n";
     host.Send(input + "end\n");
     EXPECT_NE(host.WaitFor("ready"), "");
-    StartPushing()->Stop(false);
+    startPushing()->Stop(false);
     std::map<int, Backs> backs;
     std::string line;
     while ((line = host.WaitFor("")) != "" && line != "finished") {

@@ -95,11 +95,6 @@ std::map<std::string, size_t> LoopbackOapServer::Requests() {
   return m_messages;
 }
 
-void LoopbackOapServer::ForgetRequests() {
-  std::lock_guard<std::mutex> guard(m_mutex);
-  m_messages.clear();
-}
-
 void LoopbackOapServer::Serve() {
   while (!m_stop) {
     pollfd entry{m_listenFd, POLLIN, 0};
@@ -139,13 +134,6 @@ void LoopbackOapServer::ServeOne(int fd) {
   }
   shutdown(fd, SHUT_WR);
   DrainUntilClosed(fd, deadline);
-}
-
-bool RaiseDescriptorLimit(rlim_t count) {
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_max < count) return false;
-  limit.rlim_cur = std::max(limit.rlim_cur, count);
-  return setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }
 
 // Entries of a /proc folder.

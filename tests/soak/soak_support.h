@@ -1,7 +1,6 @@
 #ifndef QM_TESTS_SOAK_SOAK_SUPPORT_H
 #define QM_TESTS_SOAK_SOAK_SUPPORT_H
 
-#include <sys/resource.h>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -78,9 +77,6 @@ inline unsigned SoakSeed() {
                           : static_cast<unsigned>(std::random_device()());
 }
 
-// Lets this process open at least `count` descriptors; false when the hard
-// limit is lower.
-bool RaiseDescriptorLimit(rlim_t count);
 // Threads and open descriptors of this process, and its resident set in KiB.
 size_t ThreadCount();
 size_t DescriptorCount();
@@ -137,9 +133,6 @@ class LoopbackOapServer {
   // The requests about each message by its hexadecimal id: its own and the
   // updates of it that echo an answer on the handset.
   std::map<std::string, size_t> Requests();
-  // Forgets the counts. Host processes started within the same second draw
-  // the same tracking numbers, so rounds of separate hosts count afresh.
-  void ForgetRequests();
 
  private:
   void Serve();
