@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <iterator>
 #include <memory>
 #include <sstream>
@@ -20,6 +19,7 @@
 #include <tuple>
 #include <vector>
 
+#include "../../../runtime/tests/log_test_util.h"
 #include "../../oapsim/tests/child_process.h"
 #include "LogViewer.h"
 #include "QmLogSQLiteProcessor.h"
@@ -67,14 +67,7 @@ const time_t kBase = 1700000000;  // 2023-11-14 22:13:20 UTC
 
 class LogViewTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    setenv("TZ", "UTC", 1);  // the viewer shows times in UTC
-    char pattern[] = "/tmp/qmlogview_test_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    m_dir = pattern;
-    m_db = m_dir + "/log.db";
-  }
-  void TearDown() override { std::system(("rm -rf '" + m_dir + "'").c_str()); }
+  void SetUp() override { setenv("TZ", "UTC", 1); }  // the viewer shows times in UTC
 
   // agent: INFO started, WARN disk low, ERROR write failed, DEBUG tick and
   // tock at +0, +60, +120, +180 s; web.front-1: CRITICAL at +30, INFO at +90.
@@ -113,8 +106,8 @@ class LogViewTest : public ::testing::Test {
     }
   }
 
-  std::string m_dir;
-  std::string m_db;
+  LogTempDir m_folder;
+  const std::string m_db = m_folder.file("log.db");
 };
 
 // Pages cut all modules as one list; entries of one second are ordered by
@@ -170,11 +163,12 @@ TEST_F(LogViewTest, EntriesStayOnOneLineInTablesAndJson) {
 // Entries written by a logger configured for SQLite, read back through the
 // logging configuration that names its database.
 TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
-  const std::string config = m_dir + "/config";
-  ASSERT_EQ(std::system(("mkdir -p '" + config + "' '" + m_dir + "/logs'").c_str()), 0);
-  std::ofstream(config + "/qmlogs.ini")
-      << "[main]\nviewtest=db_logger\n\n[db_logger]\n"
-      << "writer=sqlite\nlevel=trace\ndbfilename=" << m_db << "\n";
+  const std::string config = m_folder.file("config");
+  ASSERT_EQ(mkdir(config.c_str(), 0755), 0);
+  LogWriteFile(config + "/qmlogs.ini",
+               "[main]\nviewtest=db_logger\n\n[db_logger]\nwriter=sqlite\n"
+               "level=trace\ndbfilename=" +
+                   m_db + "\n");
   QmsysEventLogInterface* logger = QmsysEventLogInterface::CreateInstance(
       "viewtest", QmsysEventLogInterface::SINGLE_THREADED, config, "viewproc.bin");
   ASSERT_NE(logger, nullptr);
@@ -189,7 +183,7 @@ TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
             std::string::npos);
   Expect(
       {{{"--config", config, "--logger", "common"}, "", 1, "does not write to an SQLite database"},
-       {{"--config", m_dir + "/nowhere"}, "", 1, "cannot read logging configuration"}});
+       {{"--config", m_folder.file("nowhere")}, "", 1, "cannot read logging configuration"}});
 }
 
 TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
@@ -198,11 +192,11 @@ TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
   WriteSample();
   const std::string ghost = "unknown module 'ghost' in " + m_db + " (known: agent, web.front-1)";
   Expect({{{"--module", "agent", "--module", "ghost"}, "", 1, ghost}});
-  std::ofstream(m_db) << "this is not a database, just some text long enough to be read";
+  LogWriteFile(m_db, "this is not a database, just some text long enough to be read");
   Expect({{{}, "", 1, "cannot open log database"}});
 
   // A rollback-journal database held under an exclusive transaction.
-  const std::string locked = m_dir + "/locked.db";
+  const std::string locked = m_folder.file("locked.db");
   sqlite3* holder = nullptr;
   ASSERT_EQ(sqlite3_open(locked.c_str(), &holder), SQLITE_OK);
   const auto Exec = [&holder](const char* sql) {
@@ -217,8 +211,7 @@ TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
   sqlite3_close(holder);
   Expect({{{"--db", locked}, "No matching log entries.\n"}});
   // Byte 18 of the file: 1 for a rollback journal, 2 for a write-ahead log.
-  std::ifstream file(locked, std::ios::binary);
-  EXPECT_EQ(file.seekg(18).get(), 1);
+  EXPECT_EQ(LogReadFile(locked).at(18), 1);
 }
 
 // Without a start time only entries written after the start are shown; with
@@ -268,14 +261,14 @@ TEST_F(LogViewTest, ReadsADatabaseOfAnotherUser) {
   ASSERT_TRUE(writer->writeLogRecord("agent", "second", kBase + 1, 3, "f", 2));
   // Alongside its writer, then alone.
   for (const std::string warning : {"", "showing it as stored on disk"}) {
-    chmod(m_dir.c_str(), root ? 0755 : 0555);
+    chmod(m_folder.path().c_str(), root ? 0755 : 0555);
     ChildProcess run(root ? "/usr/bin/setpriv" : QMLOGVIEW_PATH,
                      {args.begin() + !root, args.end()});
     EXPECT_EQ(run.Finish(), 0) << run.err;
     EXPECT_EQ(run.out, table);
     EXPECT_TRUE(warning.empty() ? run.err.empty() : run.err.find(warning) != std::string::npos)
         << run.err;
-    chmod(m_dir.c_str(), 0755);
+    chmod(m_folder.path().c_str(), 0755);
     writer.reset();
   }
 }
