@@ -9,7 +9,6 @@
 #include <string>
 
 #include "../../../messenger_drivers/oap/tests/FakeOapServer.h"
-#include "OapSimDocument.h"
 #include "child_process.h"
 
 namespace {
@@ -102,14 +101,15 @@ struct Sim : ChildProcess {
   }
 };
 
-// Malformed XML and an unknown version are refused in the program's run.
-TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
+// Requests the simulator refuses as not understood, each with its reason.
+TEST(OapSimProcessTest, RejectsMalformedRequestsWithReason) {
   std::string deep = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
   for (int i = 0; i < 80; ++i) deep += "<a>";
   const auto In30 = [](auto from, auto to) { return Replace(kInteractive30, from, to); };
   const auto In40 = [](auto from, auto to) { return Replace(kInteractive40, from, to); };
   const auto Wipe40 = [](auto from, auto to) { return Replace(kWipeUpdate40, from, to); };
   const std::vector<std::pair<std::string, const char*>> cases{
+      {kInteractive40.substr(0, 150), "malformed XML"},
       {deep, "nested more than"},
       {kInteractive40.substr(kInteractive40.find('\n') + 1), "no XML declaration"},
       {Replace(In30("ISO-8859-1", "UTF-8"), "\xe9", "e"), "expected ISO-8859-1"},
@@ -123,13 +123,12 @@ TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
       {In40("<Sticky_mode>mode1</Sticky_mode>", "<Option/>"), "empty Option outside an update"},
       {In40("<Function_key_ID>C<", "<Function_key_ID>c<"), "function key 'c'"},
   };
+  Sim sim({});
+  const int port = sim.Port();
   for (const auto& [text, error] : cases) {
-    SCOPED_TRACE(error);
-    OapSimDocument::Request request;
-    const auto verdict = OapSimDocument::Check(text, request);
-    EXPECT_FALSE(verdict.ok);
-    EXPECT_NE(verdict.error.find(error), std::string::npos) << verdict.error;
-    EXPECT_EQ(verdict.code, OapSimDocument::kNotUnderstood);
+    EXPECT_THAT(Exchange(port, text, true),
+                HasSubstr("<Code>403</Code>\n<Text>Message not understood</Text>"));
+    EXPECT_THAT(sim.WaitFor("[sim] rejected request"), HasSubstr(error));
   }
 }
 
@@ -157,9 +156,6 @@ TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
                                    "</Interactive_Message_Response>\n</service>\n</Body>\n"
                                    "</OAP-request>")));
 
-  EXPECT_THAT(Exchange(port, kInteractive40.substr(0, 150), true),
-              HasSubstr("<Code>403</Code>\n<Text>Message not understood</Text>"));
-  EXPECT_NE(sim.WaitFor("[sim] rejected request: malformed XML"), "") << sim.out;
   EXPECT_THAT(Exchange(port, Replace(kWipeUpdate40, "version=\"4.0\"", "version=\"2.0\"")),
               HasSubstr("<Code>408</Code>"));
   // An update naming a message the handset never showed is refused.
