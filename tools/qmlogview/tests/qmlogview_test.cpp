@@ -27,14 +27,6 @@
 
 namespace {
 
-// The program run with these words after its name, to its end.
-struct View : ChildProcess {
-  explicit View(const std::vector<std::string>& args) : ChildProcess(QMLOGVIEW_PATH, args) {
-    code = Finish();
-  }
-  int code = -1;
-};
-
 TEST(LogViewOptionsTest, RefusesBadValuesCombinationsAndQuotesThatWouldReachSql) {
   for (const char* line :
        {"--level loud", "--levels 4,,5", "--page 0", "--page-size -1", "--sort size",
@@ -42,8 +34,8 @@ TEST(LogViewOptionsTest, RefusesBadValuesCombinationsAndQuotesThatWouldReachSql)
         "--level 4 --levels 5", "--follow --list-modules", "--message o'clock", "--module o'"}) {
     SCOPED_TRACE(line);
     std::istringstream words(std::string("--db x.db ") + line);
-    const View refused({std::istream_iterator<std::string>(words), {}});
-    EXPECT_EQ(refused.code, LogViewer::EXIT_USAGE);
+    ChildProcess refused(QMLOGVIEW_PATH, {std::istream_iterator<std::string>(words), {}});
+    EXPECT_EQ(refused.Finish(), LogViewer::EXIT_USAGE);
     EXPECT_FALSE(refused.err.empty());
     EXPECT_TRUE(!strchr(line, '\'') || refused.err.find("single quote") != std::string::npos);
   }
@@ -99,8 +91,8 @@ class LogViewTest : public ::testing::Test {
         args.insert(args.begin(), {"--db", m_db});
       }
       SCOPED_TRACE(args.back());
-      const View result(args);
-      EXPECT_EQ(result.code, run.code) << result.err;
+      ChildProcess result(QMLOGVIEW_PATH, args);
+      EXPECT_EQ(result.Finish(), run.code) << result.err;
       EXPECT_EQ(result.out, run.out);
       EXPECT_NE(result.err.find(run.errorHas), std::string::npos) << result.err;
     }
@@ -165,10 +157,8 @@ TEST_F(LogViewTest, EntriesStayOnOneLineInTablesAndJson) {
 TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
   const std::string config = m_folder.file("config");
   ASSERT_EQ(mkdir(config.c_str(), 0755), 0);
-  LogWriteFile(config + "/qmlogs.ini",
-               "[main]\nviewtest=db_logger\n\n[db_logger]\nwriter=sqlite\n"
-               "level=trace\ndbfilename=" +
-                   m_db + "\n");
+  const std::string section = "writer=sqlite\nlevel=trace\ndbfilename=" + m_db + "\n";
+  LogWriteFile(config + "/qmlogs.ini", "[main]\nviewtest=db_logger\n\n[db_logger]\n" + section);
   QmsysEventLogInterface* logger = QmsysEventLogInterface::CreateInstance(
       "viewtest", QmsysEventLogInterface::SINGLE_THREADED, config, "viewproc.bin");
   ASSERT_NE(logger, nullptr);
@@ -177,8 +167,9 @@ TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
   logger->Stop();
   QmsysEventLogInterface::ReleaseAll();
 
-  EXPECT_NE(View({"--config", config, "--logger", "db_logger", "--json"})
-                .out.find("\"module\":\"viewproc\",\"level\":1,\"level_name\":\"TRACE\","
+  ChildProcess json(QMLOGVIEW_PATH, {"--config", config, "--logger", "db_logger", "--json"});
+  EXPECT_EQ(json.Finish(), 0) << json.err;
+  EXPECT_NE(json.out.find("\"module\":\"viewproc\",\"level\":1,\"level_name\":\"TRACE\","
                           "\"message\":\"fine detail\""),
             std::string::npos);
   Expect(
