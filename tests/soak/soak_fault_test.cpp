@@ -84,20 +84,15 @@ TEST_F(SoakFaultTest, IdleConnectionsNeverShutTheListener) {
   std::thread holder([&] {
     for (int i = 0; i < count; ++i) idle.push_back(ConnectLoopback(listenerPort));
   });
-  std::vector<std::thread> handsets;
   std::atomic<int> resent{0};
-  for (int t = 0; t < 4; ++t) {
-    handsets.emplace_back([&, t] {
-      for (int i = t; i < count; i += 4) {
-        EXPECT_TRUE(SendInbound(listenerPort,
-                                AnswerDoc(Hex(jobs[i].GetTrackingReceipt()), "3.0", false, "N:Yes"),
-                                &resent));
-      }
-    });
-  }
+  Pusher handsets(4, [&](const std::string& answer) {
+    EXPECT_TRUE(SendInbound(listenerPort, answer, &resent));
+  });
+  for (QmReferenceJob& job : jobs)
+    handsets.Add(AnswerDoc(Hex(job.GetTrackingReceipt()), "3.0", false, "N:Yes"));
   EXPECT_TRUE(SendInbound(listenerPort, AnswerDoc("7", "3.0", false, "N:Yes"), &resent));
   holder.join();
-  for (std::thread& handset : handsets) handset.join();
+  handsets.Stop(false);
   std::cout << "[ soak ] " << count << " answers beside " << count << " idle connections, "
             << resent << " sent again after their connection was closed unread" << std::endl;
   for (QmReferenceJob& job : jobs) ExpectOneYes(job, false);
