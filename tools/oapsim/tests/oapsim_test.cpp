@@ -56,13 +56,9 @@ const std::string kWipeUpdate40 =
     "<Indication>\n<Intensity>None</Intensity>\n</Indication> \n</Message>\n"
     "<Update>\n</Update>\n<Option/>\n</Interactive_Message>\n</service>\n</Body>\n</OAP-request>";
 
-// Every occurrence replaced; the text must occur at least once.
+// The first occurrence of `from` replaced (std::out_of_range when there is none).
 std::string Replace(std::string text, const std::string& from, const std::string& to) {
-  EXPECT_NE(text.find(from), std::string::npos) << from;
-  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
-    text.replace(at, from.size(), to);
-  }
-  return text;
+  return text.replace(text.find(from), from.size(), to);
 }
 
 // Sends one request and returns the whole answer. The request goes in two
@@ -78,10 +74,9 @@ std::string Exchange(int port, const std::string& request, bool halfClose = fals
       write(fd, request.data() + half, request.size() - half) ==
           static_cast<ssize_t>(request.size()) - half) {
     if (halfClose) shutdown(fd, SHUT_WR);
-    for (ssize_t n = 1; n > 0 && poll(&waiter, 1, ChildProcess::kWaitMs) > 0;) {
-      n = read(fd, chunk, sizeof chunk);
-      if (n > 0) answer.append(chunk, static_cast<size_t>(n));
-    }
+    for (ssize_t n;
+         poll(&waiter, 1, ChildProcess::kWaitMs) > 0 && (n = read(fd, chunk, sizeof chunk)) > 0;)
+      answer.append(chunk, static_cast<size_t>(n));
   }
   close(fd);
   return answer;
