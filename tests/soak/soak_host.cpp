@@ -108,11 +108,10 @@ int main(int argc, char** argv) {
     }
   } else if (mode == "collect") {
     std::map<int, QmReferenceJob> jobs;
-    for (std::string word, receipt; std::cin >> word && word != "end";) {
+    for (std::string word; std::cin >> word && word != "end";) {
       const int index = std::atoi(word.c_str());
-      if (!(std::cin >> receipt)) return 2;
       Address(jobs[index], index, 0);
-      jobs[index].TrackingReceipt = receipt;
+      std::cin >> jobs[index].TrackingReceipt;
     }
     std::printf("ready\n");
     host.Collect(jobs);

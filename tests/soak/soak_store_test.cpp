@@ -58,26 +58,24 @@ TEST(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
       for (const auto& document : documents) pusher->Add(document.second);
       return pusher;
     };
+    ChildProcess sender =
+        startHost({"send", std::to_string(server.Port()), std::to_string(kMessages)});
+    const size_t killAfter = 1 + rng() % kMessages;
+    // Killed after a random number of sends returned (or 20 s after the last).
+    for (size_t n = 0; n < killAfter && sender.WaitFor("sent") != ""; ++n) {
+    }
+    sender.Signal(SIGKILL);
+    sender.Finish();                  // with the sends reported just before the kill
     std::map<int, std::string> sent;  // the receipts of the sends that returned
-    {
-      ChildProcess host =
-          startHost({"send", std::to_string(server.Port()), std::to_string(kMessages)});
-      const size_t killAfter = 1 + rng() % kMessages;
-      // Killed after a random number of sends returned (or 20 s after the last).
-      for (size_t n = 0; n < killAfter && host.WaitFor("sent") != ""; ++n) {
-      }
-      host.Signal(SIGKILL);
-      host.Finish();  // with the sends reported just before the kill
-      std::istringstream words(host.out);
-      for (std::string word, receipt; words >> word;) {
-        int index = 0;
-        if (word == "sent" && words >> index >> receipt) sent[index] = receipt;
-      }
+    std::istringstream words(sender.out);
+    for (std::string word, receipt; words >> word;) {
+      int index = 0;
+      if (word == "sent" && words >> index >> receipt) sent[index] = receipt;
     }
     ASSERT_FALSE(sent.empty());
     // The delivery notice and the answer of every message, in random order.
     for (const auto& [index, receipt] : sent) {
-      const Reaction& reaction = ReactionTo(index);
+      const Reaction& reaction = kReactions[index % 4];
       const std::string hexId = Hex(receipt);
       documents.push_back({"", ResponseDoc(hexId, 3, 200)});
       const std::string version = index % 2 ? "4.0" : "3.0";
