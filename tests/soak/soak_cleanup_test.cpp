@@ -26,9 +26,7 @@ const auto kPastCleanupBound = std::chrono::seconds(kSanitized ? 10 : 1);
 const char* const kRoundsSet = std::getenv("QM_SOAK_ROUNDS");
 const int kRounds = kRoundsSet != nullptr ? std::atoi(kRoundsSet) : (kSanitized ? 20 : 200);
 
-struct CleanupSoakTest : SoakDriverTest {
-  CleanupSoakTest() : SoakDriverTest(kHostThreads) {}
-};
+using CleanupSoakTest = SoakDriverTest;
 
 TEST_F(CleanupSoakTest, CleanupAtRandomMomentsWhileTheHostSendsAndAnswersArrive) {
   const unsigned seed = SoakSeed();
@@ -48,9 +46,8 @@ TEST_F(CleanupSoakTest, CleanupAtRandomMomentsWhileTheHostSendsAndAnswersArrive)
     std::atomic<bool> cleanedUp{false}, stop{false};
     Clock::time_point cleanupEnd;  // written before cleanedUp is set
     // Answers to the messages sent; refused once the listener is down.
-    Pusher pusher(kPushers, [this](const std::string& document) {
-      return SendInbound(listenerPort, document);
-    });
+    Pusher pusher(kPushers,
+                  [this](const std::string& answer) { SendInbound(listenerPort, answer); });
     std::vector<std::thread> threads;
     for (int t = 0; t < kHostThreads; ++t) {
       threads.emplace_back([&, t] {

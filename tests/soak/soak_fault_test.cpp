@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/resource.h>
 
 #include "soak_support.h"
 
@@ -69,7 +70,10 @@ TEST_F(SoakFaultTest, ServerFaultsFailTheSendAndTheDriverRecovers) {
 // driver lies past the 1024 that select could watch.
 TEST_F(SoakFaultTest, IdleConnectionsNeverShutTheListener) {
   const int count = 1000 / kSoakScale;
-  ASSERT_TRUE(RaiseDescriptorLimit(2 * count + 3072));
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, 2 * count + 3072);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0) << "hard limit " << limit.rlim_max;
   driver->Cleanup();
   std::vector<int> held;
   for (int i = 0; i < 2000; ++i) held.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -80,20 +84,15 @@ TEST_F(SoakFaultTest, IdleConnectionsNeverShutTheListener) {
   std::thread holder([&] {
     for (int i = 0; i < count; ++i) idle.push_back(ConnectLoopback(listenerPort));
   });
-  std::vector<std::thread> handsets;
   std::atomic<int> resent{0};
-  for (int t = 0; t < 4; ++t) {
-    handsets.emplace_back([&, t] {
-      for (int i = t; i < count; i += 4) {
-        EXPECT_TRUE(SendInbound(listenerPort,
-                                AnswerDoc(Hex(jobs[i].GetTrackingReceipt()), "3.0", false, "N:Yes"),
-                                &resent));
-      }
-    });
-  }
+  Pusher handsets(4, [&](const std::string& answer) {
+    EXPECT_TRUE(SendInbound(listenerPort, answer, &resent));
+  });
+  for (QmReferenceJob& job : jobs)
+    handsets.Add(AnswerDoc(Hex(job.GetTrackingReceipt()), "3.0", false, "N:Yes"));
   EXPECT_TRUE(SendInbound(listenerPort, AnswerDoc("7", "3.0", false, "N:Yes"), &resent));
   holder.join();
-  for (std::thread& handset : handsets) handset.join();
+  handsets.Stop(false);
   std::cout << "[ soak ] " << count << " answers beside " << count << " idle connections, "
             << resent << " sent again after their connection was closed unread" << std::endl;
   for (QmReferenceJob& job : jobs) ExpectOneYes(job, false);

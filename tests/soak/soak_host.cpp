@@ -3,8 +3,8 @@
 //
 //   soak_host PLUGIN STORE LISTEN_PORT send SERVER_PORT COUNT
 //     sends COUNT interactive jobs to the OAP server on 127.0.0.1, printing
-//     "sent I RECEIPT" once each send has returned, then "done"; waits for
-//     the end of its input (or its end by a signal).
+//     "sent I RECEIPT" once each send has returned; waits for the end of its
+//     input (or its end by a signal).
 //   soak_host PLUGIN STORE LISTEN_PORT collect
 //     reads "I RECEIPT" pairs up to "end", prints "ready", then queries
 //     those jobs until each was handed back twice (or a minute passed),
@@ -106,14 +106,12 @@ int main(int argc, char** argv) {
       if (host.driver->SendAMessage(&job, status))
         std::printf("sent %d %s\n", i, job.GetTrackingReceipt().c_str());
     }
-    std::printf("done\n");
   } else if (mode == "collect") {
     std::map<int, QmReferenceJob> jobs;
-    for (std::string word, receipt; std::cin >> word && word != "end";) {
+    for (std::string word; std::cin >> word && word != "end";) {
       const int index = std::atoi(word.c_str());
-      if (!(std::cin >> receipt)) return 2;
       Address(jobs[index], index, 0);
-      jobs[index].TrackingReceipt = receipt;
+      std::cin >> jobs[index].TrackingReceipt;
     }
     std::printf("ready\n");
     host.Collect(jobs);

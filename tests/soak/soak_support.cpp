@@ -68,7 +68,7 @@ void Pusher::Stop(bool drop) {
   m_threads.clear();
 }
 
-LoopbackOapServer::LoopbackOapServer(int threads) : m_listenFd(socket(AF_INET, SOCK_STREAM, 0)) {
+LoopbackOapServer::LoopbackOapServer() : m_listenFd(socket(AF_INET, SOCK_STREAM, 0)) {
   sockaddr_in address = FakeOapServer::Loopback(0);
   socklen_t length = sizeof address;
   auto* raw = reinterpret_cast<sockaddr*>(&address);
@@ -80,7 +80,7 @@ LoopbackOapServer::LoopbackOapServer(int threads) : m_listenFd(socket(AF_INET, S
   // Several threads wait on it: the one that loses the race for a
   // connection must not block in accept.
   fcntl(m_listenFd, F_SETFL, O_NONBLOCK);
-  for (int t = 0; t < threads; ++t) m_threads.emplace_back(&LoopbackOapServer::Serve, this);
+  for (int t = 0; t < 8; ++t) m_threads.emplace_back(&LoopbackOapServer::Serve, this);
 }
 
 void LoopbackOapServer::Stop() {
@@ -93,11 +93,6 @@ void LoopbackOapServer::Stop() {
 std::map<std::string, size_t> LoopbackOapServer::Requests() {
   std::lock_guard<std::mutex> guard(m_mutex);
   return m_messages;
-}
-
-void LoopbackOapServer::ForgetRequests() {
-  std::lock_guard<std::mutex> guard(m_mutex);
-  m_messages.clear();
 }
 
 void LoopbackOapServer::Serve() {
@@ -139,13 +134,6 @@ void LoopbackOapServer::ServeOne(int fd) {
   }
   shutdown(fd, SHUT_WR);
   DrainUntilClosed(fd, deadline);
-}
-
-bool RaiseDescriptorLimit(rlim_t count) {
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_max < count) return false;
-  limit.rlim_cur = std::max(limit.rlim_cur, count);
-  return setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }
 
 // Entries of a /proc folder.

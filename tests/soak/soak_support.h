@@ -1,7 +1,6 @@
 #ifndef QM_TESTS_SOAK_SOAK_SUPPORT_H
 #define QM_TESTS_SOAK_SOAK_SUPPORT_H
 
-#include <sys/resource.h>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -37,7 +36,7 @@ inline std::string Hex(const std::string& decimal) {
   return Hex(std::strtoul(decimal.c_str(), nullptr, 10));
 }
 
-// What the handset answers to message i (by i modulo 4) of the load and
+// What the handset answers to message i (at i modulo 4) of the load and
 // restart soaks, which offer "Yes" (kind 0), "Stop" (2) and "Escalate" (3):
 // the status and text the host must then see.
 struct Reaction {
@@ -46,20 +45,18 @@ struct Reaction {
   Reports::ReportsStatus status;
   std::string text;
 };
-inline const Reaction& ReactionTo(int index) {
-  static const Reaction reactions[] = {
-      {"N:Yes", false, Reports::REPLIED, "Yes"},
-      {"F:Stop", false, Reports::REPLIED_SPECIAL_A, "Stop"},
-      {"F:Escalate", false, Reports::REPLIED_SPECIAL_B, "Escalate"},
-      {"On my way", true, Reports::REPLIED_WITH, "On my way"},
-  };
-  return reactions[index % 4];
-}
+inline const Reaction kReactions[4] = {
+    {"N:Yes", false, Reports::REPLIED, "Yes"},
+    {"F:Stop", false, Reports::REPLIED_SPECIAL_A, "Stop"},
+    {"F:Escalate", false, Reports::REPLIED_SPECIAL_B, "Escalate"},
+    {"On my way", true, Reports::REPLIED_WITH, "On my way"},
+};
 // Hand-backs of a job as (status, text), in any order.
 using Backs = std::multiset<std::pair<int, std::string>>;
 // What message i is handed back as: delivered, then answered.
 inline Backs ExpectedBacks(int index) {
-  return {{Reports::DELIVERED, ""}, {ReactionTo(index).status, ReactionTo(index).text}};
+  const Reaction& reaction = kReactions[index % 4];
+  return {{Reports::DELIVERED, ""}, {reaction.status, reaction.text}};
 }
 
 // Counts for the soak runs: smaller under the sanitizers, which run every
@@ -78,9 +75,6 @@ inline unsigned SoakSeed() {
                           : static_cast<unsigned>(std::random_device()());
 }
 
-// Lets this process open at least `count` descriptors; false when the hard
-// limit is lower.
-bool RaiseDescriptorLimit(rlim_t count);
 // Threads and open descriptors of this process, and its resident set in KiB.
 size_t ThreadCount();
 size_t DescriptorCount();
@@ -112,8 +106,9 @@ class Pusher {
 
 // The OAP server side of the soak and fault tests, on 127.0.0.1. Unlike the
 // fake server of the driver tests it keeps no requests and no thread per
-// connection, so that ten thousand messages cost it nothing: a fixed number
-// of threads serve the connections, each one after another: read a request
+// connection, so that ten thousand messages cost it nothing: eight threads
+// (as many as the Cleanup soak's host threads) serve the connections, each
+// one after another: read a request
 // up to its closing tag, count the message it is about and answer class 1,
 // code 200 under the request's id, unless a fault is set. Every connection
 // ends well-mannered: half-close, then wait (bounded) until the driver has
@@ -121,7 +116,7 @@ class Pusher {
 class LoopbackOapServer {
  public:
   // Listens on a free port.
-  explicit LoopbackOapServer(int threads = 1);
+  LoopbackOapServer();
   ~LoopbackOapServer() { Stop(); }
   void Stop();
   int Port() const { return m_port; }
@@ -137,9 +132,6 @@ class LoopbackOapServer {
   // The requests about each message by its hexadecimal id: its own and the
   // updates of it that echo an answer on the handset.
   std::map<std::string, size_t> Requests();
-  // Forgets the counts. Host processes started within the same second draw
-  // the same tracking numbers, so rounds of separate hosts count afresh.
-  void ForgetRequests();
 
  private:
   void Serve();
@@ -161,7 +153,6 @@ class LoopbackOapServer {
 // and a sanitizer's own thread starts with the first thread of the process).
 class SoakDriverTest : public DriverTest {
  protected:
-  explicit SoakDriverTest(int serverThreads = 1) : server(serverThreads) {}
   void SetUp() override {
     DriverTest::SetUp();
     if (HasFatalFailure()) return;

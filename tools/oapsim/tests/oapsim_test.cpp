@@ -9,7 +9,6 @@
 #include <string>
 
 #include "../../../messenger_drivers/oap/tests/FakeOapServer.h"
-#include "OapSimDocument.h"
 #include "child_process.h"
 
 namespace {
@@ -57,13 +56,9 @@ const std::string kWipeUpdate40 =
     "<Indication>\n<Intensity>None</Intensity>\n</Indication> \n</Message>\n"
     "<Update>\n</Update>\n<Option/>\n</Interactive_Message>\n</service>\n</Body>\n</OAP-request>";
 
-// Every occurrence replaced; the text must occur at least once.
+// The first occurrence of `from` replaced (std::out_of_range when there is none).
 std::string Replace(std::string text, const std::string& from, const std::string& to) {
-  EXPECT_NE(text.find(from), std::string::npos) << from;
-  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
-    text.replace(at, from.size(), to);
-  }
-  return text;
+  return text.replace(text.find(from), from.size(), to);
 }
 
 // Sends one request and returns the whole answer. The request goes in two
@@ -79,10 +74,9 @@ std::string Exchange(int port, const std::string& request, bool halfClose = fals
       write(fd, request.data() + half, request.size() - half) ==
           static_cast<ssize_t>(request.size()) - half) {
     if (halfClose) shutdown(fd, SHUT_WR);
-    for (ssize_t n = 1; n > 0 && poll(&waiter, 1, ChildProcess::kWaitMs) > 0;) {
-      n = read(fd, chunk, sizeof chunk);
-      if (n > 0) answer.append(chunk, static_cast<size_t>(n));
-    }
+    for (ssize_t n;
+         poll(&waiter, 1, ChildProcess::kWaitMs) > 0 && (n = read(fd, chunk, sizeof chunk)) > 0;)
+      answer.append(chunk, static_cast<size_t>(n));
   }
   close(fd);
   return answer;
@@ -102,14 +96,15 @@ struct Sim : ChildProcess {
   }
 };
 
-// Malformed XML and an unknown version are refused in the program's run.
-TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
+// Requests the simulator refuses as not understood, each with its reason.
+TEST(OapSimProcessTest, RejectsMalformedRequestsWithReason) {
   std::string deep = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
   for (int i = 0; i < 80; ++i) deep += "<a>";
   const auto In30 = [](auto from, auto to) { return Replace(kInteractive30, from, to); };
   const auto In40 = [](auto from, auto to) { return Replace(kInteractive40, from, to); };
   const auto Wipe40 = [](auto from, auto to) { return Replace(kWipeUpdate40, from, to); };
   const std::vector<std::pair<std::string, const char*>> cases{
+      {kInteractive40.substr(0, 150), "malformed XML"},
       {deep, "nested more than"},
       {kInteractive40.substr(kInteractive40.find('\n') + 1), "no XML declaration"},
       {Replace(In30("ISO-8859-1", "UTF-8"), "\xe9", "e"), "expected ISO-8859-1"},
@@ -123,13 +118,12 @@ TEST(OapSimDocumentTest, RejectsMalformedRequestsWithReason) {
       {In40("<Sticky_mode>mode1</Sticky_mode>", "<Option/>"), "empty Option outside an update"},
       {In40("<Function_key_ID>C<", "<Function_key_ID>c<"), "function key 'c'"},
   };
+  Sim sim({});
+  const int port = sim.Port();
   for (const auto& [text, error] : cases) {
-    SCOPED_TRACE(error);
-    OapSimDocument::Request request;
-    const auto verdict = OapSimDocument::Check(text, request);
-    EXPECT_FALSE(verdict.ok);
-    EXPECT_NE(verdict.error.find(error), std::string::npos) << verdict.error;
-    EXPECT_EQ(verdict.code, OapSimDocument::kNotUnderstood);
+    EXPECT_THAT(Exchange(port, text, true),
+                HasSubstr("<Code>403</Code>\n<Text>Message not understood</Text>"));
+    EXPECT_THAT(sim.WaitFor("[sim] rejected request"), HasSubstr(error));
   }
 }
 
@@ -157,9 +151,6 @@ TEST(OapSimProcessTest, AnswersPlaysHandsetsAndTakesCommandsOrSaysWhyNot) {
                                    "</Interactive_Message_Response>\n</service>\n</Body>\n"
                                    "</OAP-request>")));
 
-  EXPECT_THAT(Exchange(port, kInteractive40.substr(0, 150), true),
-              HasSubstr("<Code>403</Code>\n<Text>Message not understood</Text>"));
-  EXPECT_NE(sim.WaitFor("[sim] rejected request: malformed XML"), "") << sim.out;
   EXPECT_THAT(Exchange(port, Replace(kWipeUpdate40, "version=\"4.0\"", "version=\"2.0\"")),
               HasSubstr("<Code>408</Code>"));
   // An update naming a message the handset never showed is refused.

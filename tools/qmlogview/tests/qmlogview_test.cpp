@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <iterator>
 #include <memory>
 #include <sstream>
@@ -20,20 +19,13 @@
 #include <tuple>
 #include <vector>
 
+#include "../../../runtime/tests/log_test_util.h"
 #include "../../oapsim/tests/child_process.h"
 #include "LogViewer.h"
 #include "QmLogSQLiteProcessor.h"
 #include "QmsysEventLogInterface.h"
 
 namespace {
-
-// The program run with these words after its name, to its end.
-struct View : ChildProcess {
-  explicit View(const std::vector<std::string>& args) : ChildProcess(QMLOGVIEW_PATH, args) {
-    code = Finish();
-  }
-  int code = -1;
-};
 
 TEST(LogViewOptionsTest, RefusesBadValuesCombinationsAndQuotesThatWouldReachSql) {
   for (const char* line :
@@ -42,8 +34,8 @@ TEST(LogViewOptionsTest, RefusesBadValuesCombinationsAndQuotesThatWouldReachSql)
         "--level 4 --levels 5", "--follow --list-modules", "--message o'clock", "--module o'"}) {
     SCOPED_TRACE(line);
     std::istringstream words(std::string("--db x.db ") + line);
-    const View refused({std::istream_iterator<std::string>(words), {}});
-    EXPECT_EQ(refused.code, LogViewer::EXIT_USAGE);
+    ChildProcess refused(QMLOGVIEW_PATH, {std::istream_iterator<std::string>(words), {}});
+    EXPECT_EQ(refused.Finish(), LogViewer::EXIT_USAGE);
     EXPECT_FALSE(refused.err.empty());
     EXPECT_TRUE(!strchr(line, '\'') || refused.err.find("single quote") != std::string::npos);
   }
@@ -67,14 +59,7 @@ const time_t kBase = 1700000000;  // 2023-11-14 22:13:20 UTC
 
 class LogViewTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    setenv("TZ", "UTC", 1);  // the viewer shows times in UTC
-    char pattern[] = "/tmp/qmlogview_test_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    m_dir = pattern;
-    m_db = m_dir + "/log.db";
-  }
-  void TearDown() override { std::system(("rm -rf '" + m_dir + "'").c_str()); }
+  void SetUp() override { setenv("TZ", "UTC", 1); }  // the viewer shows times in UTC
 
   // agent: INFO started, WARN disk low, ERROR write failed, DEBUG tick and
   // tock at +0, +60, +120, +180 s; web.front-1: CRITICAL at +30, INFO at +90.
@@ -106,15 +91,15 @@ class LogViewTest : public ::testing::Test {
         args.insert(args.begin(), {"--db", m_db});
       }
       SCOPED_TRACE(args.back());
-      const View result(args);
-      EXPECT_EQ(result.code, run.code) << result.err;
+      ChildProcess result(QMLOGVIEW_PATH, args);
+      EXPECT_EQ(result.Finish(), run.code) << result.err;
       EXPECT_EQ(result.out, run.out);
       EXPECT_NE(result.err.find(run.errorHas), std::string::npos) << result.err;
     }
   }
 
-  std::string m_dir;
-  std::string m_db;
+  LogTempDir m_folder;
+  const std::string m_db = m_folder.file("log.db");
 };
 
 // Pages cut all modules as one list; entries of one second are ordered by
@@ -170,11 +155,10 @@ TEST_F(LogViewTest, EntriesStayOnOneLineInTablesAndJson) {
 // Entries written by a logger configured for SQLite, read back through the
 // logging configuration that names its database.
 TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
-  const std::string config = m_dir + "/config";
-  ASSERT_EQ(std::system(("mkdir -p '" + config + "' '" + m_dir + "/logs'").c_str()), 0);
-  std::ofstream(config + "/qmlogs.ini")
-      << "[main]\nviewtest=db_logger\n\n[db_logger]\n"
-      << "writer=sqlite\nlevel=trace\ndbfilename=" << m_db << "\n";
+  const std::string config = m_folder.file("config");
+  ASSERT_EQ(mkdir(config.c_str(), 0755), 0);
+  const std::string section = "writer=sqlite\nlevel=trace\ndbfilename=" + m_db + "\n";
+  LogWriteFile(config + "/qmlogs.ini", "[main]\nviewtest=db_logger\n\n[db_logger]\n" + section);
   QmsysEventLogInterface* logger = QmsysEventLogInterface::CreateInstance(
       "viewtest", QmsysEventLogInterface::SINGLE_THREADED, config, "viewproc.bin");
   ASSERT_NE(logger, nullptr);
@@ -183,13 +167,14 @@ TEST_F(LogViewTest, ReadsEntriesWrittenByAConfiguredSqliteLogger) {
   logger->Stop();
   QmsysEventLogInterface::ReleaseAll();
 
-  EXPECT_NE(View({"--config", config, "--logger", "db_logger", "--json"})
-                .out.find("\"module\":\"viewproc\",\"level\":1,\"level_name\":\"TRACE\","
+  ChildProcess json(QMLOGVIEW_PATH, {"--config", config, "--logger", "db_logger", "--json"});
+  EXPECT_EQ(json.Finish(), 0) << json.err;
+  EXPECT_NE(json.out.find("\"module\":\"viewproc\",\"level\":1,\"level_name\":\"TRACE\","
                           "\"message\":\"fine detail\""),
             std::string::npos);
   Expect(
       {{{"--config", config, "--logger", "common"}, "", 1, "does not write to an SQLite database"},
-       {{"--config", m_dir + "/nowhere"}, "", 1, "cannot read logging configuration"}});
+       {{"--config", m_folder.file("nowhere")}, "", 1, "cannot read logging configuration"}});
 }
 
 TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
@@ -198,11 +183,11 @@ TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
   WriteSample();
   const std::string ghost = "unknown module 'ghost' in " + m_db + " (known: agent, web.front-1)";
   Expect({{{"--module", "agent", "--module", "ghost"}, "", 1, ghost}});
-  std::ofstream(m_db) << "this is not a database, just some text long enough to be read";
+  LogWriteFile(m_db, "this is not a database, just some text long enough to be read");
   Expect({{{}, "", 1, "cannot open log database"}});
 
   // A rollback-journal database held under an exclusive transaction.
-  const std::string locked = m_dir + "/locked.db";
+  const std::string locked = m_folder.file("locked.db");
   sqlite3* holder = nullptr;
   ASSERT_EQ(sqlite3_open(locked.c_str(), &holder), SQLITE_OK);
   const auto Exec = [&holder](const char* sql) {
@@ -217,8 +202,7 @@ TEST_F(LogViewTest, RefusesBadRequestsAndMissingBrokenOrLockedDatabases) {
   sqlite3_close(holder);
   Expect({{{"--db", locked}, "No matching log entries.\n"}});
   // Byte 18 of the file: 1 for a rollback journal, 2 for a write-ahead log.
-  std::ifstream file(locked, std::ios::binary);
-  EXPECT_EQ(file.seekg(18).get(), 1);
+  EXPECT_EQ(LogReadFile(locked).at(18), 1);
 }
 
 // Without a start time only entries written after the start are shown; with
@@ -268,14 +252,14 @@ TEST_F(LogViewTest, ReadsADatabaseOfAnotherUser) {
   ASSERT_TRUE(writer->writeLogRecord("agent", "second", kBase + 1, 3, "f", 2));
   // Alongside its writer, then alone.
   for (const std::string warning : {"", "showing it as stored on disk"}) {
-    chmod(m_dir.c_str(), root ? 0755 : 0555);
+    chmod(m_folder.path().c_str(), root ? 0755 : 0555);
     ChildProcess run(root ? "/usr/bin/setpriv" : QMLOGVIEW_PATH,
                      {args.begin() + !root, args.end()});
     EXPECT_EQ(run.Finish(), 0) << run.err;
     EXPECT_EQ(run.out, table);
     EXPECT_TRUE(warning.empty() ? run.err.empty() : run.err.find(warning) != std::string::npos)
         << run.err;
-    chmod(m_dir.c_str(), 0755);
+    chmod(m_folder.path().c_str(), 0755);
     writer.reset();
   }
 }
