@@ -4,9 +4,10 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <utility>
+
+#include "../../runtime/tests/log_test_util.h"
 
 namespace {
 
@@ -136,19 +137,12 @@ void LoopbackOapServer::ServeOne(int fd) {
   DrainUntilClosed(fd, deadline);
 }
 
-// Entries of a /proc folder.
-size_t EntriesIn(const char* folder) {
-  std::error_code error;
-  std::filesystem::directory_iterator entries(folder, error);
-  return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-}
-
 size_t ThreadCount() {
-  return EntriesIn("/proc/self/task");
+  return static_cast<size_t>(FolderEntries("/proc/self/task"));
 }
 
 size_t DescriptorCount() {
-  return EntriesIn("/proc/self/fd") - 1;  // the folder read itself
+  return static_cast<size_t>(FolderEntries("/proc/self/fd")) - 1;  // the folder read itself
 }
 
 long ResidentKiB() {
