@@ -108,11 +108,10 @@ class Pusher {
 // fake server of the driver tests it keeps no requests and no thread per
 // connection, so that ten thousand messages cost it nothing: eight threads
 // (as many as the Cleanup soak's host threads) serve the connections, each
-// one after another: read a request
-// up to its closing tag, count the message it is about and answer class 1,
-// code 200 under the request's id, unless a fault is set. Every connection
-// ends well-mannered: half-close, then wait (bounded) until the driver has
-// closed its end.
+// one after another: read a request up to its closing tag, count the message
+// it is about and answer class 1, code 200 under the request's id, unless a
+// fault is set. Every connection ends well-mannered: half-close, then wait
+// (bounded) until the driver has closed its end.
 class LoopbackOapServer {
  public:
   // Listens on a free port.
