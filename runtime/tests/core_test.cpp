@@ -16,7 +16,7 @@
 #include "QmconThread.h"
 #include "QmioException.h"
 #include "log_test_util.h"
-#include "recording_logger.h"
+#include "test_support.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include "QmconFunctions.h"
 #include "QmioException.h"
 #include "log_test_util.h"
-#include "recording_logger.h"
+#include "test_support.h"
 
 // An I/O exception reads as its message and path (see Thrown).
 inline std::string ThrownText(const QmioException& e) {

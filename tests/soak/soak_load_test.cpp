@@ -31,7 +31,7 @@ class SoakLoadTest : public SoakDriverTest {
     Status status = Reports::NO_STATUS;
     if (!driver->SendAMessage(&plan.job, status)) return false;
     const std::string hexId = Hex(plan.job.GetTrackingReceipt());
-    const Reaction& reaction = kReactions[index % 4];
+    const Reaction& reaction = ReactionTo(index);
     pusher.Add(ResponseDoc(hexId, 3, 200));
     pusher.Add(AnswerDoc(hexId, plan.job.OapVersion, reaction.typed, reaction.value));
     return true;

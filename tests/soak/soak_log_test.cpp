@@ -21,7 +21,7 @@
 #include "QmsysEventLogMultiThreaded.h"
 #include "QmsysEventLogSingleThreaded.h"
 #include "log_test_util.h"
-#include "recording_logger.h"
+#include "test_support.h"
 
 namespace {
 

@@ -75,7 +75,7 @@ TEST(RestartSoakTest, KilledAtRandomMomentsWhileSendingAndAnswering) {
     ASSERT_FALSE(sent.empty());
     // The delivery notice and the answer of every message, in random order.
     for (const auto& [index, receipt] : sent) {
-      const Reaction& reaction = kReactions[index % 4];
+      const Reaction& reaction = ReactionTo(index);
       const std::string hexId = Hex(receipt);
       documents.push_back({"", ResponseDoc(hexId, 3, 200)});
       const std::string version = index % 2 ? "4.0" : "3.0";

@@ -51,12 +51,14 @@ inline const Reaction kReactions[4] = {
     {"F:Escalate", false, Reports::REPLIED_SPECIAL_B, "Escalate"},
     {"On my way", true, Reports::REPLIED_WITH, "On my way"},
 };
+inline const Reaction& ReactionTo(int index) {
+  return kReactions[index % 4];
+}
 // Hand-backs of a job as (status, text), in any order.
 using Backs = std::multiset<std::pair<int, std::string>>;
 // What message i is handed back as: delivered, then answered.
 inline Backs ExpectedBacks(int index) {
-  const Reaction& reaction = kReactions[index % 4];
-  return {{Reports::DELIVERED, ""}, {reaction.status, reaction.text}};
+  return {{Reports::DELIVERED, ""}, {ReactionTo(index).status, ReactionTo(index).text}};
 }
 
 // Counts for the soak runs: smaller under the sanitizers, which run every

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "../../../runtime/tests/recording_logger.h"
+#include "../../../runtime/tests/test_support.h"
 #include "FakeOapServer.h"
 #include "QmDriverLoader.h"
 #include "QmReferenceJob.h"

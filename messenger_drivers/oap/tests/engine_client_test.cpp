@@ -4,7 +4,7 @@
 // threads sending and querying while answers arrive are the load soak's.
 #include <gtest/gtest.h>
 
-#include "../../../runtime/tests/recording_logger.h"
+#include "../../../runtime/tests/test_support.h"
 #include "FakeOapServer.h"
 #include "MessageBody.h"
 #include "OAPBlockHeader.h"

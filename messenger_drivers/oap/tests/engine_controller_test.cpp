@@ -11,7 +11,7 @@
 #include <string>
 #include <tuple>
 
-#include "../../../runtime/tests/recording_logger.h"
+#include "../../../runtime/tests/test_support.h"
 #include "FakeOapServer.h"
 #include "MessageBody.h"
 #include "OAPClient.h"

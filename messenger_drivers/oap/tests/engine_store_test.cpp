@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "../../../runtime/tests/recording_logger.h"
+#include "../../../runtime/tests/test_support.h"
 #include "MessageBody.h"
 #include "OAPMemoryMessageStore.h"
 #include "OAPMessageCodec.h"

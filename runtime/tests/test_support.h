@@ -1,5 +1,8 @@
-#ifndef QM_RUNTIME_TESTS_RECORDING_LOGGER_H
-#define QM_RUNTIME_TESTS_RECORDING_LOGGER_H
+#ifndef QM_RUNTIME_TESTS_TEST_SUPPORT_H
+#define QM_RUNTIME_TESTS_TEST_SUPPORT_H
+
+// What the runtime, driver, soak and tool tests share: a logger that records
+// what it is given, and a bounded wait for states nothing signals.
 
 #include <chrono>
 #include <condition_variable>
